@@ -1,0 +1,43 @@
+# Top-level entry points. Everything builds out of tree under build/ (or
+# build-asan/ for the sanitizer pass); packages the build needs are installed
+# first when we run as root on a Debian machine.
+
+BUILD      ?= build
+BUILD_TYPE ?= RelWithDebInfo
+CMAKE_ARGS ?=
+CTEST_ARGS ?=
+JOBS       ?= $(shell nproc)
+
+.PHONY: all deps configure build test run bench soak asan clean
+
+all: build
+
+deps:
+	@sh tools/install-deps.sh
+
+$(BUILD)/build.ninja:
+	@sh tools/install-deps.sh
+	cmake -S . -B $(BUILD) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_ARGS)
+
+configure: $(BUILD)/build.ninja
+
+build: configure
+	cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
+
+run: build
+	sh tools/demo.sh $(BUILD)
+
+bench: build
+	$(BUILD)/bench/sfl_bench --out bench-results.json
+
+soak: build
+	SFL_STRESS_PROCS=16 SFL_STRESS_OPS=20000 $(BUILD)/tests/stress_test
+
+asan:
+	$(MAKE) test BUILD=build-asan BUILD_TYPE=Debug CMAKE_ARGS="-DSFL_SANITIZE=ON $(CMAKE_ARGS)"
+
+clean:
+	rm -rf build build-asan

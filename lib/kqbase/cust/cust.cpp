@@ -1,0 +1,70 @@
+// cust_: configuration lookup (environment first, then the SFL_CONFIG file).
+#include "cust.h"
+
+#include <cstdlib>
+#include <deque>
+#include <fcntl.h>
+#include <map>
+#include <string>
+
+#include "os.h"
+
+namespace {
+
+bool g_loaded = false;
+std::map<std::string, std::string> g_file;
+std::deque<std::string> g_envCopies;  // stable storage for returned env values
+
+std::string trim(const std::string& s) {
+  size_t b = s.find_first_not_of(" \t\r");
+  if (b == std::string::npos) return std::string();
+  size_t e = s.find_last_not_of(" \t\r");
+  return s.substr(b, e - b + 1);
+}
+
+void loadFile() {
+  g_loaded = true;
+  g_file.clear();
+  const char* path = std::getenv("SFL_CONFIG");
+  if (path == nullptr || *path == '\0') return;
+  int fd = os_open(path, O_RDONLY);
+  if (fd < 0) return;
+  std::string text;
+  char buf[4096];
+  ssize_t n;
+  while ((n = os_read(fd, buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
+  os_close(fd);
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t eol = text.find('\n', pos);
+    if (eol == std::string::npos) eol = text.size();
+    std::string line = trim(text.substr(pos, eol - pos));
+    pos = eol + 1;
+    if (line.empty() || line[0] == '#') continue;
+    size_t eq = line.find('=');
+    if (eq == std::string::npos) continue;
+    g_file[trim(line.substr(0, eq))] = trim(line.substr(eq + 1));
+  }
+}
+
+}  // namespace
+
+const char* cust_GetCustomiseInfo(const char* key) {
+  if (key == nullptr) return nullptr;
+  if (const char* v = std::getenv(key)) {
+    // Copy: the caller may keep the pointer while the environment changes.
+    for (const std::string& s : g_envCopies)
+      if (s == v) return s.c_str();
+    if (g_envCopies.size() > 256) g_envCopies.clear();
+    g_envCopies.emplace_back(v);
+    return g_envCopies.back().c_str();
+  }
+  if (!g_loaded) loadFile();
+  auto it = g_file.find(key);
+  return it == g_file.end() ? nullptr : it->second.c_str();
+}
+
+void cust_Reload() {
+  g_loaded = false;
+  g_file.clear();
+}

@@ -1,0 +1,13 @@
+// cust_: configuration by key. A key is looked up first as an environment
+// variable of the same name, then in the key=value file named by the
+// environment variable SFL_CONFIG. An absent key gives null.
+#ifndef KQ_CUST_H
+#define KQ_CUST_H
+
+// Returns the value of `key`, or null when the key is absent. The pointer
+// stays valid until cust_Reload.
+const char* cust_GetCustomiseInfo(const char* key);
+// Forgets what was read from the configuration file (tests change it).
+void cust_Reload();
+
+#endif  // KQ_CUST_H

@@ -1,0 +1,99 @@
+// ext_: bit-set search and update, scanning whole 64-bit words where it can.
+#include "ext.h"
+
+#include <algorithm>
+#include <cstring>
+#include <pwd.h>
+#include <unistd.h>
+
+#include "cust.h"
+
+namespace {
+
+// Loads the 64 bits starting at bit 64*w, with bits beyond the map set to
+// the complement of `value` so that they never extend a run.
+uint64_t loadWord(const uint8_t* map, uint32_t lenBytes, uint64_t w, int value) {
+  uint64_t byte = w * 8;
+  uint64_t word = 0;
+  uint64_t avail = lenBytes - byte;
+  if (avail >= 8) {
+    std::memcpy(&word, map + byte, 8);  // host is little-endian, as is the map
+    return word;
+  }
+  std::memcpy(&word, map + byte, static_cast<size_t>(avail));
+  uint64_t validMask = avail == 0 ? 0 : (~uint64_t{0} >> (64 - avail * 8));
+  return value ? (word & validMask) : (word | ~validMask);
+}
+
+bool getBit(const uint8_t* map, uint64_t bit) { return (map[bit >> 3] >> (bit & 7)) & 1; }
+
+}  // namespace
+
+int64_t ext_FindBits(const uint8_t* map, uint32_t lenBytes, uint32_t count, int value) {
+  if (count == 0) return -1;
+  const uint64_t totalBits = uint64_t{lenBytes} * 8;
+  if (count > totalBits) return -1;
+  const uint64_t words = (uint64_t{lenBytes} + 7) / 8;
+  uint64_t runStart = 0, runLen = 0;
+  for (uint64_t w = 0; w < words; ++w) {
+    uint64_t word = loadWord(map, lenBytes, w, value);
+    uint64_t match = value ? word : ~word;  // 1 where the bit equals value
+    if (match == ~uint64_t{0}) {
+      if (runLen == 0) runStart = w * 64;
+      runLen += 64;
+      if (runLen >= count) return static_cast<int64_t>(runStart);
+      continue;
+    }
+    if (match == 0) {
+      runLen = 0;
+      continue;
+    }
+    for (unsigned b = 0; b < 64; ++b) {
+      if ((match >> b) & 1) {
+        if (runLen == 0) runStart = w * 64 + b;
+        if (++runLen >= count) return static_cast<int64_t>(runStart);
+      } else {
+        runLen = 0;
+      }
+    }
+  }
+  return -1;
+}
+
+void ext_SetBits(uint8_t* map, uint32_t lenBytes, uint32_t first, uint32_t count, int value) {
+  const uint64_t totalBits = uint64_t{lenBytes} * 8;
+  uint64_t bit = first;
+  uint64_t end = std::min<uint64_t>(uint64_t{first} + count, totalBits);
+  while (bit < end && (bit & 7) != 0) {
+    if (value) map[bit >> 3] |= static_cast<uint8_t>(1u << (bit & 7));
+    else map[bit >> 3] &= static_cast<uint8_t>(~(1u << (bit & 7)));
+    ++bit;
+  }
+  if (end - bit >= 8) {
+    uint64_t bytes = (end - bit) / 8;
+    std::memset(map + (bit >> 3), value ? 0xFF : 0x00, static_cast<size_t>(bytes));
+    bit += bytes * 8;
+  }
+  while (bit < end) {
+    if (value) map[bit >> 3] |= static_cast<uint8_t>(1u << (bit & 7));
+    else map[bit >> 3] &= static_cast<uint8_t>(~(1u << (bit & 7)));
+    ++bit;
+  }
+}
+
+bool ext_CheckBits(const uint8_t* map, uint32_t lenBytes, uint32_t first, uint32_t count, int value) {
+  const uint64_t totalBits = uint64_t{lenBytes} * 8;
+  if (uint64_t{first} + count > totalBits) return false;
+  for (uint64_t bit = first; bit < uint64_t{first} + count; ++bit) {
+    if (getBit(map, bit) != (value != 0)) return false;
+  }
+  return true;
+}
+
+int ext_ChownToVessant(const char* path) {
+  const char* user = cust_GetCustomiseInfo("SFL_SERVICE_USER");
+  if (user == nullptr || *user == '\0') return 0;
+  struct passwd* pw = getpwnam(user);
+  if (pw == nullptr) return -1;
+  return chown(path, pw->pw_uid, pw->pw_gid);
+}

@@ -1,0 +1,382 @@
+// os_: thin wrappers over the system calls, with the test switch and counters.
+#include "os.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/msg.h>
+#include <sys/wait.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include "er.h"
+
+namespace {
+
+struct Fault {
+  unsigned countdown = 0;  // 0: no fault pending
+  bool fail = false;
+  int err = 0;
+  size_t maxBytes = 0;
+};
+
+std::array<uint64_t, os_OpCount> g_counts{};
+std::array<Fault, os_OpCount> g_faults{};
+
+// Counts the call and reports whether this call is the one to fail or to
+// come up short. Returns 0 for a normal call, 1 for a failure (errno set),
+// 2 for a short transfer (limit in *maxBytes).
+int enter(os_Op op, size_t* maxBytes = nullptr) {
+  int i = static_cast<int>(op);
+  ++g_counts[i];
+  Fault& f = g_faults[i];
+  if (f.countdown == 0) return 0;
+  if (--f.countdown != 0) return 0;
+  if (f.fail) {
+    errno = f.err;
+    return 1;
+  }
+  if (maxBytes != nullptr) {
+    *maxBytes = f.maxBytes;
+    return 2;
+  }
+  return 0;
+}
+
+size_t limit(int verdict, size_t maxBytes, size_t len) {
+  return verdict == 2 && maxBytes < len ? maxBytes : len;
+}
+
+}  // namespace
+
+const char* os_OpName(os_Op op) {
+  static const char* const names[] = {
+      "open", "close", "read", "write", "pread", "pwrite", "lseek", "fstat", "stat",
+      "fdatasync", "fsync", "ftruncate", "lock", "flock", "rename", "unlink", "link", "mkdir",
+      "rmdir", "malloc", "fopen", "fclose", "fread", "fwrite", "fseek", "ftell", "fgets",
+      "fflush", "msgget", "msgsnd", "msgrcv", "msgctl", "mmap", "munmap", "kill", "fork"};
+  static_assert(sizeof names / sizeof names[0] == os_OpCount);
+  return names[static_cast<int>(op)];
+}
+
+void os_FailNth(os_Op op, unsigned nth, int err) {
+  g_faults[static_cast<int>(op)] = Fault{nth, true, err, 0};
+}
+
+void os_ShortNth(os_Op op, unsigned nth, size_t maxBytes) {
+  g_faults[static_cast<int>(op)] = Fault{nth, false, 0, maxBytes};
+}
+
+void os_ClearFaults() { g_faults = {}; }
+
+uint64_t os_CallCount(os_Op op) { return g_counts[static_cast<int>(op)]; }
+
+void os_ResetCallCounts() { g_counts = {}; }
+
+// ---- descriptors -------------------------------------------------------
+
+int os_open(const char* path, int flags, mode_t mode) {
+  if (enter(os_Op::Open)) return -1;
+  int fd;
+  do fd = ::open(path, flags | O_CLOEXEC, mode);
+  while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+int os_close(int fd) {
+  if (enter(os_Op::Close)) return -1;
+  return ::close(fd);
+}
+
+ssize_t os_read(int fd, void* buf, size_t len) {
+  size_t maxBytes = 0;
+  int v = enter(os_Op::Read, &maxBytes);
+  if (v == 1) return -1;
+  ssize_t n;
+  do n = ::read(fd, buf, limit(v, maxBytes, len));
+  while (n < 0 && errno == EINTR);
+  return n;
+}
+
+ssize_t os_write(int fd, const void* buf, size_t len) {
+  size_t maxBytes = 0;
+  int v = enter(os_Op::Write, &maxBytes);
+  if (v == 1) return -1;
+  ssize_t n;
+  do n = ::write(fd, buf, limit(v, maxBytes, len));
+  while (n < 0 && errno == EINTR);
+  return n;
+}
+
+ssize_t os_pread(int fd, void* buf, size_t len, off_t off) {
+  size_t maxBytes = 0;
+  int v = enter(os_Op::Pread, &maxBytes);
+  if (v == 1) return -1;
+  ssize_t n;
+  do n = ::pread(fd, buf, limit(v, maxBytes, len), off);
+  while (n < 0 && errno == EINTR);
+  return n;
+}
+
+ssize_t os_pwrite(int fd, const void* buf, size_t len, off_t off) {
+  size_t maxBytes = 0;
+  int v = enter(os_Op::Pwrite, &maxBytes);
+  if (v == 1) return -1;
+  ssize_t n;
+  do n = ::pwrite(fd, buf, limit(v, maxBytes, len), off);
+  while (n < 0 && errno == EINTR);
+  return n;
+}
+
+off_t os_lseek(int fd, off_t off, int whence) {
+  if (enter(os_Op::Lseek)) return -1;
+  return ::lseek(fd, off, whence);
+}
+
+int os_fstat(int fd, struct stat* st) {
+  if (enter(os_Op::Fstat)) return -1;
+  return ::fstat(fd, st);
+}
+
+int os_stat(const char* path, struct stat* st) {
+  if (enter(os_Op::Stat)) return -1;
+  return ::stat(path, st);
+}
+
+int os_fdatasync(int fd) {
+  if (enter(os_Op::Fdatasync)) return -1;
+  return ::fdatasync(fd);
+}
+
+int os_fsync(int fd) {
+  if (enter(os_Op::Fsync)) return -1;
+  return ::fsync(fd);
+}
+
+int os_ftruncate(int fd, off_t len) {
+  if (enter(os_Op::Ftruncate)) return -1;
+  return ::ftruncate(fd, len);
+}
+
+int os_rename(const char* from, const char* to) {
+  if (enter(os_Op::Rename)) return -1;
+  return ::rename(from, to);
+}
+
+int os_unlink(const char* path) {
+  if (enter(os_Op::Unlink)) return -1;
+  return ::unlink(path);
+}
+
+int os_link(const char* from, const char* to) {
+  if (enter(os_Op::Link)) return -1;
+  return ::link(from, to);
+}
+
+int os_mkdir(const char* path, mode_t mode) {
+  if (enter(os_Op::Mkdir)) return -1;
+  return ::mkdir(path, mode);
+}
+
+int os_rmdir(const char* path) {
+  if (enter(os_Op::Rmdir)) return -1;
+  return ::rmdir(path);
+}
+
+// ---- locks ---------------------------------------------------------------
+
+int os_TryLockPart(int fd, int mode, int whence, uint32_t offLow, uint32_t offHigh, uint32_t lenLow,
+                   uint32_t lenHigh) {
+  if (enter(os_Op::Lock)) return 0;
+  struct flock fl;
+  std::memset(&fl, 0, sizeof fl);
+  const bool nowait = (mode & OS_LOCK_NOWAIT) != 0;
+  switch (mode & ~OS_LOCK_NOWAIT) {
+    case OS_LOCK_SHARED: fl.l_type = F_RDLCK; break;
+    case OS_LOCK_EXCL: fl.l_type = F_WRLCK; break;
+    case OS_LOCK_RELEASE: fl.l_type = F_UNLCK; break;
+    default: errno = EINVAL; return 0;
+  }
+  fl.l_whence = static_cast<short>(whence);
+  fl.l_start = static_cast<off_t>((static_cast<uint64_t>(offHigh) << 32) | offLow);
+  fl.l_len = static_cast<off_t>((static_cast<uint64_t>(lenHigh) << 32) | lenLow);
+  fl.l_pid = 0;  // required for open-file-description locks
+  const int cmd = (fl.l_type == F_UNLCK || nowait) ? F_OFD_SETLK : F_OFD_SETLKW;
+  int rc;
+  do rc = ::fcntl(fd, cmd, &fl);
+  while (rc < 0 && errno == EINTR);
+  return rc == 0 ? 1 : 0;
+}
+
+int os_flock(int fd, int op) {
+  if (enter(os_Op::Flock)) return -1;
+  int rc;
+  do rc = ::flock(fd, op);
+  while (rc < 0 && errno == EINTR);
+  return rc;
+}
+
+// ---- memory --------------------------------------------------------------
+
+void* os_malloc(size_t n) {
+  if (enter(os_Op::Malloc)) return nullptr;
+  return std::malloc(n == 0 ? 1 : n);
+}
+
+void* os_calloc(size_t n, size_t size) {
+  if (enter(os_Op::Malloc)) return nullptr;
+  return std::calloc(n == 0 ? 1 : n, size == 0 ? 1 : size);
+}
+
+void* os_realloc(void* p, size_t n) {
+  if (enter(os_Op::Malloc)) return nullptr;
+  return std::realloc(p, n == 0 ? 1 : n);
+}
+
+void os_free(void* p) { std::free(p); }
+
+void* os_mmap(void* addr, size_t len, int prot, int flags, int fd, off_t off) {
+  if (enter(os_Op::Mmap)) return MAP_FAILED;
+  return ::mmap(addr, len, prot, flags, fd, off);
+}
+
+int os_munmap(void* addr, size_t len) {
+  if (enter(os_Op::Munmap)) return -1;
+  return ::munmap(addr, len);
+}
+
+// ---- stdio streams ---------------------------------------------------------
+
+FILE* os_fopen(const char* path, const char* mode) {
+  if (enter(os_Op::Fopen)) return nullptr;
+  std::string m(mode);
+  m += 'e';  // close-on-exec
+  return std::fopen(path, m.c_str());
+}
+
+int os_fclose(FILE* f) {
+  if (enter(os_Op::Fclose)) {
+    std::fclose(f);  // the stream is gone either way; report the failure
+    return EOF;
+  }
+  return std::fclose(f);
+}
+
+size_t os_fread(void* buf, size_t size, size_t count, FILE* f) {
+  size_t maxBytes = 0;
+  int v = enter(os_Op::Fread, &maxBytes);
+  if (v == 1) return 0;
+  if (v == 2 && size > 0) count = std::min(count, maxBytes / size);
+  return std::fread(buf, size, count, f);
+}
+
+size_t os_fwrite(const void* buf, size_t size, size_t count, FILE* f) {
+  size_t maxBytes = 0;
+  int v = enter(os_Op::Fwrite, &maxBytes);
+  if (v == 1) return 0;
+  if (v == 2 && size > 0) count = std::min(count, maxBytes / size);
+  return std::fwrite(buf, size, count, f);
+}
+
+int os_fseek(FILE* f, long off, int whence) {
+  if (enter(os_Op::Fseek)) return -1;
+  return std::fseek(f, off, whence);
+}
+
+long os_ftell(FILE* f) {
+  if (enter(os_Op::Ftell)) return -1;
+  return std::ftell(f);
+}
+
+char* os_fgets(char* buf, int len, FILE* f) {
+  if (enter(os_Op::Fgets)) return nullptr;
+  return std::fgets(buf, len, f);
+}
+
+int os_fflush(FILE* f) {
+  if (enter(os_Op::Fflush)) return EOF;
+  return std::fflush(f);
+}
+
+int os_fileno(FILE* f) { return ::fileno(f); }
+
+// ---- System V message queues ---------------------------------------------
+
+namespace {
+constexpr size_t kMaxText = 8192;
+struct NativeMsg {
+  long mtype;
+  char mtext[kMaxText];
+};
+}  // namespace
+
+int os_msgget(key_t key, int flags) {
+  if (enter(os_Op::Msgget)) return -1;
+  return ::msgget(key, flags);
+}
+
+int os_msgsnd(int qid, const void* msg, size_t textLen, int flags) {
+  size_t maxBytes = 0;
+  int v = enter(os_Op::Msgsnd, &maxBytes);
+  if (v == 1) return -1;
+  if (textLen > kMaxText) {
+    errno = EINVAL;
+    return -1;
+  }
+  NativeMsg m;
+  int32_t type;
+  std::memcpy(&type, msg, 4);  // the wire type is i386 little-endian, as is this host
+  m.mtype = type;
+  std::memcpy(m.mtext, static_cast<const char*>(msg) + 4, textLen);
+  return ::msgsnd(qid, &m, limit(v, maxBytes, textLen), flags);
+}
+
+ssize_t os_msgrcv(int qid, void* msg, size_t textLen, long type, int flags) {
+  if (enter(os_Op::Msgrcv)) ER_RAISE(ER_GROUP_OS, errno);
+  if (textLen > kMaxText) textLen = kMaxText;
+  NativeMsg m;
+  ssize_t n;
+  do n = ::msgrcv(qid, &m, textLen, type, flags);
+  while (n < 0 && errno == EINTR);
+  if (n < 0) ER_RAISE(ER_GROUP_OS, errno);
+  int32_t wireType = static_cast<int32_t>(m.mtype);
+  std::memcpy(msg, &wireType, 4);
+  std::memcpy(static_cast<char*>(msg) + 4, m.mtext, static_cast<size_t>(n));
+  return n;
+}
+
+int os_msgctl(int qid, int cmd, void* buf) {
+  if (enter(os_Op::Msgctl)) return -1;
+  return ::msgctl(qid, cmd, static_cast<struct msqid_ds*>(buf));
+}
+
+// ---- processes -------------------------------------------------------------
+
+pid_t os_getpid() { return ::getpid(); }
+
+int os_kill(pid_t pid, int sig) {
+  if (enter(os_Op::Kill)) return -1;
+  return ::kill(pid, sig);
+}
+
+pid_t os_fork() {
+  if (enter(os_Op::Fork)) return -1;
+  return ::fork();
+}
+
+pid_t os_waitpid(pid_t pid, int* status, int options) {
+  pid_t r;
+  do r = ::waitpid(pid, status, options);
+  while (r < 0 && errno == EINTR);
+  return r;
+}
+
+pid_t os_setsid() { return ::setsid(); }
+
+int os_dup2(int from, int to) { return ::dup2(from, to); }

@@ -1,0 +1,124 @@
+// os_: the one layer through which every operating-system call passes.
+//
+// The wrappers return what the system call returns (-1 with errno set on
+// failure) unless said otherwise; callers decide which failures become
+// escapes. Every descriptor and stream is opened close-on-exec.
+//
+// Test switch: os_FailNth makes the Nth call of one kind from now fail with a
+// chosen errno; os_ShortNth makes it transfer fewer bytes. Counters of calls
+// by kind let tests count, for instance, the flushes a sequence performed.
+#ifndef KQ_OS_H
+#define KQ_OS_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <sys/stat.h>
+#include <sys/types.h>
+
+struct sfl_ItemRef;
+
+enum class os_Op : int {
+  Open, Close, Read, Write, Pread, Pwrite, Lseek, Fstat, Stat, Fdatasync, Fsync, Ftruncate,
+  Lock, Flock, Rename, Unlink, Link, Mkdir, Rmdir, Malloc,
+  Fopen, Fclose, Fread, Fwrite, Fseek, Ftell, Fgets, Fflush,
+  Msgget, Msgsnd, Msgrcv, Msgctl, Mmap, Munmap, Kill, Fork,
+  Count_
+};
+constexpr int os_OpCount = static_cast<int>(os_Op::Count_);
+const char* os_OpName(os_Op op);
+
+// ---- test switch -------------------------------------------------------
+// The nth call (1 = the very next one) of `op` fails with `err`, transferring
+// nothing. Only one pending fault per kind; a new one replaces the old.
+void os_FailNth(os_Op op, unsigned nth, int err);
+// The nth call of `op` transfers at most `maxBytes` (read, write, pread,
+// pwrite, fread, fwrite, msgsnd).
+void os_ShortNth(os_Op op, unsigned nth, size_t maxBytes);
+void os_ClearFaults();
+uint64_t os_CallCount(os_Op op);
+void os_ResetCallCounts();
+
+// ---- descriptors -------------------------------------------------------
+int os_open(const char* path, int flags, mode_t mode = 0);
+int os_close(int fd);
+ssize_t os_read(int fd, void* buf, size_t len);
+ssize_t os_write(int fd, const void* buf, size_t len);
+ssize_t os_pread(int fd, void* buf, size_t len, off_t off);
+ssize_t os_pwrite(int fd, const void* buf, size_t len, off_t off);
+off_t os_lseek(int fd, off_t off, int whence);
+int os_fstat(int fd, struct stat* st);
+int os_stat(const char* path, struct stat* st);
+int os_fdatasync(int fd);
+int os_fsync(int fd);
+int os_ftruncate(int fd, off_t len);
+int os_rename(const char* from, const char* to);
+int os_unlink(const char* path);
+int os_link(const char* from, const char* to);
+int os_mkdir(const char* path, mode_t mode);
+int os_rmdir(const char* path);
+
+// ---- locks ---------------------------------------------------------------
+// Record locks over a byte range. Modes: 1 shared, 2 exclusive, 8 release;
+// add OS_LOCK_NOWAIT to a mode of 1 or 2 to try once instead of waiting.
+//
+// Open-file-description locks (F_OFD_SETLKW / F_OFD_SETLK) are used rather
+// than classic POSIX record locks: a classic lock belongs to the process and
+// is silently dropped when the process closes *any* descriptor of the same
+// file. The library opens a container more than once (a stream over an item,
+// a compaction or check descriptor), so closing one of those would release
+// every header and item lock held through the main descriptor. An OFD lock
+// belongs to the open file description and goes only when that description's
+// last descriptor closes — which also means a forked child closing what it
+// inherited cannot release its parent's locks.
+//
+// Returns 1 when the lock is held (or the release succeeded), 0 when it was
+// refused. Modes 1 and 2 wait until granted (retrying on EINTR).
+enum { OS_LOCK_SHARED = 1, OS_LOCK_EXCL = 2, OS_LOCK_RELEASE = 8, OS_LOCK_NOWAIT = 0x100 };
+int os_TryLockPart(int fd, int mode, int whence, uint32_t offLow, uint32_t offHigh, uint32_t lenLow,
+                   uint32_t lenHigh);
+// Whole-file lock (flock(2) semantics: LOCK_SH, LOCK_EX, LOCK_UN, | LOCK_NB).
+int os_flock(int fd, int op);
+
+// ---- memory --------------------------------------------------------------
+void* os_malloc(size_t n);
+void* os_calloc(size_t n, size_t size);
+void* os_realloc(void* p, size_t n);
+void os_free(void* p);
+void* os_mmap(void* addr, size_t len, int prot, int flags, int fd, off_t off);
+int os_munmap(void* addr, size_t len);
+
+// ---- stdio streams ---------------------------------------------------------
+FILE* os_fopen(const char* path, const char* mode);
+int os_fclose(FILE* f);
+size_t os_fread(void* buf, size_t size, size_t count, FILE* f);
+size_t os_fwrite(const void* buf, size_t size, size_t count, FILE* f);
+int os_fseek(FILE* f, long off, int whence);
+long os_ftell(FILE* f);
+char* os_fgets(char* buf, int len, FILE* f);
+int os_fflush(FILE* f);
+int os_fileno(FILE* f);
+// Whether `name` is an item name ("<container path>:<item number>"); if so,
+// fills `ref` with the item's reference and returns 1, else returns 0.
+int os_CheckFileName(const char* name, sfl_ItemRef* ref);
+
+// ---- System V message queues ---------------------------------------------
+// Messages cross this interface in the wire layout: a 32-bit little-endian
+// message type followed by `textLen` bytes of text. The wrappers convert to
+// and from the kernel's layout (whose type is a native long).
+int os_msgget(key_t key, int flags);
+int os_msgsnd(int qid, const void* msg, size_t textLen, int flags);
+// Returns the text length received. A failure raises an escape in group 2
+// with the errno as reason (ENOMSG for an empty queue with IPC_NOWAIT).
+ssize_t os_msgrcv(int qid, void* msg, size_t textLen, long type, int flags);
+int os_msgctl(int qid, int cmd, void* buf);
+
+// ---- processes -------------------------------------------------------------
+pid_t os_getpid();
+int os_kill(pid_t pid, int sig);
+pid_t os_fork();
+pid_t os_waitpid(pid_t pid, int* status, int options);
+pid_t os_setsid();
+int os_dup2(int from, int to);
+
+#endif  // KQ_OS_H

@@ -1,0 +1,260 @@
+/* sfl: a storage library that keeps several items inside one container file.
+ *
+ * This header is the library's public interface, usable from C and C++.
+ * Errors are raised as escapes (C++ exceptions of type er_Escape, see er.h);
+ * C callers run their calls through er_CallC, which returns the escape's
+ * group and reason instead.
+ *
+ * Handles: base handles (open container files) run from 7000, item handles
+ * from 8000, stream handles from 9000.
+ */
+#ifndef SFL_H
+#define SFL_H
+
+#include <stddef.h>
+#include <stdint.h>
+#include <sys/stat.h>
+
+#include "er.h"
+
+#define SFL_API __attribute__((visibility("default")))
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The caller's 16-byte identity of a file or an item. The low three bits of
+   Flags hold the item number inside the file (1 to 7), 0 for the file. */
+typedef struct sfl_ItemRef {
+  uint16_t Domain;
+  uint16_t Flags;
+  uint32_t SubDomain;
+  uint32_t FileId;
+  char Name[4]; /* zero-terminated, compared as a string */
+} sfl_ItemRef;
+
+/* Per-process records behind the handles (opaque to callers). */
+typedef struct sfl_BaseRec sfl_BaseRec; /* an open container file */
+typedef struct sfl_ItemRec sfl_ItemRec; /* an open item */
+
+enum { SFL_BASE_HANDLE_FIRST = 7000, SFL_ITEM_HANDLE_FIRST = 8000, SFL_STREAM_HANDLE_FIRST = 9000 };
+enum { SFL_MAX_OPEN_FILES = 1024, SFL_MAX_OPEN_ITEMS = 3072, SFL_MAX_STREAMS = 16 };
+enum { SFL_ITEM_NUM_MASK = 0x07 };
+
+/* Lock modes. */
+enum { SFL_LOCK_SHARED = 1, SFL_LOCK_EXCL = 2, SFL_LOCK_RELEASE = 8 };
+
+/* File header flags (and creation flags, where 0x04 means USER_ASYNC). */
+enum sfl_FileFlag {
+  SINGLE_FILE = 0x01,
+  ASYNCHRONOUS = 0x02,
+  BEEN_COMPACTED = 0x04,
+  USER_ASYNC = 0x04,
+  ITEM_PEND_DEL = 0x08,
+  NEED_COMPACTION = 0x10,
+  HAS_BEEN_COMPACTED = 0x20
+};
+
+/* Item header flags. */
+enum sfl_ItemFlag {
+  BLOCKED_ITEM = 0x01,
+  HAS_INT_ITEM = 0x02,
+  INT_ITEM = 0x04,
+  DELETED = 0x08,
+  OTHER_LOCKS = 0x10,
+  MEM_FREEMAP = 0x20
+};
+
+/* Item-reference types given to sfl_CreateSfl. */
+enum { SFL_TYPE_DATA_ITEM = 2, SFL_TYPE_TEMP_ITEM = 4 };
+
+/* Result of sfl_GetSimpleDetails. */
+typedef struct sfl_SimpleDetails {
+  int32_t FileDes;
+  uint32_t Offset;
+  uint32_t Size;
+  uint32_t CurrPos;
+} sfl_SimpleDetails;
+
+/* Filled by sfl_mapItem. */
+typedef struct sfl_ItemMap {
+  uint32_t MappedLength;
+  void* Base;
+  void* Data;
+  uint32_t Size;
+} sfl_ItemMap;
+
+/* One slot of a container's item table, as sfl_ListItems reports it. */
+typedef struct sfl_ItemInfo {
+  uint32_t ItemNum;
+  uint32_t InUse; /* the slot's bit in the file header's in-use map */
+  uint32_t Valid; /* the header carries the right magic and type */
+  uint32_t AccCount;
+  uint32_t FileSize;
+  uint32_t UsedBlocks;
+  uint32_t ChangeDate;
+  uint32_t FileOffset;
+  uint32_t IndexDepth;
+  uint32_t Flags;
+} sfl_ItemInfo;
+
+/* Exported globals. */
+SFL_API extern uint8_t* MemFreeMap;
+SFL_API extern uint32_t MemFreeMapSize;
+SFL_API extern int32_t FilesInColdStore;
+SFL_API extern uint32_t FrozenCount;
+
+/* ---- files ---------------------------------------------------------------- */
+SFL_API int32_t sfl_CreateSfl(uint32_t reserved, int32_t type, int32_t flags);
+SFL_API int32_t sfl_CreateBaseSfl(const sfl_ItemRef* ref, int32_t fd, int32_t flags);
+SFL_API int32_t sfl_OpenSfl(const sfl_ItemRef* ref, uint32_t implicitOpen);
+SFL_API void sfl_CloseFile(int32_t baseHandle);
+/* Reports the slots of an open container's item table (at most `max`);
+   returns the number of slots (MaxItems). */
+SFL_API int32_t sfl_ListItems(int32_t baseHandle, sfl_ItemInfo* out, int32_t max);
+
+/* ---- open-files table, cold store, activation ------------------------------- */
+SFL_API sfl_BaseRec* sfl_GetNewOFilesEntry(int32_t* baseHandle);
+SFL_API sfl_BaseRec* sfl_Handle2Record(int32_t baseHandle);
+SFL_API void sfl_DeleteOSerFile(sfl_BaseRec* rec);
+SFL_API void sfl_GetSerFileItem(int32_t baseHandle, sfl_ItemRef* out);
+SFL_API int32_t sfl_IncIntItems(int32_t baseHandle);
+SFL_API int32_t sfl_DecIntItems(int32_t baseHandle);
+SFL_API int32_t sfl_CheckFileAccessed(const sfl_ItemRef* ref, sfl_BaseRec** rec, int32_t* baseHandle,
+                                      int32_t revive, int32_t* revived);
+SFL_API void sfl_ReturnToColdStore(int32_t baseHandle);
+SFL_API void sfl_MakeRoomInColdStore(void);
+SFL_API void sfl_ShutDownBaseFile(int32_t baseHandle);
+SFL_API void sfl_EnsureBaseFileOpen(int32_t baseHandle);
+SFL_API void sfl_PtrEnsureBaseFileOpen(sfl_BaseRec* rec);
+SFL_API void sfl_Activate(int32_t itemHandle);
+SFL_API void sfl_DeActivate(int32_t itemHandle);
+
+/* ---- locks and sync --------------------------------------------------------- */
+SFL_API int32_t sfl_LockHeader(sfl_BaseRec* rec, int32_t mode);
+SFL_API int32_t sfl_UnlockHeader(sfl_BaseRec* rec);
+SFL_API int32_t sfl_LockItemHeader(sfl_ItemRec* item, int32_t mode);
+SFL_API int32_t sfl_UnLockItemHeader(sfl_ItemRec* item);
+SFL_API int32_t sfl_LockAnIntHeader(sfl_BaseRec* rec, uint32_t offset, int32_t mode);
+SFL_API int32_t sfl_UnLockAnIntHeader(sfl_BaseRec* rec, uint32_t offset);
+SFL_API int32_t sfl_LockAnIndex(sfl_ItemRec* item, uint32_t offset, int32_t mode);
+SFL_API int32_t sfl_UnLockAnIndex(sfl_ItemRec* item, uint32_t offset);
+SFL_API int32_t sfl_LockSflItem(int32_t itemHandle, int32_t mode, int16_t whence, int64_t offset,
+                                int64_t length);
+SFL_API int32_t sfl_flock(int32_t itemHandle, int32_t mode);
+SFL_API void sfl_ConsiderSync(sfl_BaseRec* rec, sfl_ItemRec* item, int32_t event);
+SFL_API uint32_t sfl_SetAllAsync(uint32_t value);
+SFL_API void sfl_SyncData(int32_t itemHandle);
+SFL_API void sfl_SyncBaseFile(int32_t baseHandle);
+SFL_API uint32_t sfl_SetFileUserNoSync(int32_t itemHandle, uint32_t value);
+SFL_API uint32_t sfl_SetItemUserNoSync(int32_t itemHandle, uint32_t value);
+SFL_API uint32_t sfl_SetlibItmNoSync(int32_t itemHandle, uint32_t value);
+
+/* ---- item handles ------------------------------------------------------------ */
+SFL_API int32_t sfl_OpenItem(const sfl_ItemRef* ref, uint32_t allowSecondOpen);
+SFL_API void sfl_CloseItem(int32_t itemHandle);
+SFL_API uint32_t sfl_Attach2OpenItem(int32_t itemHandle);
+SFL_API uint32_t sfl_DetachOpenItem(int32_t itemHandle);
+SFL_API uint32_t sfl_AttachItem(const sfl_ItemRef* ref);
+SFL_API uint32_t sfl_DetachItem(const sfl_ItemRef* ref);
+SFL_API void sfl_FStatItem(int32_t itemHandle, struct stat* st);
+SFL_API void sfl_StatItem(const sfl_ItemRef* ref, struct stat* st);
+SFL_API int32_t sfl_ItemExists(const sfl_ItemRef* ref);
+SFL_API void sfl_ChangeTime(int32_t itemHandle, uint32_t when);
+SFL_API void sfl_DeleteItem(int32_t itemHandle);
+SFL_API sfl_ItemRec* sfl_ItemWillNotChange(int32_t itemHandle);
+SFL_API sfl_ItemRec* sfl_ItemMayChange(int32_t itemHandle);
+SFL_API sfl_ItemRec* sfl_GetNewItemEntry(int32_t* itemHandle);
+SFL_API sfl_ItemRec* sfl_ItemHandle2Record(int32_t itemHandle);
+SFL_API void sfl_DeleteOSerItem(sfl_ItemRec* item);
+SFL_API int32_t sfl_CheckItemAccessed(const sfl_ItemRef* ref, sfl_ItemRec** item,
+                                      int32_t* itemHandle, int32_t baseHandle);
+SFL_API int32_t sfl_FindFellowActiveItems(int32_t baseHandle);
+SFL_API int32_t sfl_IntOpenItem(sfl_BaseRec* rec, int32_t baseHandle, uint32_t itemNum,
+                                sfl_ItemRec** item);
+
+/* ---- simple item data ----------------------------------------------------------- */
+SFL_API int32_t sfl_StoreBasicItem(int32_t baseHandle, const sfl_ItemRef* source, uint32_t size,
+                                   sfl_ItemRef* out, uint32_t noZeroFill);
+SFL_API int32_t sfl_StoreItemAtPosition(int32_t baseHandle, const sfl_ItemRef* source,
+                                        uint32_t size, sfl_ItemRef* out, uint32_t noZeroFill,
+                                        int32_t wantedItem);
+SFL_API int32_t sfl_AddItemToFile(const sfl_ItemRef* file, uint32_t size, uint32_t noZeroFill,
+                                  const sfl_ItemRef* source, int32_t passOn, sfl_ItemRef* out);
+SFL_API int32_t sfl_StoreItemWithOpenItem(int32_t itemHandle, uint32_t size, uint32_t noZeroFill,
+                                          const sfl_ItemRef* source, int32_t passOn1,
+                                          sfl_ItemRef* out, int32_t passOn2);
+SFL_API void sfl_AssociateItemWithBase(int32_t itemHandle);
+SFL_API int32_t sfl_CopySimpleItem(int32_t baseHandle, uint32_t headerOffset, int32_t sourceFd,
+                                   uint32_t sourceOffset, uint32_t size, uint32_t noZeroFill);
+SFL_API int32_t sfl_ReadSimpleData(int32_t itemHandle, uint32_t position, uint32_t length,
+                                   void* buffer);
+SFL_API int32_t sfl_WriteSimpleData(int32_t itemHandle, uint32_t position, uint32_t length,
+                                    const void* buffer);
+SFL_API int32_t sfl_ReadSerialData(int32_t itemHandle, void* buffer, uint32_t length);
+SFL_API int32_t sfl_WriteSerialData(int32_t itemHandle, const void* buffer, uint32_t length);
+SFL_API int64_t sfl_seek(int32_t itemHandle, int64_t offset, int32_t whence);
+SFL_API void sfl_GetSimpleDetails(int32_t itemHandle, sfl_SimpleDetails* details);
+SFL_API uint32_t sfl_FindOffsetChkSize(sfl_ItemRec* item, uint32_t position, uint32_t length);
+SFL_API uint32_t sfl_BlckFindOffsetChkSize(sfl_ItemRec* item, uint32_t block, uint32_t position,
+                                           uint32_t length);
+SFL_API void sfl_TruncateSimItem(int32_t itemHandle, uint32_t newSize);
+SFL_API void sfl_AppendToSimpleItem(sfl_ItemRec* item, uint32_t length, const void* buffer);
+SFL_API sfl_ItemMap* sfl_mapItem(int32_t handleOrFd, sfl_ItemMap* map);
+SFL_API int32_t sfl_unMapItem(sfl_ItemMap* map);
+SFL_API uint32_t sfl_CalculateBlocks(uint32_t size);
+
+/* ---- internal items ------------------------------------------------------------- */
+SFL_API int32_t sfl_CreateIntBItem(int32_t parentHandle, uint32_t block, uint32_t position,
+                                   uint32_t extraFlags);
+SFL_API int32_t sfl_GenCreateIntBItem(sfl_ItemRec* parent, uint32_t headerOffset,
+                                      uint32_t extraFlags);
+SFL_API int32_t sfl_OpenIntItem(int32_t parentHandle, uint32_t block, uint32_t position);
+SFL_API void sfl_CloseIntItem(int32_t itemHandle);
+SFL_API void sfl_RemoveIntItem(int32_t itemHandle);
+
+/* ---- streams ---------------------------------------------------------------------- */
+SFL_API int32_t sfl_fOpen(const char* name, const char* mode);
+SFL_API int32_t sfl_fOpenItem(const sfl_ItemRef* ref, const char* mode);
+SFL_API void sfl_fClose(int32_t streamHandle);
+SFL_API size_t sfl_fRead(void* buffer, size_t size, size_t count, int32_t streamHandle);
+SFL_API size_t sfl_fWrite(const void* buffer, size_t size, size_t count, int32_t streamHandle);
+SFL_API int32_t sfl_fSeek(int32_t streamHandle, int32_t offset, int32_t whence);
+SFL_API long sfl_fTell(int32_t streamHandle);
+SFL_API char* sfl_fgets(char* buffer, int32_t length, int32_t streamHandle);
+SFL_API int32_t sfl_fileno(int32_t streamHandle);
+
+/* ---- blocked items ------------------------------------------------------------------ */
+SFL_API int32_t sfl_CreateBlockedItem(int32_t baseHandle, sfl_ItemRef* out);
+SFL_API int32_t sfl_GetNewBlock(int32_t itemHandle, int32_t size, int32_t mode, const void* data);
+SFL_API void sfl_FreeBlock(int32_t itemHandle, uint32_t block, int32_t unused);
+SFL_API int32_t sfl_IntPower(uint32_t base, uint32_t exponent);
+SFL_API uint32_t sfl_ReadBlockedData(int32_t itemHandle, uint32_t block, uint32_t length,
+                                     void* buffer);
+SFL_API int32_t sfl_WriteBlockedData(int32_t itemHandle, uint32_t block, uint32_t length,
+                                     const void* buffer);
+
+/* ---- interest records ------------------------------------------------------------------ */
+SFL_API void sfl_GetQueue(const sfl_ItemRef* ref, int32_t* requestQueue, int32_t* replyQueue,
+                          int32_t* pairCount, int32_t* servicePid);
+SFL_API void sfl_DoSendMsg(int32_t queue, const void* message, size_t textLength, int32_t flags);
+SFL_API void sfl_RecordBaseInterest(sfl_BaseRec* rec);
+SFL_API void sfl_ReleaseBaseInterest(sfl_BaseRec* rec);
+SFL_API void sfl_CheckBaseInterest(sfl_BaseRec* rec);
+SFL_API void sfl_RecordItemInterest(sfl_ItemRec* item);
+SFL_API void sfl_ReleaseItemInterest(sfl_ItemRec* item);
+SFL_API void sfl_CheckItemInterest(sfl_ItemRec* item);
+
+/* ---- item references and names ------------------------------------------------------- */
+/* The text form of a reference is "Domain.SubDomain.FileId.Name[:item]"
+   (see README); these convert between it, references and file names. */
+SFL_API int32_t im_FormItemRef(const char* text, sfl_ItemRef* out);
+SFL_API int32_t im_ItemRef2Text(const sfl_ItemRef* ref, char* out, size_t outLen);
+SFL_API int32_t im_ItemRef2FName(const sfl_ItemRef* ref, char* out, size_t outLen);
+SFL_API int32_t im_FName2ItemRef(const char* name, sfl_ItemRef* out);
+
+#ifdef __cplusplus
+} /* extern "C" */
+#endif
+
+#endif /* SFL_H */

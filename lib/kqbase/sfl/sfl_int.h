@@ -1,0 +1,301 @@
+// Internal interface of the library: the per-process records behind the
+// handles, the tables that hold them, the record routines, free space, the
+// lock guards and the routines the concerns call in one another.
+#ifndef SFL_INT_H
+#define SFL_INT_H
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "er.h"
+#include "sfl.h"
+#include "sfl_records.h"
+#include "sfl_tables.h"
+
+// ---- reasons ---------------------------------------------------------------
+enum sfl_Reason : int {
+  SFL_R_NO_BLOCKED_SLOT = 28850,
+  SFL_R_SHORT_WRITE = 28851,
+  SFL_R_CACHED_LEAF_FULL = 28852,
+  SFL_R_NOT_BLOCKED = 28853,
+  SFL_R_LEAF_INDEX = 28854,
+  SFL_R_SHORT_BLOCK_WRITE = 28856,
+  SFL_R_NO_ITEM = 28857,
+  SFL_R_ITEM_OPEN = 28858,
+  SFL_R_DETACH_ZERO = 28859,
+  SFL_R_REF_IS_ITEM = 28860,
+  SFL_R_FILE_OPEN = 28861,
+  SFL_R_BAD_FILE = 28862,
+  SFL_R_ITEM_DELETED = 28864,
+  SFL_R_SHORT_MAP_WRITE = 28865,
+  SFL_R_FILES_FULL = 28866,
+  SFL_R_BAD_HANDLE = 28867,
+  SFL_R_INT_ITEMS_NEGATIVE = 28868,
+  SFL_R_BLOCKED = 28869,
+  SFL_R_ITEMS_FULL = 28870,
+  SFL_R_SHORT_READ = 28871,
+  SFL_R_BAD_MAP = 28872,
+  SFL_R_SHORT_MAP_READ = 28873,
+  SFL_R_RANGE = 28874,
+  SFL_R_EMPTY_ENTRY = 28875,
+  SFL_R_BAD_SLOT = 28876,
+  SFL_R_BLOCK_FOR_SIMPLE = 28877,
+  SFL_R_INT_OPEN_TWICE = 28878,
+  SFL_R_BAD_INDEX = 28879,
+  SFL_R_BAD_ITEM_HEADER = 28880,
+  SFL_R_BAD_FILE_HEADER = 28881,
+  SFL_R_NOT_INT_ITEM = 28883,
+  SFL_R_CLOSED_WITH_LOCKS = 28885,
+  SFL_R_STREAM_MODE = 28886,
+  SFL_R_STREAM_ELEMENT = 28887,
+  SFL_R_STREAMS_FULL = 28888,
+  SFL_R_TRUNC_BLOCKED = 28889,
+  SFL_R_BEYOND_RESERVED = 28890,
+  SFL_R_ACTIVATE_INT = 28891,
+  SFL_R_SINGLE_FILE = 28892,
+  SFL_R_READ_ONLY = 28893,
+  SFL_R_NEED_MEM_MAP = 28896,
+  SFL_R_NOT_BUILT = 28897,
+  SFL_R_NO_MAP_HEADER = 28898,
+  SFL_R_TOO_DEEP = 28899,
+};
+
+#define SFL_RAISE(reason) ER_RAISE(ER_GROUP_SFL, (reason))
+
+// ---- per-process records -----------------------------------------------------
+
+// An open container file (one per file per process).
+struct sfl_BaseRec {
+  // The file's item reference: the first four words.
+  uint16_t Domain = 0;
+  uint16_t RefFlags = 0;
+  uint32_t SubDomain = 0;
+  uint32_t FileId = 0;
+  char Name[4] = {0, 0, 0, 0};
+  int32_t FileDes = -1;
+  uint32_t FileFlags = 0;       // copy of the header's Flags at create or open
+  uint32_t SpaceAnalysis = 0;   // bit 0: space was released; close considers compaction
+  uint32_t InUse = 0;
+  uint32_t OpenMode = 0;        // implicit-open mark: close with the last item handle
+  uint32_t CreatedHere = 0;
+  int32_t IntItemsOpen = 0;
+  int32_t ExternalOpens = 0;
+  uint32_t ITableOff = 0;
+  uint32_t DataOff = 0;
+  uint32_t ProcAccCount = 0;    // processes with an interest, from the last exchange
+  uint32_t OtherInterest = 0;
+  uint32_t InterestToken = 0;
+  sfl_ItemRec* FreeMapItem = nullptr;
+  int32_t FreeMapHandle = 0;
+  uint32_t StructUnsynced = 0;
+  uint32_t DataUnsynced = 0;
+  uint32_t NewlyCreated = 0;
+  uint32_t UserAsync = 0;
+  uint32_t MaxItems = 0;
+  uint32_t InColdStore = 0;
+  uint32_t FreezeSeq = 0;
+
+  void Reset() {
+    *this = sfl_BaseRec{};
+    FileDes = -1;
+  }
+};
+
+// An open item (one per item per process; second opens share it).
+struct sfl_ItemRec {
+  int32_t BaseHandle = 0;
+  sfl_BaseRec* BaseRecord = nullptr;
+  uint16_t Domain = 0;
+  uint16_t RefFlags = 0;  // the reference's Flags, item number in the low 3 bits
+  uint32_t SubDomain = 0;
+  uint32_t FileId = 0;
+  char Name[4] = {0, 0, 0, 0};
+  uint32_t ItemNum = 0;
+  uint32_t HeaderOff = 0;
+  int32_t OpenRefs = 0;
+  uint32_t InUse = 0;
+  uint32_t TraverseWord = 0;  // scratch word of the index code
+  uint32_t DeleteOnClose = 0;
+  int32_t LockCount = 0;
+  uint32_t Offset = 0;
+  uint32_t Size = 0;
+  uint32_t Flags = 0;  // the item header's flags
+  uint32_t LastIdxBlock = 0;
+  uint32_t LastIdxOff = 0;
+  uint32_t LastIdxBase = 0;
+  uint32_t LastIdxDepth = 0;
+  uint32_t CurrPos = 0;
+  uint32_t InterestCount = 0;
+  uint32_t OtherInterest = 0;
+  uint32_t InterestToken = 0;
+  uint32_t Deactivated = 0;
+  uint32_t ItemUserNoSync = 0;
+  uint32_t LibItmNoSync = 0;
+  uint32_t LockedEver = 0;
+  uint32_t Frozen = 0;
+  uint32_t IndexCacheValid = 0;
+  std::unique_ptr<sfl_IndexBytes> IndexCache;
+  uint32_t HeaderCacheValid = 0;
+  std::unique_ptr<sfl_ItemHeaderBytes> HeaderCache;
+
+  // Clears every field but keeps the two cache buffers for the next user.
+  void Reset() {
+    auto index = std::move(IndexCache);
+    auto header = std::move(HeaderCache);
+    *this = sfl_ItemRec{};
+    IndexCache = std::move(index);
+    HeaderCache = std::move(header);
+  }
+};
+
+// An open stream.
+struct sfl_StreamRec {
+  uint32_t InUse = 0;
+  uint32_t IsItem = 0;
+  uint32_t ReadOnly = 0;
+  int32_t ItemHandle = 0;
+  FILE* Stream = nullptr;
+  uint32_t Position = 0;
+
+  void Reset() { *this = sfl_StreamRec{}; }
+};
+
+using sfl_FilesTable = sfl_HandleTable<sfl_BaseRec, SFL_BASE_HANDLE_FIRST, SFL_MAX_OPEN_FILES>;
+using sfl_ItemsTable = sfl_HandleTable<sfl_ItemRec, SFL_ITEM_HANDLE_FIRST, SFL_MAX_OPEN_ITEMS>;
+using sfl_StreamsTable = sfl_HandleTable<sfl_StreamRec, SFL_STREAM_HANDLE_FIRST, SFL_MAX_STREAMS>;
+
+sfl_FilesTable& sfl_OpenFiles();   // sfl_bhands
+sfl_ItemsTable& sfl_OpenItems();   // sfl_ihands
+sfl_StreamsTable& sfl_Streams();   // sfl_l3hand
+
+// ---- references ---------------------------------------------------------------
+sfl_ItemRef sfl_RefOf(const sfl_BaseRec& rec);
+sfl_ItemRef sfl_RefOf(const sfl_ItemRec& item);
+void sfl_SetRef(sfl_BaseRec& rec, const sfl_ItemRef& ref);
+// Same FileId, SubDomain, Domain and name tag (compared as strings).
+bool sfl_SameFile(const sfl_ItemRef& a, const sfl_ItemRef& b);
+inline uint32_t sfl_ItemNumOf(const sfl_ItemRef& ref) { return ref.Flags & SFL_ITEM_NUM_MASK; }
+
+// ---- record routines (sfl_io) -------------------------------------------------------
+void sfl_ReadFileHeader(sfl_BaseRec* rec, sfl_FileHeader* out);
+void sfl_WriteFileHeader(sfl_BaseRec* rec, const sfl_FileHeader& h);
+void sfl_ReadItemHeader(sfl_ItemRec* item, sfl_ItemHeader* out);
+void sfl_WriteItemHeader(sfl_ItemRec* item, const sfl_ItemHeader& h);
+void sfl_ReadInternalItemH(sfl_ItemRec* item, uint32_t offset, sfl_ItemHeader* out);
+void sfl_WriteInternalItemH(sfl_ItemRec* item, uint32_t offset, const sfl_ItemHeader& h);
+void sfl_ReadAnIndex(sfl_ItemRec* item, uint32_t offset, sfl_IndexRecord* out);
+void sfl_WriteAnIndex(sfl_ItemRec* item, uint32_t offset, const sfl_IndexRecord& r);
+// Reads FileSize bytes at FileOffset into *map (resized); returns FileSize.
+uint32_t sfl_ReadFreeMap(sfl_BaseRec* rec, std::vector<uint8_t>* map, const sfl_ItemHeader& fm);
+void sfl_WriteFreeMap(sfl_BaseRec* rec, std::span<const uint8_t> map, const sfl_ItemHeader& fm);
+void sfl_WritePartialFreeMap(sfl_BaseRec* rec, std::span<const uint8_t> map, int64_t firstBit,
+                             uint32_t bitCount, const sfl_ItemHeader& fm);
+// Raw transfers used by the item code: exactly one positioned call each.
+ssize_t sfl_PRead(sfl_BaseRec* rec, void* buf, size_t len, uint64_t offset);
+ssize_t sfl_PWrite(sfl_BaseRec* rec, const void* buf, size_t len, uint64_t offset);
+
+// ---- free space (sfl_base) ------------------------------------------------------------
+uint32_t sfl_GetFreeSpaceNew(sfl_BaseRec* rec, uint32_t size, uint32_t* blockCount);
+void sfl_FreeFreeBlocks(sfl_BaseRec* rec, uint32_t offset, uint32_t blockCount);
+void sfl_FreeFreeSpace(sfl_ItemRec* item, uint32_t offset, uint32_t size);
+void sfl_ClearFreeMapArea(uint8_t* map, uint32_t mapLength, uint32_t offset, uint32_t size);
+void sfl_MakeSpaceFitMemMap(sfl_BaseRec* rec);
+int32_t sfl_GetFreeItemSlot(sfl_BaseRec* rec, uint32_t blocked, int32_t wanted);
+void sfl_GetExtItemHeader(sfl_ItemRec* item, sfl_ItemHeader* out);
+
+// ---- items (sfl_ihands, sfl_Items) ---------------------------------------------------------
+// Wipes an item's header (and, for table items, its slot in the file header).
+void sfl_IntDeleteItem(sfl_ItemRec* item);
+
+// ---- blocked items (sfl_Blcked) ------------------------------------------------------------
+uint32_t sfl_FindBlock(sfl_ItemRec* item, uint32_t block, sfl_IndexRecord* out);
+uint32_t sfl_AppendIndex(sfl_ItemRec* item, uint32_t blockOffset, uint32_t blockSize);
+void sfl_DeleteIndexTree(sfl_ItemRec* item, const sfl_ItemHeader& header);
+
+// ---- whole-file compaction (sfl_filecmpct) ---------------------------------------------------
+uint32_t sfl_AnalyseFreeMap(sfl_BaseRec* rec);
+uint32_t sfl_CompactSflFile(sfl_BaseRec* rec);
+
+// ---- cold store (sfl_bhands) ------------------------------------------------------------------
+// Puts a file whose last user closed it into the cold store (size check,
+// eviction, freeze sequence).
+void sfl_EnterColdStore(sfl_BaseRec* rec);
+// The configured cold-store size ("SFL_COLD_STORE_SIZE", default 5, at least 1).
+int32_t sfl_ColdStoreSize();
+
+// ---- lock guards ----------------------------------------------------------------------------
+// Holds at most one byte-range lock (the "held variable" of the lock
+// protocol) and releases it, if still held, when it goes out of scope: an
+// escape unwinding through a frame releases exactly what that frame holds.
+class sfl_Held {
+ public:
+  sfl_Held() = default;
+  ~sfl_Held() { Unlock(); }
+  sfl_Held(const sfl_Held&) = delete;
+  sfl_Held& operator=(const sfl_Held&) = delete;
+
+  void Header(sfl_BaseRec* rec, int32_t mode) {
+    Unlock();
+    kind_ = Kind::Header;
+    base_ = rec;
+    held_ = sfl_LockHeader(rec, mode);
+  }
+  void ItemHeader(sfl_ItemRec* item, int32_t mode) {
+    Unlock();
+    kind_ = Kind::ItemHeader;
+    item_ = item;
+    held_ = sfl_LockItemHeader(item, mode);
+  }
+  void IntHeader(sfl_BaseRec* rec, uint32_t offset, int32_t mode) {
+    Unlock();
+    kind_ = Kind::IntHeader;
+    base_ = rec;
+    offset_ = offset;
+    held_ = sfl_LockAnIntHeader(rec, offset, mode);
+  }
+  void Index(sfl_ItemRec* item, uint32_t offset, int32_t mode) {
+    Unlock();
+    kind_ = Kind::Index;
+    item_ = item;
+    offset_ = offset;
+    held_ = sfl_LockAnIndex(item, offset, mode);
+  }
+  // Releases now if held; the held mark becomes the unlock's result.
+  void Unlock() {
+    if (!held_) return;
+    switch (kind_) {
+      case Kind::Header: held_ = sfl_UnlockHeader(base_); break;
+      case Kind::ItemHeader: held_ = sfl_UnLockItemHeader(item_); break;
+      case Kind::IntHeader: held_ = sfl_UnLockAnIntHeader(base_, offset_); break;
+      case Kind::Index: held_ = sfl_UnLockAnIndex(item_, offset_); break;
+      case Kind::None: held_ = 0; break;
+    }
+  }
+  bool held() const { return held_ != 0; }
+
+ private:
+  enum class Kind { None, Header, ItemHeader, IntHeader, Index };
+  Kind kind_ = Kind::None;
+  sfl_BaseRec* base_ = nullptr;
+  sfl_ItemRec* item_ = nullptr;
+  uint32_t offset_ = 0;
+  int32_t held_ = 0;
+};
+
+// Sync events raised by the library's routines.
+enum sfl_SyncEvent : int32_t {
+  SFL_EV_ATTACH = 1, SFL_EV_DETACH = 2, SFL_EV_CLOSE = 3, SFL_EV_CHANGE_TIME = 4,
+  SFL_EV_ITEM_SLOT = 5, SFL_EV_GET_SPACE = 6, SFL_EV_MAP_MOVED = 7, SFL_EV_MAP_HEADER = 8,
+  SFL_EV_STORED = 9, SFL_EV_NEW_ITEM = 10, SFL_EV_INDEX_WRITTEN = 11, SFL_EV_BLOCK_DATA = 12,
+  SFL_EV_BLOCK_REMOVED = 13, SFL_EV_FREEMAP_BIT = 14, SFL_EV_FREED = 15,
+  SFL_EV_BLOCK_REWRITE = 16, SFL_EV_ITEM_HEADER = 18, SFL_EV_SEARCH_UPDATE = 19,
+  SFL_EV_WIPED = 20, SFL_EV_INT_REMOVED = 21, SFL_EV_SIMPLE_WRITE = 22,
+  SFL_EV_BRANCH_WRITTEN = 23, SFL_EV_SLOT_RELEASED = 24, SFL_EV_DELETE = 25, SFL_EV_SYNC = 26,
+  SFL_EV_COLD = 27, SFL_EV_COMPACTED = 28
+};
+
+#endif  // SFL_INT_H

@@ -1,0 +1,2 @@
+// (placeholder: implemented by its owner)
+#include "sfl_int.h"

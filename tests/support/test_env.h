@@ -1,0 +1,29 @@
+// Test support: every test process gets its own store root and run
+// directory (so its own interest-service instance), and helpers to run code
+// in a forked child.
+#ifndef SFL_TEST_ENV_H
+#define SFL_TEST_ENV_H
+
+#include <functional>
+#include <string>
+
+namespace sfltest {
+
+// The private directory of this test process (store/ and run/ below it).
+const std::string& TestDir();
+std::string StoreRoot();
+std::string RunDir();
+
+// Runs `body` in a forked child and returns its exit code (the body's
+// result), or 128 + signal when the child was killed. A child that throws
+// exits with 99.
+int RunInChild(const std::function<int()>& body);
+
+// Starts `body` in a forked child without waiting; returns its pid.
+int StartChild(const std::function<int()>& body);
+// Waits for a child started by StartChild; returns as RunInChild does.
+int WaitChild(int pid);
+
+}  // namespace sfltest
+
+#endif  // SFL_TEST_ENV_H

@@ -1,0 +1,17 @@
+#!/bin/sh
+# Installs the Debian packages the build, tests and benchmarks need, when
+# something is missing and we are root. Quiet when all is there.
+set -e
+need=""
+for p in cmake ninja-build g++ make libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev strace util-linux procps; do
+  dpkg -s "$p" >/dev/null 2>&1 || need="$need $p"
+done
+[ -z "$need" ] && exit 0
+if [ "$(id -u)" -ne 0 ]; then
+  echo "missing packages:$need (run as root, or install them)" >&2
+  exit 1
+fi
+echo "installing:$need"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq >/dev/null
+apt-get install -y -qq $need >/dev/null
