@@ -160,6 +160,9 @@ struct sfl_StreamRec {
   int32_t ItemHandle = 0;
   FILE* Stream = nullptr;
   uint32_t Position = 0;
+  // Last transfer on an item stream (0 none or a seek since, 1 read, 2
+  // write): stdio needs a flush or a seek between a write and a read.
+  uint32_t LastOp = 0;
 
   void Reset() { *this = sfl_StreamRec{}; }
 };
@@ -171,6 +174,12 @@ using sfl_StreamsTable = sfl_HandleTable<sfl_StreamRec, SFL_STREAM_HANDLE_FIRST,
 sfl_FilesTable& sfl_OpenFiles();   // sfl_bhands
 sfl_ItemsTable& sfl_OpenItems();   // sfl_ihands
 sfl_StreamsTable& sfl_Streams();   // sfl_l3hand
+
+// Stream-table records (sfl_l3hand): take a free record (28888 in group 3
+// when all 16 are in use), check a handle, free a record (null ignored).
+sfl_StreamRec* sfl_GetNewL3Entry(int32_t* streamHandle);
+sfl_StreamRec* sfl_L3Handle2Record(int32_t streamHandle);
+void sfl_DeleteOL3Item(sfl_StreamRec* rec);
 
 // ---- references ---------------------------------------------------------------
 sfl_ItemRef sfl_RefOf(const sfl_BaseRec& rec);
