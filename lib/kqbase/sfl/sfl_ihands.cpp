@@ -1,2 +1,416 @@
-// (placeholder: implemented by its owner)
+// Item handles: the per-process open-items table, opening an item by its
+// reference (opening its container on the way), closing it, attach and
+// detach counting, status, existence, change time, deletion (at once or
+// pending) and freezing of the header and index caches.
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "im.h"
+#include "mdc.h"
+#include "os.h"
 #include "sfl_int.h"
+
+sfl_ItemsTable& sfl_OpenItems() {
+  static sfl_ItemsTable table;
+  return table;
+}
+
+namespace {
+
+// The item's own reference (its container's with the item number).
+sfl_ItemRef RefOfItem(const sfl_ItemRec& item) {
+  sfl_ItemRef ref{};
+  ref.Domain = item.Domain;
+  ref.Flags = item.RefFlags;
+  ref.SubDomain = item.SubDomain;
+  ref.FileId = item.FileId;
+  std::memcpy(ref.Name, item.Name, sizeof ref.Name);
+  return ref;
+}
+
+bool SameName(const char* a, const char* b) {
+  return std::strncmp(a, b, sizeof(sfl_ItemRef::Name)) == 0;
+}
+
+// Closes a container that an open of an item opened, unless closing the
+// item on the way already gave the file back.
+void CloseOpenedFile(int32_t baseHandle, sfl_BaseRec* rec) {
+  if (rec->InUse != 1 || rec->InColdStore != 0 || rec->ExternalOpens < 1) return;
+  sfl_CloseFile(baseHandle);
+}
+
+// Opens an item by reference. keepPosition leaves CurrPos alone on a second
+// open (attach, detach, stat and exists open and close around the caller's
+// own handle and must not move its serial position).
+int32_t OpenItemRef(const sfl_ItemRef* ref, uint32_t allowSecondOpen, uint32_t keepPosition) {
+  char name[PATH_MAX];
+  int32_t itemNum = im_GetRealFileName(ref, name, sizeof name);
+  if (itemNum < 1) SFL_RAISE(SFL_R_NO_ITEM);
+
+  sfl_ItemRef fileRef = *ref;
+  fileRef.Flags = static_cast<uint16_t>(fileRef.Flags & ~SFL_ITEM_NUM_MASK);
+  sfl_BaseRec* rec = nullptr;
+  int32_t baseHandle = -1;
+  int32_t revived = 0;
+  bool openedHere = false;
+  if (sfl_CheckFileAccessed(&fileRef, &rec, &baseHandle, 1, &revived) == 0) {
+    baseHandle = sfl_OpenSfl(&fileRef, 1);
+    rec = sfl_Handle2Record(baseHandle);
+    openedHere = true;
+  } else {
+    // A file revived from the cold store counts as opened by this open.
+    openedHere = revived != 0;
+    sfl_EnsureBaseFileOpen(baseHandle);
+  }
+
+  try {
+    sfl_ItemRec* item = nullptr;
+    int32_t itemHandle = -1;
+    if (sfl_CheckItemAccessed(ref, &item, &itemHandle, baseHandle) != 0) {
+      if (allowSecondOpen == 0) SFL_RAISE(SFL_R_ITEM_OPEN);
+      ++item->OpenRefs;
+      if (keepPosition == 0) item->CurrPos = 0;
+      sfl_Activate(itemHandle);
+      return itemHandle;
+    }
+    {
+      sfl_Held lock;
+      lock.IntHeader(rec, rec->ITableOff + static_cast<uint32_t>(itemNum) * SFL_ITEM_HEADER_SIZE,
+                     SFL_LOCK_SHARED);
+      itemHandle = sfl_IntOpenItem(rec, baseHandle, static_cast<uint32_t>(itemNum), &item);
+    }
+    if ((item->Flags & DELETED) != 0 || (item->Offset == 0 && item->Size != 0)) {
+      sfl_CloseItem(itemHandle);
+      SFL_RAISE(SFL_R_ITEM_DELETED);
+    }
+    return itemHandle;
+  } catch (const er_Escape&) {
+    if (openedHere) {
+      er_StatusKeeper keep;
+      try {
+        CloseOpenedFile(baseHandle, rec);
+      } catch (const er_Escape&) {
+        er_Accept(5);
+      }
+    }
+    throw;
+  }
+}
+
+// Runs fn on a handle opened for the duration of one call and closes it
+// again on every path.
+template <class Fn>
+auto WithOpenItem(const sfl_ItemRef* ref, Fn fn) {
+  int32_t handle = OpenItemRef(ref, 1, 1);
+  try {
+    auto result = fn(handle);
+    sfl_CloseItem(handle);
+    return result;
+  } catch (const er_Escape&) {
+    er_StatusKeeper keep;
+    try {
+      sfl_CloseItem(handle);
+    } catch (const er_Escape&) {
+      er_Accept(5);
+    }
+    throw;
+  }
+}
+
+}  // namespace
+
+sfl_ItemRec* sfl_GetNewItemEntry(int32_t* itemHandle) {
+  return sfl_OpenItems().Take(itemHandle, SFL_R_ITEMS_FULL);
+}
+
+sfl_ItemRec* sfl_ItemHandle2Record(int32_t itemHandle) {
+  sfl_ItemRec* item = sfl_OpenItems().Lookup(itemHandle);
+  if (item->BaseRecord != nullptr) sfl_PtrEnsureBaseFileOpen(item->BaseRecord);
+  return item;
+}
+
+void sfl_DeleteOSerItem(sfl_ItemRec* item) { sfl_OpenItems().Release(item); }
+
+int32_t sfl_CheckItemAccessed(const sfl_ItemRef* ref, sfl_ItemRec** item, int32_t* itemHandle,
+                              int32_t baseHandle) {
+  sfl_ItemsTable& table = sfl_OpenItems();
+  for (size_t i = 0; i < table.HighWater(); ++i) {
+    sfl_ItemRec* r = table.At(i);
+    if (r == nullptr || r->InUse != 1) continue;
+    if (r->FileId == ref->FileId && r->SubDomain == ref->SubDomain && r->Domain == ref->Domain &&
+        r->ItemNum == sfl_ItemNumOf(*ref) && r->BaseHandle == baseHandle &&
+        SameName(r->Name, ref->Name)) {
+      if (item != nullptr) *item = r;
+      if (itemHandle != nullptr) *itemHandle = sfl_ItemsTable::kFirst + static_cast<int32_t>(i);
+      return 1;
+    }
+  }
+  if (item != nullptr) *item = nullptr;
+  if (itemHandle != nullptr) *itemHandle = -1;
+  return 0;
+}
+
+int32_t sfl_FindFellowActiveItems(int32_t baseHandle) {
+  sfl_ItemsTable& table = sfl_OpenItems();
+  for (size_t i = 0; i < table.HighWater(); ++i) {
+    sfl_ItemRec* r = table.At(i);
+    if (r == nullptr || r->InUse != 1) continue;
+    if (r->BaseHandle == baseHandle && (r->Flags & INT_ITEM) == 0 && r->ItemNum != 0 &&
+        r->Deactivated == 0)
+      return 1;
+  }
+  return 0;
+}
+
+int32_t sfl_IntOpenItem(sfl_BaseRec* rec, int32_t baseHandle, uint32_t itemNum,
+                        sfl_ItemRec** out) {
+  int32_t handle = -1;
+  sfl_ItemRec* item = sfl_GetNewItemEntry(&handle);
+  try {
+    item->BaseHandle = baseHandle;
+    item->BaseRecord = rec;
+    item->Domain = rec->Domain;
+    item->RefFlags = static_cast<uint16_t>((rec->RefFlags & ~SFL_ITEM_NUM_MASK) |
+                                           (itemNum & SFL_ITEM_NUM_MASK));
+    item->SubDomain = rec->SubDomain;
+    item->FileId = rec->FileId;
+    std::memcpy(item->Name, rec->Name, sizeof item->Name);
+    item->ItemNum = itemNum;
+    item->HeaderOff = rec->ITableOff + itemNum * SFL_ITEM_HEADER_SIZE;
+    item->OpenRefs = 1;
+    sfl_ItemHeader h;
+    sfl_ReadItemHeader(item, &h);
+    item->Offset = h.FileOffset;
+    item->Size = h.FileSize;
+    item->Flags = h.Flags;
+    sfl_IncIntItems(baseHandle);
+  } catch (const er_Escape&) {
+    sfl_DeleteOSerItem(item);
+    throw;
+  }
+  if (out != nullptr) *out = item;
+  return handle;
+}
+
+int32_t sfl_OpenItem(const sfl_ItemRef* ref, uint32_t allowSecondOpen) {
+  ER_TRACE_PROC("sfl_OpenItem");
+  return OpenItemRef(ref, allowSecondOpen, 0);
+}
+
+void sfl_CloseItem(int32_t itemHandle) {
+  ER_TRACE_PROC("sfl_CloseItem");
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  if (--item->OpenRefs >= 1) return;
+
+  if (item->LockCount > 0) {
+    sfl_ItemRef ref = RefOfItem(*item);
+    char name[PATH_MAX] = "";
+    im_ItemRef2FName(&ref, name, sizeof name);
+    ER_LOG(5, ER_GROUP_SFL, SFL_R_CLOSED_WITH_LOCKS, "item %s closed holding %d range locks",
+           name, item->LockCount);
+  }
+
+  sfl_BaseRec* rec = item->BaseRecord;
+  int32_t baseHandle = item->BaseHandle;
+  int32_t remaining = sfl_DecIntItems(baseHandle);
+  sfl_ConsiderSync(rec, item, SFL_EV_CLOSE);
+
+  // Whatever ranges the caller locked on a simple item go in one release.
+  if ((item->Flags & BLOCKED_ITEM) == 0 && item->LockedEver != 0)
+    os_TryLockPart(rec->FileDes, OS_LOCK_RELEASE, SEEK_SET, item->Offset, 0, item->Size, 0);
+
+  if (item->DeleteOnClose == 1) {
+    // The close must complete: a failed deletion check is logged and
+    // absorbed, and the caller's error status is left as it was.
+    er_StatusKeeper keep;
+    try {
+      sfl_ItemHeader h;
+      {
+        sfl_Held lock;
+        lock.ItemHeader(item, SFL_LOCK_SHARED);
+        sfl_ReadItemHeader(item, &h);
+      }
+      if (h.AccCount == 0) sfl_DeleteItem(itemHandle);
+    } catch (const er_Escape&) {
+      er_Accept(5);
+    }
+  }
+
+  sfl_DeleteOSerItem(item);
+  // The free-map item is one of the file's open items, so "1 or less" is
+  // reached while it is still open.
+  if (remaining <= 1 && rec->OpenMode != 0) sfl_CloseFile(baseHandle);
+}
+
+uint32_t sfl_Attach2OpenItem(int32_t itemHandle) {
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  sfl_ItemHeader h;
+  {
+    sfl_Held lock;
+    lock.ItemHeader(item, SFL_LOCK_EXCL);
+    sfl_ReadItemHeader(item, &h);
+    ++h.AccCount;
+    h.ChangeDate = mdc_time();
+    sfl_WriteItemHeader(item, h);
+  }
+  sfl_ConsiderSync(item->BaseRecord, item, SFL_EV_ATTACH);
+  return h.AccCount;
+}
+
+uint32_t sfl_DetachOpenItem(int32_t itemHandle) {
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  sfl_ItemHeader h;
+  {
+    sfl_Held lock;
+    lock.ItemHeader(item, SFL_LOCK_EXCL);
+    sfl_ReadItemHeader(item, &h);
+    if (h.AccCount > 0) {
+      --h.AccCount;
+      h.ChangeDate = mdc_time();
+    } else {
+      ER_LOG(5, ER_GROUP_SFL, SFL_R_DETACH_ZERO, "detach of item %u with attach count 0",
+             item->ItemNum);
+    }
+    if (h.AccCount == 0) h.Flags |= DELETED;
+    sfl_WriteItemHeader(item, h);
+  }
+  sfl_ConsiderSync(item->BaseRecord, item, SFL_EV_DETACH);
+  // The last close deletes the item if no owner is left by then.
+  item->DeleteOnClose = 1;
+  return h.AccCount;
+}
+
+uint32_t sfl_AttachItem(const sfl_ItemRef* ref) {
+  return WithOpenItem(ref, [](int32_t h) { return sfl_Attach2OpenItem(h); });
+}
+
+uint32_t sfl_DetachItem(const sfl_ItemRef* ref) {
+  return WithOpenItem(ref, [](int32_t h) { return sfl_DetachOpenItem(h); });
+}
+
+void sfl_FStatItem(int32_t itemHandle, struct stat* st) {
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  if (os_fstat(item->BaseRecord->FileDes, st) != 0) ER_RAISE(ER_GROUP_OS, errno);
+  sfl_ItemHeader h;
+  {
+    sfl_Held lock;
+    lock.ItemHeader(item, SFL_LOCK_SHARED);
+    sfl_ReadItemHeader(item, &h);
+  }
+  st->st_nlink = h.AccCount;
+  st->st_size = static_cast<off_t>(h.FileSize);
+  st->st_mtim.tv_sec = static_cast<time_t>(h.ChangeDate);
+  st->st_mtim.tv_nsec = 0;
+}
+
+void sfl_StatItem(const sfl_ItemRef* ref, struct stat* st) {
+  WithOpenItem(ref, [st](int32_t h) {
+    sfl_FStatItem(h, st);
+    return 0;
+  });
+}
+
+int32_t sfl_ItemExists(const sfl_ItemRef* ref) {
+  try {
+    int32_t handle = OpenItemRef(ref, 1, 1);
+    sfl_CloseItem(handle);
+    return 1;
+  } catch (const er_Escape&) {
+    er_Clear();
+    return 0;
+  }
+}
+
+void sfl_ChangeTime(int32_t itemHandle, uint32_t when) {
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  {
+    sfl_Held lock;
+    lock.ItemHeader(item, SFL_LOCK_EXCL);
+    sfl_ItemHeader h;
+    sfl_ReadItemHeader(item, &h);
+    h.ChangeDate = when;
+    sfl_WriteItemHeader(item, h);
+  }
+  sfl_ConsiderSync(item->BaseRecord, item, SFL_EV_CHANGE_TIME);
+}
+
+void sfl_IntDeleteItem(sfl_ItemRec* item) {
+  sfl_BaseRec* rec = item->BaseRecord;
+  sfl_WriteItemHeader(item, sfl_ItemHeader{});  // 64 zero bytes
+  sfl_ConsiderSync(rec, item, SFL_EV_WIPED);
+  if ((item->Flags & INT_ITEM) != 0) return;
+  sfl_FileHeader fh;
+  sfl_ReadFileHeader(rec, &fh);
+  if (fh.UsedItems > 0) --fh.UsedItems;
+  fh.InUseItms = static_cast<uint8_t>(fh.InUseItms & ~(1u << (item->ItemNum & 7)));
+  sfl_WriteFileHeader(rec, fh);
+  sfl_ConsiderSync(rec, item, SFL_EV_SLOT_RELEASED);
+}
+
+void sfl_DeleteItem(int32_t itemHandle) {
+  ER_TRACE_PROC("sfl_DeleteItem");
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  sfl_BaseRec* rec = item->BaseRecord;
+  {
+    sfl_Held fileLock;
+    fileLock.Header(rec, SFL_LOCK_EXCL);
+
+    // Immediate only when this process alone holds the file and nothing
+    // else in it holds the item.
+    sfl_CheckBaseInterest(rec);
+    bool immediate = item->OpenRefs < 2 && rec->ProcAccCount == 1;
+    if (immediate) {
+      sfl_ItemHeader h;
+      {
+        sfl_Held lock;
+        lock.ItemHeader(item, SFL_LOCK_EXCL);
+        sfl_ReadItemHeader(item, &h);
+        if (h.AccCount > 0)
+          immediate = false;
+        else
+          sfl_IntDeleteItem(item);
+      }
+      if (immediate) {
+        if ((h.Flags & BLOCKED_ITEM) != 0)
+          sfl_DeleteIndexTree(item, h);
+        else
+          sfl_FreeFreeBlocks(rec, h.FileOffset, h.UsedBlocks);
+      }
+    }
+    if (!immediate) {
+      // Pending: the final close of the file, once no other process holds
+      // it, releases items marked so.
+      {
+        sfl_Held lock;
+        lock.ItemHeader(item, SFL_LOCK_EXCL);
+        sfl_ItemHeader h;
+        sfl_ReadItemHeader(item, &h);
+        h.Flags |= DELETED;
+        sfl_WriteItemHeader(item, h);
+      }
+      item->Flags |= DELETED;
+      sfl_FileHeader fh;
+      sfl_ReadFileHeader(rec, &fh);
+      if ((fh.Flags & ITEM_PEND_DEL) == 0) {
+        fh.Flags |= ITEM_PEND_DEL;
+        sfl_WriteFileHeader(rec, fh);
+      }
+    }
+  }
+  sfl_ConsiderSync(rec, item, SFL_EV_DELETE);
+}
+
+sfl_ItemRec* sfl_ItemWillNotChange(int32_t itemHandle) {
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  item->Frozen = 1;
+  return item;
+}
+
+sfl_ItemRec* sfl_ItemMayChange(int32_t itemHandle) {
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  item->Frozen = 0;
+  item->HeaderCacheValid = 0;
+  item->IndexCacheValid = 0;
+  return item;
+}
