@@ -164,6 +164,8 @@ int os_ftruncate(int fd, off_t len) {
   return ::ftruncate(fd, len);
 }
 
+int os_fchmod(int fd, mode_t mode) { return ::fchmod(fd, mode); }
+
 int os_rename(const char* from, const char* to) {
   if (enter(os_Op::Rename)) return -1;
   return ::rename(from, to);

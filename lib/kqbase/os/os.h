@@ -52,6 +52,8 @@ int os_stat(const char* path, struct stat* st);
 int os_fdatasync(int fd);
 int os_fsync(int fd);
 int os_ftruncate(int fd, off_t len);
+// Sets a file's permission bits exactly (the process umask does not apply).
+int os_fchmod(int fd, mode_t mode);
 int os_rename(const char* from, const char* to);
 int os_unlink(const char* path);
 int os_link(const char* from, const char* to);
