@@ -1,2 +1,245 @@
-// (placeholder: implemented by its owner)
+// Byte-range locks over a container's records and item data, and the sync
+// policy that decides after each change whether the file is flushed.
+//
+// Each record is locked by exactly its own bytes; these ranges are the
+// protocol between processes. A lock routine returns 1 when it holds the
+// lock; its unlock returns the negation of the release's result, so a caller
+// keeps one "held" variable and releases only what is still marked held.
+#include <cerrno>
+#include <cstdio>
+
+#include "cust.h"
+#include "os.h"
 #include "sfl_int.h"
+
+namespace {
+
+constexpr uint32_t kHeaderLockLen = SFL_FILE_HEADER_SIZE;   // 0..127
+constexpr uint32_t kItemHeaderLockLen = SFL_ITEM_HEADER_SIZE;
+constexpr uint32_t kIndexLockLen = SFL_INDEX_SIZE;
+
+int lockRange(int fd, int mode, uint64_t offset, uint64_t length) {
+  return os_TryLockPart(fd, mode, SEEK_SET, static_cast<uint32_t>(offset),
+                        static_cast<uint32_t>(offset >> 32), static_cast<uint32_t>(length),
+                        static_cast<uint32_t>(length >> 32));
+}
+
+int baseFd(const sfl_ItemRec* item) {
+  return item->BaseRecord != nullptr ? item->BaseRecord->FileDes : -1;
+}
+
+// Exported range locks try once: a range held elsewhere is reported as
+// refused rather than waited for (the caller may hold other locks).
+int tryMode(int32_t mode) { return mode == SFL_LOCK_RELEASE ? mode : (mode | OS_LOCK_NOWAIT); }
+
+void countLock(sfl_ItemRec* item, int32_t mode) {
+  if (mode != SFL_LOCK_RELEASE) {
+    ++item->LockCount;
+    item->LockedEver = 1;
+  } else if (item->LockCount > 0) {
+    --item->LockCount;
+  }
+}
+
+// ---- sync state -------------------------------------------------------------
+uint32_t g_allAsync = 0;
+uint32_t g_allSync = 0;
+bool g_configRead = false;
+
+void readSyncConfig() {
+  if (cust_GetCustomiseInfo("SFL_ALL_ASYNC_IO") != nullptr) g_allAsync = 1;
+  if (cust_GetCustomiseInfo("SFL_ALL_SYNC_IO") != nullptr) {
+    g_allSync = 1;
+    g_allAsync = 0;  // sync wins
+  }
+  g_configRead = true;
+}
+
+enum class Sets { Nothing, Structure, Data };
+struct EventRule {
+  Sets sets;
+  int32_t cls;
+};
+
+EventRule ruleFor(int32_t event) {
+  switch (event) {
+    case 1: case 7: return {Sets::Structure, 400};
+    case 2: case 15: return {Sets::Nothing, 800};
+    case 3: return {Sets::Nothing, 4000};
+    case 4: case 14: case 25: return {Sets::Nothing, 8000};
+    case 5: return {Sets::Structure, 600};
+    case 24: return {Sets::Nothing, 600};
+    case 6: case 10: case 11: case 12: case 19: case 20: case 23: return {Sets::Structure, 6000};
+    case 8: case 9: case 17: case 18: case 28: return {Sets::Structure, 4000};
+    case 16: case 22: return {Sets::Data, 8000};
+    case 26: return {Sets::Nothing, 2000};
+    case 27: return {Sets::Nothing, 200};
+    default: return {Sets::Nothing, 6000};
+  }
+}
+
+// Both flags are cleared before the flush: whatever is changed after this
+// point is unsynced again.
+void flush(sfl_BaseRec* rec) {
+  rec->StructUnsynced = 0;
+  rec->DataUnsynced = 0;
+  if (os_fdatasync(rec->FileDes) != 0)
+    ER_LOG(5, ER_GROUP_OS, errno, "fdatasync of descriptor %d failed", rec->FileDes);
+}
+
+bool itemSwitchesOff(const sfl_ItemRec* item) {
+  return item != nullptr && item->ItemUserNoSync == 0 && item->LibItmNoSync == 0;
+}
+
+}  // namespace
+
+// ---- record locks -------------------------------------------------------------
+
+int32_t sfl_LockHeader(sfl_BaseRec* rec, int32_t mode) {
+  return lockRange(rec->FileDes, mode, 0, kHeaderLockLen);
+}
+
+int32_t sfl_UnlockHeader(sfl_BaseRec* rec) {
+  return !lockRange(rec->FileDes, SFL_LOCK_RELEASE, 0, kHeaderLockLen);
+}
+
+int32_t sfl_LockItemHeader(sfl_ItemRec* item, int32_t mode) {
+  if (item->Flags & OTHER_LOCKS) return 0;
+  return lockRange(baseFd(item), mode, item->HeaderOff, kItemHeaderLockLen);
+}
+
+int32_t sfl_UnLockItemHeader(sfl_ItemRec* item) {
+  if (item->Flags & OTHER_LOCKS) return 0;
+  return !lockRange(baseFd(item), SFL_LOCK_RELEASE, item->HeaderOff, kItemHeaderLockLen);
+}
+
+int32_t sfl_LockAnIntHeader(sfl_BaseRec* rec, uint32_t offset, int32_t mode) {
+  return lockRange(rec->FileDes, mode, offset, kItemHeaderLockLen);
+}
+
+int32_t sfl_UnLockAnIntHeader(sfl_BaseRec* rec, uint32_t offset) {
+  return !lockRange(rec->FileDes, SFL_LOCK_RELEASE, offset, kItemHeaderLockLen);
+}
+
+int32_t sfl_LockAnIndex(sfl_ItemRec* item, uint32_t offset, int32_t mode) {
+  return lockRange(baseFd(item), mode, offset, kIndexLockLen);
+}
+
+int32_t sfl_UnLockAnIndex(sfl_ItemRec* item, uint32_t offset) {
+  return !lockRange(baseFd(item), SFL_LOCK_RELEASE, offset, kIndexLockLen);
+}
+
+// ---- caller locks on item data ----------------------------------------------------
+
+int32_t sfl_LockSflItem(int32_t itemHandle, int32_t mode, int16_t whence, int64_t offset,
+                        int64_t length) {
+  ER_TRACE_PROC("sfl_LockSflItem");
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  if (whence != 0) ER_RAISE(ER_GROUP_CALL, 38);
+  // A negative end is let through unchecked; only ends at or above zero are
+  // held to the item's size and to 32 bits.
+  const int64_t end = static_cast<int64_t>(static_cast<uint64_t>(offset) + static_cast<uint64_t>(length));
+  if (end >= 0 && ((end >> 32) > 0 || end > static_cast<int64_t>(item->Size)))
+    SFL_RAISE(SFL_R_RANGE);
+  const uint64_t start = static_cast<uint64_t>(item->Offset) + static_cast<uint64_t>(offset);
+  int32_t got = lockRange(baseFd(item), tryMode(mode), start, static_cast<uint64_t>(length));
+  if (got == 0) return 0;
+  countLock(item, mode);
+  return got;
+}
+
+int32_t sfl_flock(int32_t itemHandle, int32_t mode) {
+  ER_TRACE_PROC("sfl_flock");
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  if (lockRange(baseFd(item), tryMode(mode), item->Offset, item->Size) == 0) return 11;
+  countLock(item, mode);
+  return 0;
+}
+
+// ---- sync policy --------------------------------------------------------------------
+
+void sfl_ConsiderSync(sfl_BaseRec* rec, sfl_ItemRec* item, int32_t event) {
+  if (g_allAsync == 1) return;
+  if (rec == nullptr && item != nullptr) rec = item->BaseRecord;
+  if (rec == nullptr) return;
+  if (rec->FileFlags & ASYNCHRONOUS) return;
+  if (!g_configRead) {
+    readSyncConfig();
+    if (g_allAsync == 1) return;
+  }
+  if (rec->Domain == 5) return;
+  if (g_allSync == 1) {
+    flush(rec);
+    return;
+  }
+  EventRule rule = ruleFor(event);
+  if (rule.sets == Sets::Structure) rec->StructUnsynced = 1;
+  if (rule.sets == Sets::Data) rec->DataUnsynced = 1;
+  int32_t cls = rule.cls;
+  if (item == nullptr && cls > 1000) cls /= 10;
+
+  const bool quiet = rec->NewlyCreated == 0;
+  const bool userSync = rec->UserAsync == 0;
+  switch (cls) {
+    case 200:
+      if (quiet && rec->StructUnsynced == 1) flush(rec);
+      break;
+    case 400:
+      if (quiet && userSync && rec->StructUnsynced == 1) flush(rec);
+      break;
+    case 2000:
+      if (quiet && userSync && itemSwitchesOff(item) &&
+          (rec->StructUnsynced == 1 || rec->DataUnsynced == 1))
+        flush(rec);
+      break;
+    case 4000:
+      if (quiet && userSync && itemSwitchesOff(item) && rec->StructUnsynced == 1) flush(rec);
+      break;
+    default:  // 600, 800, 6000, 8000: never at once
+      break;
+  }
+}
+
+uint32_t sfl_SetAllAsync(uint32_t value) {
+  uint32_t old = g_allAsync;
+  g_allAsync = value;
+  return old;
+}
+
+void sfl_ResetSyncConfig() {
+  g_allAsync = 0;
+  g_allSync = 0;
+  g_configRead = false;
+}
+
+void sfl_SyncData(int32_t itemHandle) {
+  ER_TRACE_PROC("sfl_SyncData");
+  sfl_ConsiderSync(nullptr, sfl_ItemHandle2Record(itemHandle), SFL_EV_SYNC);
+}
+
+void sfl_SyncBaseFile(int32_t baseHandle) {
+  ER_TRACE_PROC("sfl_SyncBaseFile");
+  sfl_EnsureBaseFileOpen(baseHandle);
+  sfl_ConsiderSync(sfl_Handle2Record(baseHandle), nullptr, SFL_EV_SYNC);
+}
+
+uint32_t sfl_SetFileUserNoSync(int32_t itemHandle, uint32_t value) {
+  sfl_BaseRec* rec = sfl_ItemHandle2Record(itemHandle)->BaseRecord;
+  uint32_t old = rec->UserAsync;
+  rec->UserAsync = value;
+  return old;
+}
+
+uint32_t sfl_SetItemUserNoSync(int32_t itemHandle, uint32_t value) {
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  uint32_t old = item->ItemUserNoSync;
+  item->ItemUserNoSync = value;
+  return old;
+}
+
+uint32_t sfl_SetlibItmNoSync(int32_t itemHandle, uint32_t value) {
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  uint32_t old = item->LibItmNoSync;
+  item->LibItmNoSync = value;
+  return old;
+}

@@ -1,2 +1,196 @@
-// (placeholder: implemented by its owner)
+// The open-files table of this process (base handles 7000 upwards), the
+// counting of item handles per file, and the cold store that keeps closed
+// files' descriptors open for quick reuse.
+#include <cstdlib>
+#include <cstring>
+#include <sys/stat.h>
+
+#include "cust.h"
+#include "os.h"
 #include "sfl_int.h"
+
+int32_t FilesInColdStore = 0;
+uint32_t FrozenCount = 0;
+
+namespace {
+
+int32_t g_coldStoreSize = -1;  // -1 until read
+
+// Eviction starts only above this many cold files, whatever the configured
+// size; a configured size below five thus still lets the store reach five.
+constexpr int32_t kEvictAbove = 4;
+
+// Closes a cold file for good: its free-map item, its descriptor, its entry.
+void closeForGood(sfl_BaseRec* rec) {
+  if (!(rec->FileFlags & SINGLE_FILE) && rec->FreeMapHandle != 0) {
+    try {
+      sfl_CloseIntItem(rec->FreeMapHandle);
+    } catch (const er_Escape&) {
+      // The descriptor and the entry must go even so; the failure is logged.
+      er_Accept(5);
+    }
+  }
+  if (rec->FileDes >= 0) os_close(rec->FileDes);
+  rec->FileDes = -1;
+  sfl_DeleteOSerFile(rec);
+  --FilesInColdStore;
+}
+
+}  // namespace
+
+sfl_FilesTable& sfl_OpenFiles() {
+  // Never destroyed: records may be used from handlers running at exit.
+  static sfl_FilesTable* table = (sfl_InstallForkHandler(), new sfl_FilesTable);
+  return *table;
+}
+
+// ---- references -------------------------------------------------------------------
+
+sfl_ItemRef sfl_RefOf(const sfl_BaseRec& rec) {
+  sfl_ItemRef ref{};
+  ref.Domain = rec.Domain;
+  ref.Flags = rec.RefFlags;
+  ref.SubDomain = rec.SubDomain;
+  ref.FileId = rec.FileId;
+  std::memcpy(ref.Name, rec.Name, sizeof ref.Name);
+  return ref;
+}
+
+sfl_ItemRef sfl_RefOf(const sfl_ItemRec& item) {
+  sfl_ItemRef ref{};
+  ref.Domain = item.Domain;
+  ref.Flags = item.RefFlags;
+  ref.SubDomain = item.SubDomain;
+  ref.FileId = item.FileId;
+  std::memcpy(ref.Name, item.Name, sizeof ref.Name);
+  return ref;
+}
+
+void sfl_SetRef(sfl_BaseRec& rec, const sfl_ItemRef& ref) {
+  rec.Domain = ref.Domain;
+  rec.RefFlags = ref.Flags;
+  rec.SubDomain = ref.SubDomain;
+  rec.FileId = ref.FileId;
+  std::memcpy(rec.Name, ref.Name, sizeof rec.Name);
+}
+
+bool sfl_SameFile(const sfl_ItemRef& a, const sfl_ItemRef& b) {
+  return a.FileId == b.FileId && a.SubDomain == b.SubDomain && a.Domain == b.Domain &&
+         std::strncmp(a.Name, b.Name, sizeof a.Name) == 0;
+}
+
+// ---- the table ------------------------------------------------------------------------
+
+sfl_BaseRec* sfl_GetNewOFilesEntry(int32_t* baseHandle) {
+  sfl_BaseRec* rec = sfl_OpenFiles().Take(baseHandle, SFL_R_FILES_FULL);
+  rec->FileDes = -1;
+  return rec;
+}
+
+sfl_BaseRec* sfl_Handle2Record(int32_t baseHandle) { return sfl_OpenFiles().Lookup(baseHandle); }
+
+void sfl_DeleteOSerFile(sfl_BaseRec* rec) { sfl_OpenFiles().Release(rec); }
+
+void sfl_GetSerFileItem(int32_t baseHandle, sfl_ItemRef* out) {
+  *out = sfl_RefOf(*sfl_Handle2Record(baseHandle));
+}
+
+int32_t sfl_IncIntItems(int32_t baseHandle) {
+  return ++sfl_Handle2Record(baseHandle)->IntItemsOpen;
+}
+
+int32_t sfl_DecIntItems(int32_t baseHandle) {
+  sfl_BaseRec* rec = sfl_Handle2Record(baseHandle);
+  if (rec->IntItemsOpen > 0) return --rec->IntItemsOpen;
+  ER_LOG(5, ER_GROUP_SFL, SFL_R_INT_ITEMS_NEGATIVE, "open-item count of base handle %d is already 0",
+         baseHandle);
+  return 0;
+}
+
+// ---- finding this process's record of a file ------------------------------------------
+
+int32_t sfl_CheckFileAccessed(const sfl_ItemRef* ref, sfl_BaseRec** recOut, int32_t* baseHandle,
+                              int32_t revive, int32_t* revived) {
+  ER_TRACE_PROC("sfl_CheckFileAccessed");
+  if (recOut != nullptr) *recOut = nullptr;
+  if (baseHandle != nullptr) *baseHandle = -1;
+  if (revived != nullptr) *revived = 0;
+  sfl_FilesTable& table = sfl_OpenFiles();
+  for (size_t i = 0; i < table.HighWater(); ++i) {
+    sfl_BaseRec* rec = table.At(i);
+    if (rec == nullptr || rec->InUse != 1 || !sfl_SameFile(sfl_RefOf(*rec), *ref)) continue;
+    const int32_t handle = sfl_FilesTable::kFirst + static_cast<int32_t>(i);
+    if (rec->InColdStore) {
+      if (revive != 1) {
+        closeForGood(rec);
+        return 0;
+      }
+      // A frozen file that was removed or replaced since is not revived.
+      struct stat st;
+      if (os_fstat(rec->FileDes, &st) != 0 || st.st_nlink == 0) {
+        closeForGood(rec);
+        return 0;
+      }
+      rec->InColdStore = 0;
+      --FilesInColdStore;
+      ++rec->ExternalOpens;
+      rec->OpenMode = 1;
+      sfl_RecordBaseInterest(rec);
+      if (revived != nullptr) *revived = 1;
+    }
+    if (recOut != nullptr) *recOut = rec;
+    if (baseHandle != nullptr) *baseHandle = handle;
+    return 1;
+  }
+  return 0;
+}
+
+// ---- the cold store -----------------------------------------------------------------------
+
+int32_t sfl_ColdStoreSize() {
+  if (g_coldStoreSize == -1) {
+    const char* v = cust_GetCustomiseInfo("SFL_COLD_STORE_SIZE");
+    int32_t size = v != nullptr ? std::atoi(v) : 5;
+    g_coldStoreSize = size < 1 ? 1 : size;
+  }
+  return g_coldStoreSize;
+}
+
+void sfl_ResetColdStoreSize() { g_coldStoreSize = -1; }
+
+void sfl_ReturnToColdStore(int32_t baseHandle) {
+  ER_TRACE_PROC("sfl_ReturnToColdStore");
+  sfl_BaseRec* rec = sfl_Handle2Record(baseHandle);
+  if (rec->ExternalOpens > 0) --rec->ExternalOpens;
+  rec->InColdStore = 1;
+  ++FilesInColdStore;
+  sfl_ReleaseBaseInterest(rec);
+}
+
+// Evicts the cold file with the smallest freeze sequence. A candidate whose
+// sequence is 0 is always replaced by a later cold record, so a file frozen
+// with sequence 0 goes only when it is the last cold record in table order.
+void sfl_MakeRoomInColdStore(void) {
+  ER_TRACE_PROC("sfl_MakeRoomInColdStore");
+  if (FilesInColdStore <= kEvictAbove) return;
+  sfl_FilesTable& table = sfl_OpenFiles();
+  sfl_BaseRec* victim = nullptr;
+  for (size_t i = 0; i < table.HighWater(); ++i) {
+    sfl_BaseRec* rec = table.At(i);
+    if (rec == nullptr || rec->InUse != 1 || !rec->InColdStore) continue;
+    if (victim == nullptr || rec->FreezeSeq < victim->FreezeSeq || victim->FreezeSeq == 0)
+      victim = rec;
+  }
+  if (victim == nullptr) {
+    FilesInColdStore = 0;  // the count had drifted
+    return;
+  }
+  closeForGood(victim);
+}
+
+void sfl_EnterColdStore(sfl_BaseRec* rec) {
+  if (FilesInColdStore >= sfl_ColdStoreSize()) sfl_MakeRoomInColdStore();
+  rec->InColdStore = 1;
+  rec->FreezeSeq = FrozenCount++;
+  ++FilesInColdStore;
+}

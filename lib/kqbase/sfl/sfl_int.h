@@ -235,6 +235,17 @@ uint32_t sfl_CompactSflFile(sfl_BaseRec* rec);
 void sfl_EnterColdStore(sfl_BaseRec* rec);
 // The configured cold-store size ("SFL_COLD_STORE_SIZE", default 5, at least 1).
 int32_t sfl_ColdStoreSize();
+// Forgets the cold-store size read, so the next use reads the key again (tests).
+void sfl_ResetColdStoreSize();
+
+// ---- sync configuration (sfl_Locks) -------------------------------------------------------------
+// Returns the sync switches to their initial state and marks the
+// configuration unread, so the next sync decision reads it again (tests).
+void sfl_ResetSyncConfig();
+
+// ---- fork (sfl_fork) ----------------------------------------------------------------------------
+// Makes sure the child-side fork handler is registered (once per process).
+void sfl_InstallForkHandler();
 
 // ---- lock guards ----------------------------------------------------------------------------
 // Holds at most one byte-range lock (the "held variable" of the lock
