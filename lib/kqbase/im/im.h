@@ -1,6 +1,34 @@
 // im_: item references to paths and descriptors under the store root.
-// The store root is "SFL_STORE_ROOT" (default: ./sfl-store under the current
-// directory). An item's name is its container's path, ":" and the item number.
+//
+// Store root: the value of "SFL_STORE_ROOT" (default "./sfl-store", relative
+// to the current directory), trailing slashes removed.
+//
+// Path layout. The container file a reference names lies at
+//
+//     <root>/<Domain>/<SubDomain>/<FileId>          (empty name tag)
+//     <root>/<Domain>/<SubDomain>/<FileId>.<Name>   (non-empty name tag)
+//
+// with the three numbers in decimal. The item-number bits of Flags (Flags & 7)
+// do not change the path: every item of a container shares the container's
+// file. Flags bits above the item number are not part of the path or of the
+// text form. An item name is the container path followed by ":" and the item
+// number, when the item number is not zero ("<path>:3").
+//
+// Text form of a reference: "<Domain>.<SubDomain>.<FileId>.<Name>[:<item>]",
+// numbers in decimal, the name part omitted together with its dot when the
+// name tag is empty ("2.17.4113", "2.17.4113.abc:3"). Item numbers 1 to 7.
+//
+// Name tags. A name tag is at most three characters from [A-Za-z0-9_-],
+// zero-terminated within its four bytes. Anything else could reach outside
+// the store root ("..", "/") or be ambiguous in a path, and is refused with an
+// escape in group ER_GROUP_CONFIG, reason IM_R_UNSAFE_NAME.
+//
+// New files. im_GetNewDataItem uses Domain 2 and im_CrNewTempItem Domain 4
+// (files the close never compacts). Both choose a random FileId, take
+// SubDomain = FileId % 256 (spreading files over directories and over the
+// interest service's queue pairs), create the file with O_CREAT|O_EXCL and
+// permissions 0660 and retry with another FileId on EEXIST, so that two
+// processes can never be handed the same file.
 #ifndef KQ_IM_H
 #define KQ_IM_H
 
@@ -9,13 +37,23 @@
 
 #include "sfl.h"  // sfl_ItemRef and the exported name conversions
 
+// Reasons raised in group ER_GROUP_CONFIG.
+enum im_Reason : int {
+  IM_R_UNSAFE_NAME = 4401,  // name tag outside [A-Za-z0-9_-]{0,3} or not terminated
+  IM_R_BAD_TEXT = 4402,     // text form malformed or a number out of range
+  IM_R_NOT_IN_STORE = 4403, // a file name that is not a path of the layout under the root
+  IM_R_BUFFER = 4404,       // the caller's buffer is too small for the name or text
+  IM_R_NO_UNIQUE_ID = 4405, // no free FileId found after many attempts
+};
+
 // Creates a new, uniquely named data item (type 2) or temporary item
 // (type 4) file with permissions 0660; fills its reference and returns an
-// open read-write descriptor. Race-free across processes.
+// open read-write descriptor. Race-free across processes. Failures of the
+// file system raise group ER_GROUP_OS with the errno as reason.
 int im_GetNewDataItem(sfl_ItemRef* out);
 int im_CrNewTempItem(sfl_ItemRef* out);
 // Opens the file a reference names (item-number bits ignored) read-write;
-// raises an escape when it cannot.
+// raises an escape (group ER_GROUP_OS, reason errno) when it cannot.
 int im_OpenItem(const sfl_ItemRef* ref);
 // Removes the file a reference names; raises an escape on failure.
 void im_UnlinkItem(const sfl_ItemRef* ref);
@@ -28,5 +66,16 @@ int32_t im_CopyItem2SflDataItem(sfl_ItemRef* out, uint32_t size, uint32_t noZero
                                 const sfl_ItemRef* source, int32_t passOn);
 int32_t im_GetNewSflItem(sfl_ItemRef* out, int32_t passOn1, uint32_t size, int32_t type,
                          int32_t passOn2, uint32_t noZeroFill, const sfl_ItemRef* source);
+
+// The exported conversions (declared in sfl.h) behave so:
+//   im_FormItemRef(text, out)       parses the text form; returns 0.
+//   im_ItemRef2Text(ref, out, len)  writes the text form; returns its length.
+//   im_ItemRef2FName(ref, out, len) writes the item name (container path, and
+//                                   ":<item>" for a non-zero item number);
+//                                   returns its length.
+//   im_FName2ItemRef(name, out)     parses a container path or item name in
+//                                   exactly the form im_ItemRef2FName writes;
+//                                   returns 0.
+// Each raises an escape in group ER_GROUP_CONFIG on bad input.
 
 #endif  // KQ_IM_H
