@@ -1,2 +1,575 @@
-// (placeholder: implemented by its owner)
+// Container files in a process: creating, opening and closing them, and the
+// management of their free space (blocks through the free map, item slots
+// through the item table). Both concerns live here because the close
+// releases space and the create lays down the first map.
+//
+// Sections:
+//   1. the in-memory map globals and small helpers
+//   2. free space: taking and releasing blocks, the map's extension, slots
+//   3. creating a file
+//   4. opening a file
+//   5. closing a file
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "ext.h"
+#include "im.h"
+#include "mdc.h"
+#include "os.h"
 #include "sfl_int.h"
+
+// ==== 1. globals and helpers =============================================================
+
+// The in-memory free map used while a whole-file rebuild lays out a new file.
+// It is a malloc-family buffer (os_realloc grows it) so that whoever owns the
+// rebuild can free it with os_free.
+extern "C" {
+uint8_t* MemFreeMap = nullptr;
+uint32_t MemFreeMapSize = 0;
+}
+
+namespace {
+
+constexpr uint32_t kMapGrowth = 256;               // bytes added to an on-disk map at least
+constexpr uint32_t kMapBytesPerExtraBlock = 262144;  // one more block per 256 KiB of map
+constexpr uint32_t kBitModulo = 1u << 25;            // block numbers of a 32-bit offset
+constexpr uint32_t kInitialUsedBlocks = 7;           // header, table and map: 896 bytes
+constexpr uint16_t kTempDomain = 4;                  // files never compacted at close
+
+bool IsSingle(const sfl_BaseRec* rec) { return (rec->FileFlags & SINGLE_FILE) != 0; }
+
+// The free-map item of a container; a container without one cannot hand out
+// space (it was never opened through this module).
+sfl_ItemRec* MapItem(sfl_BaseRec* rec) {
+  if (rec->FreeMapItem == nullptr) SFL_RAISE(SFL_R_BAD_MAP);
+  return rec->FreeMapItem;
+}
+
+bool MapInMemory(sfl_BaseRec* rec) { return (MapItem(rec)->Flags & MEM_FREEMAP) != 0; }
+
+// Frees an item-handle record taken for one step of a close if that step
+// fails half-way (lowering the file's open-item count unless the step did);
+// keeps the caller's error status.
+class ItemRecGuard {
+ public:
+  ItemRecGuard(int32_t baseHandle, sfl_ItemRec* item) : baseHandle_(baseHandle), item_(item) {}
+  ~ItemRecGuard() {
+    if (item_ == nullptr) return;
+    er_StatusKeeper keep;
+    try {
+      if (!counted_) sfl_DecIntItems(baseHandle_);
+      sfl_DeleteOSerItem(item_);
+    } catch (const er_Escape&) {
+      er_Accept(5);
+    }
+  }
+  ItemRecGuard(const ItemRecGuard&) = delete;
+  ItemRecGuard& operator=(const ItemRecGuard&) = delete;
+  // The open-item count has been lowered for this record.
+  void Counted() { counted_ = true; }
+  // The record was freed by the step itself.
+  void Done() { item_ = nullptr; }
+
+ private:
+  int32_t baseHandle_;
+  sfl_ItemRec* item_;
+  bool counted_ = false;
+};
+
+}  // namespace
+
+// ==== 2. free space =======================================================================
+
+// Grows a free map and returns its new length in bytes. With the free-map
+// item marked MEM_FREEMAP the map is MemFreeMap (diskMap is ignored);
+// otherwise it is *diskMap, whose item header `header` is rewritten: the
+// grown map moves to the first free run large enough for it, and the blocks
+// it occupied before become free.
+static uint32_t sfl_ExtendFreeMap(sfl_BaseRec* rec, std::vector<uint8_t>* diskMap,
+                                  uint32_t length, uint32_t asked, sfl_ItemHeader* header) {
+  const bool inMemory = MapInMemory(rec);
+  if (!inMemory && header == nullptr) SFL_RAISE(SFL_R_NO_MAP_HEADER);
+
+  uint32_t blocks = 0;
+  uint32_t newLength = 0;
+  if (asked != 0) {
+    blocks = (inMemory ? sfl_CalculateBlocks(length) : sfl_CalculateBlocks(length + kMapGrowth)) +
+             sfl_CalculateBlocks(sfl_CalculateBlocks(asked) / 8 + 1) +
+             length / kMapBytesPerExtraBlock;
+    newLength = blocks * SFL_BLOCK_SIZE;
+  } else if (!inMemory) {
+    blocks = sfl_CalculateBlocks(length + kMapGrowth);
+    newLength = length + kMapGrowth;
+  } else {
+    return length;  // nothing asked of an in-memory map: nothing to grow
+  }
+
+  if (inMemory) {
+    void* grown = os_realloc(MemFreeMap, newLength);
+    if (grown == nullptr) ER_RAISE(ER_GROUP_OS, ENOMEM);
+    MemFreeMap = static_cast<uint8_t*>(grown);
+    if (newLength > length) std::memset(MemFreeMap + length, 0, newLength - length);
+    MemFreeMapSize = newLength;
+    return newLength;
+  }
+
+  diskMap->resize(newLength, 0);
+  uint8_t* map = diskMap->data();
+  const int64_t run = ext_FindBits(map, newLength, blocks, 0);
+  // The added bytes are all free, so only a very large map can fail to
+  // find room for itself; such a map cannot be moved.
+  if (run < 0) SFL_RAISE(SFL_R_SHORT_MAP_WRITE);
+  ext_SetBits(map, newLength, static_cast<uint32_t>(run), blocks, 1);
+  ext_SetBits(map, newLength, header->FileOffset / SFL_BLOCK_SIZE, header->UsedBlocks, 0);
+
+  const uint32_t newOffset = static_cast<uint32_t>(run) * SFL_BLOCK_SIZE;
+  if (sfl_PWrite(rec, map, newLength, newOffset) != static_cast<ssize_t>(newLength))
+    SFL_RAISE(SFL_R_SHORT_MAP_WRITE);
+  sfl_ConsiderSync(rec, nullptr, SFL_EV_MAP_MOVED);
+
+  header->FileSize = newLength;
+  header->FileOffset = newOffset;
+  header->ChangeDate = mdc_time();
+  header->UsedBlocks = blocks;
+  sfl_ItemRec* mapItem = MapItem(rec);
+  sfl_WriteItemHeader(mapItem, *header);
+  mapItem->Offset = newOffset;
+  mapItem->Size = newLength;
+  sfl_ConsiderSync(rec, nullptr, SFL_EV_MAP_HEADER);
+  return newLength;
+}
+
+uint32_t sfl_GetFreeSpaceNew(sfl_BaseRec* rec, uint32_t size, uint32_t* blockCount) {
+  ER_TRACE_PROC("sfl_GetFreeSpaceNew");
+  const uint32_t count = sfl_CalculateBlocks(size);
+  if (blockCount != nullptr) *blockCount = count;
+  if (count == 0) return 0;
+  if (IsSingle(rec)) return rec->DataOff;
+
+  sfl_Held lock;
+  lock.ItemHeader(MapItem(rec), SFL_LOCK_EXCL);
+
+  if (MapInMemory(rec)) {
+    if (MemFreeMap == nullptr) SFL_RAISE(SFL_R_NEED_MEM_MAP);
+    uint32_t length = MemFreeMapSize;
+    int64_t first;
+    while ((first = ext_FindBits(MemFreeMap, length, count, 0)) < 0)
+      length = sfl_ExtendFreeMap(rec, nullptr, length, size, nullptr);
+    ext_SetBits(MemFreeMap, length, static_cast<uint32_t>(first), count, 1);
+    MemFreeMapSize = length;
+    lock.Unlock();
+    return static_cast<uint32_t>(first) * SFL_BLOCK_SIZE;
+  }
+
+  sfl_ItemHeader fm;
+  sfl_ReadItemHeader(MapItem(rec), &fm);
+  std::vector<uint8_t> map;
+  uint32_t length = sfl_ReadFreeMap(rec, &map, fm);
+  int64_t first;
+  while ((first = ext_FindBits(map.data(), length, count, 0)) < 0)
+    length = sfl_ExtendFreeMap(rec, &map, length, size, &fm);
+  ext_SetBits(map.data(), length, static_cast<uint32_t>(first), count, 1);
+  // Only the bytes that hold the run change; the rest of the map is as read.
+  sfl_WritePartialFreeMap(rec, map, first, count, fm);
+  lock.Unlock();
+  sfl_ConsiderSync(rec, nullptr, SFL_EV_GET_SPACE);
+  return static_cast<uint32_t>(first) * SFL_BLOCK_SIZE;
+}
+
+// Releases blocks in the on-disk map (an in-memory map is never released
+// into). With the deletion service on, the range is overwritten with zeros
+// before the map is written, so freed data is gone before it can be reused.
+void sfl_FreeFreeBlocks(sfl_BaseRec* rec, uint32_t offset, uint32_t blockCount) {
+  ER_TRACE_PROC("sfl_FreeFreeBlocks");
+  if (blockCount == 0 || IsSingle(rec)) return;
+
+  sfl_Held lock;
+  lock.ItemHeader(MapItem(rec), SFL_LOCK_EXCL);
+  sfl_ItemHeader fm;
+  sfl_ReadItemHeader(MapItem(rec), &fm);
+  std::vector<uint8_t> map;
+  uint32_t length = sfl_ReadFreeMap(rec, &map, fm);
+  ext_SetBits(map.data(), length, offset / SFL_BLOCK_SIZE, blockCount, 0);
+  if (mdc_DDSGetDelStatus() != 0 &&
+      mdc_DDSDelFileByDes(rec->FileDes, offset,
+                          static_cast<uint64_t>(blockCount) * SFL_BLOCK_SIZE) != 0) {
+    // The blocks stay marked in use: better lost space than readable data.
+    SFL_RAISE(SFL_R_SHORT_WRITE);
+  }
+  sfl_WriteFreeMap(rec, map, fm);
+  lock.Unlock();
+  rec->SpaceAnalysis |= 1;
+  sfl_ConsiderSync(rec, nullptr, SFL_EV_FREED);
+}
+
+void sfl_FreeFreeSpace(sfl_ItemRec* item, uint32_t offset, uint32_t size) {
+  sfl_BaseRec* rec = item->BaseRecord != nullptr ? item->BaseRecord
+                                                 : sfl_Handle2Record(item->BaseHandle);
+  sfl_FreeFreeBlocks(rec, offset, sfl_CalculateBlocks(size));
+}
+
+void sfl_ClearFreeMapArea(uint8_t* map, uint32_t mapLength, uint32_t offset, uint32_t size) {
+  const uint32_t first = (offset / SFL_BLOCK_SIZE) % kBitModulo;
+  ext_SetBits(map, mapLength, first, sfl_CalculateBlocks(size), 0);
+}
+
+// Grows MemFreeMap until it holds a free run as long as the map itself, so
+// that the map can later be written into free space of the file it describes.
+void sfl_MakeSpaceFitMemMap(sfl_BaseRec* rec) {
+  ER_TRACE_PROC("sfl_MakeSpaceFitMemMap");
+  if (MemFreeMap == nullptr || !MapInMemory(rec)) SFL_RAISE(SFL_R_NEED_MEM_MAP);
+  for (;;) {
+    const uint32_t blocks = sfl_CalculateBlocks(MemFreeMapSize);
+    if (blocks == 0 || ext_FindBits(MemFreeMap, MemFreeMapSize, blocks, 0) >= 0) return;
+    sfl_ExtendFreeMap(rec, nullptr, MemFreeMapSize, MemFreeMapSize, nullptr);
+  }
+}
+
+// Takes an item slot: the first free one (wanted -1) or a given one. Returns
+// the slot, 0 when the first free bit of the one-byte map lies at or beyond
+// MaxItems, -1 when nothing could be taken.
+int32_t sfl_GetFreeItemSlot(sfl_BaseRec* rec, uint32_t blocked, int32_t wanted) {
+  ER_TRACE_PROC("sfl_GetFreeItemSlot");
+  int32_t result = -1;
+  sfl_Held header;
+  header.Header(rec, SFL_LOCK_EXCL);
+  sfl_FileHeader h;
+  sfl_ReadFileHeader(rec, &h);
+
+  if (h.Flags & SINGLE_FILE) {
+    if (blocked != 0) SFL_RAISE(SFL_R_SINGLE_FILE);
+    if (h.UsedItems == 0 && (wanted == -1 || wanted == 1)) result = 1;
+  } else if (wanted == -1) {
+    for (int32_t bit = 0; bit < 8; ++bit) {
+      if ((h.InUseItms & (1u << bit)) == 0) {
+        result = static_cast<uint32_t>(bit) >= h.MaxItems ? 0 : bit;
+        break;
+      }
+    }
+  } else if (wanted >= 0 && wanted < 8 && static_cast<uint32_t>(wanted) < h.MaxItems &&
+             (h.InUseItms & (1u << wanted)) == 0) {
+    result = wanted;
+  }
+
+  if (result > 0) {
+    h.InUseItms = static_cast<uint8_t>(h.InUseItms | (1u << result));
+    // Magic and type stay zero: the item code fills them in with the first
+    // full write of the header.
+    sfl_ItemHeader ih;
+    ih.AccCount = 1;
+    ih.ChangeDate = mdc_time();
+    if (blocked != 0) ih.Flags = BLOCKED_ITEM;
+    sfl_ItemHeaderBytes bytes;
+    sfl_EncodeItemHeader(ih, bytes);
+    const uint32_t slotOff = h.TableOffset + static_cast<uint32_t>(result) * SFL_ITEM_HEADER_SIZE;
+    sfl_Held slot;
+    slot.IntHeader(rec, slotOff, SFL_LOCK_EXCL);
+    if (sfl_PWrite(rec, bytes.data(), bytes.size(), slotOff) !=
+        static_cast<ssize_t>(bytes.size()))
+      SFL_RAISE(SFL_R_SHORT_WRITE);
+    ++h.UsedItems;
+    sfl_WriteFileHeader(rec, h);
+    slot.Unlock();
+  }
+  header.Unlock();
+  sfl_ConsiderSync(rec, nullptr, SFL_EV_ITEM_SLOT);
+  return result;
+}
+
+void sfl_GetExtItemHeader(sfl_ItemRec* item, sfl_ItemHeader* out) {
+  sfl_Held lock;
+  lock.ItemHeader(item, SFL_LOCK_SHARED);
+  sfl_ReadItemHeader(item, out);
+}
+
+// ==== 3. creating a file =================================================================
+
+int32_t sfl_CreateSfl(uint32_t reserved, int32_t type, int32_t flags) {
+  ER_TRACE_PROC("sfl_CreateSfl");
+  sfl_ItemRef ref{};
+  int fd = -1;
+  if (type == SFL_TYPE_DATA_ITEM)
+    fd = im_GetNewDataItem(&ref);
+  else if (type == SFL_TYPE_TEMP_ITEM)
+    fd = im_CrNewTempItem(&ref);
+  else
+    ER_RAISE(ER_GROUP_CALL, 22);
+  try {
+    return sfl_CreateBaseSfl(&ref, fd, flags);
+  } catch (const er_Escape&) {
+    // Nobody else knows the new file's name yet: it goes with its descriptor.
+    er_StatusKeeper keep;
+    mdc_close(fd);
+    try {
+      im_UnlinkItem(&ref);
+    } catch (const er_Escape&) {
+      er_Accept(5);
+    }
+    throw;
+  }
+}
+
+int32_t sfl_CreateBaseSfl(const sfl_ItemRef* ref, int32_t fd, int32_t flags) {
+  ER_TRACE_PROC("sfl_CreateBaseSfl");
+  int32_t handle = -1;
+  sfl_BaseRec* rec = sfl_GetNewOFilesEntry(&handle);
+  try {
+    rec->FileDes = fd;
+    sfl_SetRef(*rec, *ref);
+    uint32_t fileFlags = static_cast<uint32_t>(flags);
+    if (fileFlags & USER_ASYNC) {
+      // On creation 0x04 asks for unsynchronised writes in this process only.
+      fileFlags &= ~static_cast<uint32_t>(USER_ASYNC);
+      rec->UserAsync = 1;
+    }
+    rec->FileFlags = fileFlags;
+    rec->NewlyCreated = 1;
+    const bool single = (fileFlags & SINGLE_FILE) != 0;
+
+    sfl_Held header;
+    header.Header(rec, SFL_LOCK_EXCL);
+
+    sfl_FileHeader h;
+    h.Magic = SFL_MAGIC;
+    h.Type = SFL_TYPE_FILE_HEADER;
+    h.HeaderSize = SFL_FILE_HEADER_SIZE;
+    h.HeaderVersion = SFL_HEADER_VERSION;
+    h.UsedItems = 0;
+    h.MaxItems = static_cast<uint16_t>(single ? SFL_SINGLE_MAX_ITEMS : SFL_CONTAINER_MAX_ITEMS);
+    h.Flags = fileFlags;
+    h.TableOffset = SFL_TABLE_OFFSET;
+    h.DataOffset = single ? SFL_SINGLE_DATA_OFFSET : SFL_CONTAINER_DATA_OFFSET;
+    h.InUseItms = 0x01;
+
+    std::vector<uint8_t> table(h.MaxItems * SFL_ITEM_HEADER_SIZE, 0);
+    if (!single) {
+      sfl_ItemHeader fm = sfl_NewItemHeader();
+      fm.AccCount = 1;
+      fm.FileSize = SFL_INITIAL_MAP_SIZE;
+      fm.UsedBlocks = sfl_CalculateBlocks(SFL_INITIAL_MAP_SIZE);
+      fm.ChangeDate = mdc_time();
+      fm.FileOffset = SFL_CONTAINER_DATA_OFFSET;
+      sfl_EncodeItemHeader(fm, std::span<uint8_t, SFL_ITEM_HEADER_SIZE>(table.data(),
+                                                                         SFL_ITEM_HEADER_SIZE));
+    }
+    sfl_WriteFileHeader(rec, h);
+    if (sfl_PWrite(rec, table.data(), table.size(), SFL_TABLE_OFFSET) !=
+        static_cast<ssize_t>(table.size()))
+      SFL_RAISE(SFL_R_SHORT_WRITE);
+
+    rec->ITableOff = SFL_TABLE_OFFSET;
+    rec->DataOff = h.DataOffset;
+    rec->ExternalOpens = 1;
+    rec->CreatedHere = 1;
+    rec->MaxItems = h.MaxItems;
+
+    if (!single) {
+      // Blocks 0 to 6 (header, table, map) are in use. A failed map write
+      // is not looked at here: the free-map item's first use reads it back.
+      std::vector<uint8_t> map(SFL_INITIAL_MAP_SIZE, 0);
+      ext_SetBits(map.data(), SFL_INITIAL_MAP_SIZE, 0, kInitialUsedBlocks, 1);
+      (void)sfl_PWrite(rec, map.data(), map.size(), SFL_CONTAINER_DATA_OFFSET);
+      rec->FreeMapHandle = sfl_IntOpenItem(rec, handle, 0, &rec->FreeMapItem);
+    }
+    sfl_RecordBaseInterest(rec);
+    header.Unlock();
+    return handle;
+  } catch (const er_Escape&) {
+    // The header lock went with its guard; the descriptor is the caller's.
+    er_StatusKeeper keep;
+    try {
+      if (rec->FreeMapItem != nullptr) sfl_DeleteOSerItem(rec->FreeMapItem);
+      rec->FileDes = -1;
+      sfl_DeleteOSerFile(rec);
+    } catch (const er_Escape&) {
+      er_Accept(5);
+    }
+    throw;
+  }
+}
+
+// ==== 4. opening a file ==================================================================
+
+namespace {
+
+// Reads the file header under the shared header lock held by the caller and
+// checks that this is a file of the supported version.
+void ReadAndCheckHeader(sfl_BaseRec* rec, sfl_FileHeader* h) {
+  sfl_ReadFileHeader(rec, h);
+  rec->FileFlags = h->Flags;
+  if (h->Magic != SFL_MAGIC || h->Type != SFL_TYPE_FILE_HEADER ||
+      h->HeaderVersion != SFL_HEADER_VERSION)
+    SFL_RAISE(SFL_R_BAD_FILE);
+}
+
+}  // namespace
+
+int32_t sfl_OpenSfl(const sfl_ItemRef* ref, uint32_t implicitOpen) {
+  ER_TRACE_PROC("sfl_OpenSfl");
+  if (ref->Flags & SFL_ITEM_NUM_MASK) SFL_RAISE(SFL_R_REF_IS_ITEM);
+  sfl_BaseRec* existing = nullptr;
+  int32_t existingHandle = -1;
+  // Without revival a cold copy is closed for good here.
+  if (sfl_CheckFileAccessed(ref, &existing, &existingHandle, 0, nullptr))
+    SFL_RAISE(SFL_R_FILE_OPEN);
+
+  int32_t handle = -1;
+  sfl_BaseRec* rec = sfl_GetNewOFilesEntry(&handle);
+  try {
+    sfl_SetRef(*rec, *ref);
+    rec->FileDes = im_OpenItem(ref);
+
+    sfl_Held header;
+    header.Header(rec, SFL_LOCK_SHARED);
+    sfl_FileHeader h;
+    ReadAndCheckHeader(rec, &h);
+    if (h.Flags & HAS_BEEN_COMPACTED) {
+      // A rebuild replaced the file under this name after we opened it:
+      // open the name again and read the new file's header instead.
+      header.Unlock();
+      int old = rec->FileDes;
+      rec->FileDes = -1;
+      mdc_close(old);
+      rec->FileDes = im_OpenItem(ref);
+      header.Header(rec, SFL_LOCK_SHARED);
+      ReadAndCheckHeader(rec, &h);
+    }
+
+    rec->ITableOff = h.TableOffset;
+    rec->DataOff = h.DataOffset;
+    rec->OpenMode = implicitOpen;
+    rec->ExternalOpens = 1;
+    rec->MaxItems = h.MaxItems;
+
+    if (!(h.Flags & SINGLE_FILE)) {
+      sfl_Held slot;
+      slot.IntHeader(rec, h.TableOffset, SFL_LOCK_SHARED);
+      rec->FreeMapHandle = sfl_IntOpenItem(rec, handle, 0, &rec->FreeMapItem);
+      slot.Unlock();
+    }
+    sfl_RecordBaseInterest(rec);
+    header.Unlock();
+    return handle;
+  } catch (const er_Escape&) {
+    // Locks went with their guards; the first error is the one reported.
+    er_StatusKeeper keep;
+    if (rec->FileDes >= 0) mdc_close(rec->FileDes);
+    rec->FileDes = -1;
+    try {
+      if (rec->FreeMapItem != nullptr) sfl_DeleteOSerItem(rec->FreeMapItem);
+    } catch (const er_Escape&) {
+      er_Accept(5);
+    }
+    try {
+      sfl_DeleteOSerFile(rec);
+    } catch (const er_Escape&) {
+      er_Accept(5);
+    }
+    throw;
+  }
+}
+
+// ==== 5. closing a file ==================================================================
+
+namespace {
+
+// Releases every item marked DELETED, slot by slot under the slot's own
+// lock (the caller holds the exclusive header lock). `h` is the caller's
+// copy of the file header; its count and in-use map follow the releases.
+void ReleasePendingDeletions(sfl_BaseRec* rec, int32_t handle, sfl_FileHeader* h) {
+  for (uint32_t slotNum = 1; slotNum < h->MaxItems; ++slotNum) {
+    const uint32_t off = h->TableOffset + slotNum * SFL_ITEM_HEADER_SIZE;
+    sfl_Held slot;
+    slot.IntHeader(rec, off, SFL_LOCK_EXCL);
+    sfl_ItemHeaderBytes bytes;
+    if (sfl_PRead(rec, bytes.data(), bytes.size(), off) != static_cast<ssize_t>(bytes.size()))
+      continue;
+    const sfl_ItemHeader ih = sfl_DecodeItemHeader(bytes);
+    if (ih.Magic != SFL_MAGIC || ih.Type != SFL_TYPE_ITEM_HEADER || !(ih.Flags & DELETED))
+      continue;
+
+    sfl_ItemRec* item = nullptr;
+    sfl_IntOpenItem(rec, handle, slotNum, &item);
+    ItemRecGuard guard(handle, item);
+    sfl_IntDeleteItem(item);
+    sfl_DecIntItems(handle);
+    guard.Counted();
+    if (ih.Flags & BLOCKED_ITEM)
+      sfl_DeleteIndexTree(item, ih);
+    else
+      sfl_FreeFreeBlocks(rec, ih.FileOffset, ih.UsedBlocks);
+    sfl_DeleteOSerItem(item);
+    guard.Done();
+    if (h->UsedItems > 0) --h->UsedItems;
+    h->InUseItms = static_cast<uint8_t>(h->InUseItms & ~(1u << slotNum));
+    slot.Unlock();
+  }
+}
+
+}  // namespace
+
+void sfl_CloseFile(int32_t baseHandle) {
+  ER_TRACE_PROC("sfl_CloseFile");
+  sfl_BaseRec* rec = sfl_Handle2Record(baseHandle);
+  sfl_PtrEnsureBaseFileOpen(rec);
+  if (rec->ExternalOpens > 0) --rec->ExternalOpens;
+  if (rec->ExternalOpens >= 1) {
+    sfl_ConsiderSync(rec, nullptr, SFL_EV_CLOSE);
+    return;
+  }
+  // Item handles still open keep the file; the free-map item of a container
+  // is itself one open item, hence the bound of 1 there.
+  const bool single = IsSingle(rec);
+  if (rec->IntItemsOpen > 1 || (single && rec->IntItemsOpen > 0)) {
+    rec->OpenMode = 1;
+    sfl_ConsiderSync(rec, nullptr, SFL_EV_CLOSE);
+    return;
+  }
+
+  bool unlinked = false;
+  sfl_FileHeader h;
+  {
+    sfl_Held header;
+    header.Header(rec, SFL_LOCK_EXCL);
+    sfl_ReadFileHeader(rec, &h);
+    sfl_CheckBaseInterest(rec);
+    if (rec->ProcAccCount <= 1 && rec->OtherInterest == 0) {
+      const bool pending = (h.Flags & ITEM_PEND_DEL) != 0;
+      if (pending) ReleasePendingDeletions(rec, baseHandle, &h);
+      if (h.UsedItems == 0) {
+        const sfl_ItemRef ref = sfl_RefOf(*rec);
+        im_UnlinkItem(&ref);
+        unlinked = true;
+      } else if (pending) {
+        h.Flags &= ~static_cast<uint32_t>(ITEM_PEND_DEL);
+        sfl_WriteFileHeader(rec, h);
+      }
+    }
+    sfl_ReleaseBaseInterest(rec);
+    header.Unlock();
+  }
+
+  if (!unlinked) {
+    sfl_ConsiderSync(rec, nullptr, SFL_EV_COLD);
+    bool kept = true;
+    const uint32_t noCompaction = ASYNCHRONOUS | SINGLE_FILE | HAS_BEEN_COMPACTED;
+    if (rec->Domain != kTempDomain && (h.Flags & noCompaction) == 0 &&
+        rec->ProcAccCount == 0) {
+      const bool due =
+          (h.Flags & NEED_COMPACTION) || ((rec->SpaceAnalysis & 1) && sfl_AnalyseFreeMap(rec));
+      if (due && sfl_CompactSflFile(rec) == 0) kept = false;
+    }
+    if (kept) {
+      sfl_EnterColdStore(rec);
+      return;
+    }
+  }
+
+  // Really close.
+  if (!single && rec->FreeMapItem != nullptr) sfl_CloseIntItem(rec->FreeMapHandle);
+  mdc_close(rec->FileDes);
+  rec->FileDes = -1;
+  sfl_DeleteOSerFile(rec);
+}
