@@ -3,10 +3,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <pwd.h>
-#include <unistd.h>
 
 #include "cust.h"
+#include "os.h"
 
 namespace {
 
@@ -93,7 +92,8 @@ bool ext_CheckBits(const uint8_t* map, uint32_t lenBytes, uint32_t first, uint32
 int ext_ChownToVessant(const char* path) {
   const char* user = cust_GetCustomiseInfo("SFL_SERVICE_USER");
   if (user == nullptr || *user == '\0') return 0;
-  struct passwd* pw = getpwnam(user);
-  if (pw == nullptr) return -1;
-  return chown(path, pw->pw_uid, pw->pw_gid);
+  uid_t uid;
+  gid_t gid;
+  if (os_GetUserIds(user, &uid, &gid) != 0) return -1;
+  return os_chown(path, uid, gid) == 0 ? 0 : -1;
 }

@@ -14,13 +14,7 @@ uint32_t mdc_time() { return static_cast<uint32_t>(std::time(nullptr)); }
 
 int mdc_close(int fd) { return os_close(fd); }
 
-void mdc_MicroSleep(uint32_t microseconds) {
-  struct timespec ts;
-  ts.tv_sec = microseconds / 1000000;
-  ts.tv_nsec = static_cast<long>(microseconds % 1000000) * 1000;
-  while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
-  }
-}
+void mdc_MicroSleep(uint32_t microseconds) { os_usleep(microseconds); }
 
 int mdc_fstat(int fd, struct stat* st) { return os_fstat(fd, st); }
 

@@ -7,7 +7,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <pwd.h>
 #include <string>
+#include <time.h>
+#include <vector>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/msg.h>
@@ -60,7 +63,8 @@ const char* os_OpName(os_Op op) {
       "open", "close", "read", "write", "pread", "pwrite", "lseek", "fstat", "stat",
       "fdatasync", "fsync", "ftruncate", "lock", "flock", "rename", "unlink", "link", "mkdir",
       "rmdir", "malloc", "fopen", "fclose", "fread", "fwrite", "fseek", "ftell", "fgets",
-      "fflush", "msgget", "msgsnd", "msgrcv", "msgctl", "mmap", "munmap", "kill", "fork"};
+      "fflush", "msgget", "msgsnd", "msgrcv", "msgctl", "mmap", "munmap", "kill", "fork",
+      "chown", "sleep"};
   static_assert(sizeof names / sizeof names[0] == os_OpCount);
   return names[static_cast<int>(op)];
 }
@@ -189,6 +193,23 @@ int os_mkdir(const char* path, mode_t mode) {
 int os_rmdir(const char* path) {
   if (enter(os_Op::Rmdir)) return -1;
   return ::rmdir(path);
+}
+
+int os_chown(const char* path, uid_t uid, gid_t gid) {
+  if (enter(os_Op::Chown)) return -1;
+  return ::chown(path, uid, gid);
+}
+
+// ---- accounts ------------------------------------------------------------
+
+int os_GetUserIds(const char* user, uid_t* uid, gid_t* gid) {
+  struct passwd pw;
+  struct passwd* found = nullptr;
+  std::vector<char> buf(16384);
+  if (::getpwnam_r(user, &pw, buf.data(), buf.size(), &found) != 0 || found == nullptr) return -1;
+  *uid = pw.pw_uid;
+  *gid = pw.pw_gid;
+  return 0;
 }
 
 // ---- locks ---------------------------------------------------------------
@@ -361,6 +382,16 @@ int os_msgctl(int qid, int cmd, void* buf) {
 // ---- processes -------------------------------------------------------------
 
 pid_t os_getpid() { return ::getpid(); }
+
+int os_usleep(uint64_t microseconds) {
+  enter(os_Op::Sleep);
+  struct timespec ts;
+  ts.tv_sec = static_cast<time_t>(microseconds / 1000000);
+  ts.tv_nsec = static_cast<long>(microseconds % 1000000) * 1000;
+  while (::nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+  }
+  return 0;
+}
 
 int os_kill(pid_t pid, int sig) {
   if (enter(os_Op::Kill)) return -1;

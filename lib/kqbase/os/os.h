@@ -23,6 +23,7 @@ enum class os_Op : int {
   Lock, Flock, Rename, Unlink, Link, Mkdir, Rmdir, Malloc,
   Fopen, Fclose, Fread, Fwrite, Fseek, Ftell, Fgets, Fflush,
   Msgget, Msgsnd, Msgrcv, Msgctl, Mmap, Munmap, Kill, Fork,
+  Chown, Sleep,
   Count_
 };
 constexpr int os_OpCount = static_cast<int>(os_Op::Count_);
@@ -59,6 +60,12 @@ int os_unlink(const char* path);
 int os_link(const char* from, const char* to);
 int os_mkdir(const char* path, mode_t mode);
 int os_rmdir(const char* path);
+int os_chown(const char* path, uid_t uid, gid_t gid);
+
+// ---- accounts ------------------------------------------------------------
+// Looks up a user by name. Returns 0 and fills uid and gid, or -1 when the
+// user is unknown or the lookup failed.
+int os_GetUserIds(const char* user, uid_t* uid, gid_t* gid);
 
 // ---- locks ---------------------------------------------------------------
 // Record locks over a byte range. Modes: 1 shared, 2 exclusive, 8 release;
@@ -117,6 +124,8 @@ int os_msgctl(int qid, int cmd, void* buf);
 
 // ---- processes -------------------------------------------------------------
 pid_t os_getpid();
+// Sleeps for the given time, resuming after signals. Returns 0.
+int os_usleep(uint64_t microseconds);
 int os_kill(pid_t pid, int sig);
 pid_t os_fork();
 pid_t os_waitpid(pid_t pid, int* status, int options);
