@@ -224,6 +224,10 @@ void sfl_IntDeleteItem(sfl_ItemRec* item);
 uint32_t sfl_FindBlock(sfl_ItemRec* item, uint32_t block, sfl_IndexRecord* out);
 uint32_t sfl_AppendIndex(sfl_ItemRec* item, uint32_t blockOffset, uint32_t blockSize);
 void sfl_DeleteIndexTree(sfl_ItemRec* item, const sfl_ItemHeader& header);
+// Clears in `map` the space of every index record of the tree at `rootOff`
+// and, when freeData is non-zero, of every data block it reaches.
+void sfl_FreeIndexTree(sfl_ItemRec* item, uint32_t rootOff, uint8_t* map, uint32_t mapLen,
+                       uint32_t freeData);
 
 // ---- whole-file compaction (sfl_filecmpct) ---------------------------------------------------
 uint32_t sfl_AnalyseFreeMap(sfl_BaseRec* rec);
