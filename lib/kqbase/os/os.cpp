@@ -81,7 +81,19 @@ void os_ClearFaults() { g_faults = {}; }
 
 uint64_t os_CallCount(os_Op op) { return g_counts[static_cast<int>(op)]; }
 
-void os_ResetCallCounts() { g_counts = {}; }
+namespace {
+bool g_skipSleeps = false;
+uint64_t g_sleepAsked = 0;
+}  // namespace
+
+void os_ResetCallCounts() {
+  g_counts = {};
+  g_sleepAsked = 0;
+}
+
+void os_SkipSleeps(bool on) { g_skipSleeps = on; }
+
+uint64_t os_SleepAsked() { return g_sleepAsked; }
 
 // ---- descriptors -------------------------------------------------------
 
@@ -383,8 +395,12 @@ int os_msgctl(int qid, int cmd, void* buf) {
 
 pid_t os_getpid() { return ::getpid(); }
 
+uid_t os_getuid() { return ::getuid(); }
+
 int os_usleep(uint64_t microseconds) {
   enter(os_Op::Sleep);
+  g_sleepAsked += microseconds;
+  if (g_skipSleeps) return 0;
   struct timespec ts;
   ts.tv_sec = static_cast<time_t>(microseconds / 1000000);
   ts.tv_nsec = static_cast<long>(microseconds % 1000000) * 1000;

@@ -39,6 +39,11 @@ void os_ShortNth(os_Op op, unsigned nth, size_t maxBytes);
 void os_ClearFaults();
 uint64_t os_CallCount(os_Op op);
 void os_ResetCallCounts();
+// While on, os_usleep counts its calls and adds up the time asked for but
+// returns at once, so retry loops with long pauses can be tested quickly.
+void os_SkipSleeps(bool on);
+// Microseconds asked of os_usleep since the last os_ResetCallCounts.
+uint64_t os_SleepAsked();
 
 // ---- descriptors -------------------------------------------------------
 int os_open(const char* path, int flags, mode_t mode = 0);
@@ -124,6 +129,7 @@ int os_msgctl(int qid, int cmd, void* buf);
 
 // ---- processes -------------------------------------------------------------
 pid_t os_getpid();
+uid_t os_getuid();
 // Sleeps for the given time, resuming after signals. Returns 0.
 int os_usleep(uint64_t microseconds);
 int os_kill(pid_t pid, int sig);
