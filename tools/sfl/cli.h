@@ -1,0 +1,178 @@
+// Shared pieces of the `sfl` command-line tool: the command table, argument
+// parsing, the two kinds of user-facing failure, naming items by reference
+// or path, scoped container and item handles, and small output helpers.
+// The tool uses the library's public interface only (sfl.h, er.h).
+#ifndef SFL_TOOL_CLI_H
+#define SFL_TOOL_CLI_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "er.h"
+#include "sfl.h"
+
+namespace cli {
+
+// Exit statuses.
+constexpr int kExitOk = 0;
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+// A bad command line: printed as one line, exit status 2.
+struct UsageError {
+  std::string message;
+};
+// A failure that is not a library escape: printed as one line, exit status 1.
+struct Failure {
+  std::string message;
+};
+
+struct OptSpec {
+  const char* name;    // long name without dashes, e.g. "json"
+  char shortName;      // 0 when there is none
+  bool takesValue;
+  const char* help;
+};
+
+struct Args {
+  std::vector<std::string> positional;
+  std::map<std::string, std::string> options;  // long name -> value ("" for flags)
+
+  bool Has(const std::string& name) const { return options.count(name) != 0; }
+  std::string Get(const std::string& name, const std::string& fallback = "") const {
+    auto it = options.find(name);
+    return it == options.end() ? fallback : it->second;
+  }
+};
+
+struct Command {
+  const char* name;       // "put", or "blocks read" for a subcommand
+  const char* synopsis;   // arguments after the name
+  const char* summary;    // one line for the command list
+  const char* details;    // the body of `--help`
+  std::vector<OptSpec> options;
+  int minArgs;
+  int maxArgs;            // -1: no limit
+  int (*run)(const Args&);
+};
+
+// The command tables of the source files that implement them.
+const std::vector<Command>& ItemCommands();
+const std::vector<Command>& StreamCommands();
+const std::vector<Command>& BlockCommands();
+const std::vector<Command>& ServiceCommands();
+
+// Parses the words after the command name. Returns false when `--help` was
+// given (the caller prints the help). Throws UsageError.
+bool ParseArgs(const Command& cmd, const std::vector<std::string>& words, Args* out);
+void PrintCommandHelp(const Command& cmd);
+
+// The operand that the running command works on, shown in error lines.
+void SetSubject(const std::string& subject);
+const std::string& Subject();
+
+// ---- naming ---------------------------------------------------------------
+// Accepts the text form of a reference or a container path (optionally
+// followed by ":<item>"). Throws UsageError when it is neither.
+sfl_ItemRef ParseRef(const std::string& text);
+sfl_ItemRef ParseItemRef(const std::string& text);       // must name an item
+sfl_ItemRef ParseContainerRef(const std::string& text);  // must name a container
+// Parses as ParseItemRef, but returns false (instead of throwing) for text
+// that names no item, so callers can fall back to plain files.
+bool TryParseItemRef(const std::string& text, sfl_ItemRef* out);
+std::string RefText(const sfl_ItemRef& ref);
+std::string RefPath(const sfl_ItemRef& ref);
+sfl_ItemRef ContainerOf(const sfl_ItemRef& ref);
+inline uint32_t ItemNumber(const sfl_ItemRef& ref) { return ref.Flags & SFL_ITEM_NUM_MASK; }
+
+// ---- scoped handles --------------------------------------------------------
+// An open container. Close() closes it and reports errors; the destructor
+// closes what is still open and swallows errors (it runs while an earlier
+// error is on its way out).
+class Container {
+ public:
+  explicit Container(const sfl_ItemRef& ref);
+  // Takes over a container the library already opened (creation).
+  Container(const sfl_ItemRef& ref, int32_t adoptedBase) : ref_(ContainerOf(ref)), base_(adoptedBase) {}
+  ~Container();
+  Container(const Container&) = delete;
+  Container& operator=(const Container&) = delete;
+
+  int32_t handle() const { return base_; }
+  const sfl_ItemRef& ref() const { return ref_; }
+  void Close();
+  // Every slot of the item table, slot 0 (the free map) included.
+  std::vector<sfl_ItemInfo> Slots() const;
+  // One slot; throws Failure when the container has no such slot or it is
+  // not in use.
+  sfl_ItemInfo UsedSlot(uint32_t item) const;
+
+ private:
+  sfl_ItemRef ref_;
+  int32_t base_ = -1;
+};
+
+// An open item handle.
+class Item {
+ public:
+  explicit Item(const sfl_ItemRef& ref);
+  // Takes over a handle the library already opened (store, create).
+  static Item Adopt(int32_t handle);
+  Item(Item&& other) noexcept : handle_(other.handle_) { other.handle_ = -1; }
+  ~Item();
+  Item(const Item&) = delete;
+  Item& operator=(const Item&) = delete;
+
+  int32_t handle() const { return handle_; }
+  void Close();
+
+ private:
+  Item() = default;
+  int32_t handle_ = -1;
+};
+
+// ---- output -----------------------------------------------------------------
+std::string FormatTime(uint32_t seconds);  // ISO 8601, UTC
+std::vector<std::string> ItemFlagNames(uint32_t flags);
+std::string JoinFlags(uint32_t flags);     // "BLOCKED_ITEM|DELETED", or "-"
+std::string JsonString(const std::string& s);
+std::string JsonFlags(uint32_t flags);     // ["BLOCKED_ITEM", ...]
+
+// ---- input and output -------------------------------------------------------
+void WriteAll(int fd, const void* data, size_t len);
+std::string ReadAll(int fd);
+// Parses a non-negative decimal number that fits `max`; UsageError otherwise.
+uint64_t ParseNumber(const std::string& text, const std::string& what, uint64_t max);
+
+// Where a command's data goes: standard output, or the file of `-o`, which is
+// removed again when the command fails before Finish().
+class Output {
+ public:
+  explicit Output(const std::string& path);
+  ~Output();
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
+
+  void Write(const void* data, size_t len) { WriteAll(fd_, data, len); }
+  void Finish();
+
+ private:
+  std::string path_;
+  int fd_ = 1;
+  bool finished_ = false;
+};
+
+// ---- blocked items ------------------------------------------------------------
+// Reads one block whole, however long it is.
+std::string ReadWholeBlock(int32_t item, uint32_t block);
+// Calls `fn` for every block of a blocked item in order, skipping freed and
+// never-written numbers. `indexDepth` is the item header's IndexDepth.
+void ForEachBlock(int32_t item, uint32_t indexDepth,
+                  const std::function<void(uint32_t, const std::string&)>& fn);
+
+}  // namespace cli
+
+#endif  // SFL_TOOL_CLI_H

@@ -1,0 +1,269 @@
+// Commands on blocked items (`sfl blocks append|read|list|free`) and the
+// helpers that read a blocked item's blocks whole and in order.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "cli.h"
+
+namespace cli {
+namespace {
+
+constexpr int kEmptyEntry = 28875;   // a freed or never-written block (or branch)
+constexpr int kOutsideIndex = 28876; // past the entries a leaf ever used, or the tree
+constexpr uint32_t kFanOut = 32;
+constexpr uint32_t kMaxDepth = 6;
+
+bool IsEscape(const er_Escape& e, int reason) {
+  return e.group() == ER_GROUP_SFL && e.reason() == reason;
+}
+
+struct BlockedItem {
+  Container container;
+  sfl_ItemInfo info;
+  Item item;
+
+  explicit BlockedItem(const sfl_ItemRef& ref)
+      : container(ref), info(container.UsedSlot(ItemNumber(ref))), item(ref) {
+    if (!(info.Flags & BLOCKED_ITEM))
+      throw Failure{"not a blocked item (use 'sfl get' for simple items)"};
+  }
+  void Close() {
+    item.Close();
+    container.Close();
+  }
+};
+
+// "N", "N-M", "N-" (to the last block) or "" (every block).
+struct BlockRange {
+  uint32_t first = 0;
+  uint32_t last = UINT32_MAX;
+  bool single = false;
+};
+
+BlockRange ParseRange(const std::string& text) {
+  BlockRange r;
+  if (text.empty()) return r;
+  size_t dash = text.find('-');
+  if (dash == std::string::npos) {
+    r.first = r.last = static_cast<uint32_t>(ParseNumber(text, "block number", UINT32_MAX));
+    r.single = true;
+    return r;
+  }
+  r.first = static_cast<uint32_t>(ParseNumber(text.substr(0, dash), "block number", UINT32_MAX));
+  if (dash + 1 < text.size())
+    r.last = static_cast<uint32_t>(ParseNumber(text.substr(dash + 1), "block number", UINT32_MAX));
+  if (r.last < r.first) throw UsageError{"empty block range '" + text + "'"};
+  return r;
+}
+
+// Splits the input into blocks: lines (each with its newline) or chunks of
+// a fixed size.
+std::vector<std::string> SplitInput(const std::string& data, bool lines, size_t chunk) {
+  std::vector<std::string> blocks;
+  size_t pos = 0;
+  while (pos < data.size()) {
+    size_t end;
+    if (lines) {
+      size_t nl = data.find('\n', pos);
+      end = nl == std::string::npos ? data.size() : nl + 1;
+    } else {
+      end = std::min(data.size(), pos + chunk);
+    }
+    blocks.push_back(data.substr(pos, end - pos));
+    pos = end;
+  }
+  return blocks;
+}
+
+// ---- append -------------------------------------------------------------------------
+
+int RunAppend(const Args& a) {
+  sfl_ItemRef ref = ParseRef(a.positional[0]);
+  const std::string path = a.positional.size() > 1 ? a.positional[1] : "-";
+  const bool fromStdin = path == "-";
+  if (a.Has("lines") && a.Has("chunk")) throw UsageError{"--lines and --chunk exclude each other"};
+  const size_t chunk = a.Has("chunk")
+                           ? static_cast<size_t>(ParseNumber(a.Get("chunk"), "chunk size", INT32_MAX))
+                           : 8192;
+  if (chunk == 0) throw UsageError{"the chunk size must be at least 1"};
+  const bool lines = a.Has("lines") || (fromStdin && !a.Has("chunk"));
+
+  std::string data;
+  if (fromStdin) {
+    data = ReadAll(0);
+  } else {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) throw Failure{path + ": " + std::strerror(errno)};
+    try {
+      data = ReadAll(fd);
+    } catch (...) {
+      close(fd);
+      throw;
+    }
+    close(fd);
+  }
+  const std::vector<std::string> blocks = SplitInput(data, lines, chunk);
+
+  Container c(ref);
+  sfl_ItemRef itemRef = ref;
+  int32_t handle;
+  if (ItemNumber(ref) == 0) {
+    handle = sfl_CreateBlockedItem(c.handle(), &itemRef);
+  } else {
+    if (!(c.UsedSlot(ItemNumber(ref)).Flags & BLOCKED_ITEM))
+      throw Failure{"not a blocked item; blocks go into a blocked item or a new one"};
+    handle = sfl_OpenItem(&ref, 0);
+  }
+  Item item = Item::Adopt(handle);
+  SetSubject(RefText(itemRef));
+  int64_t first = -1, last = -1;
+  for (const std::string& b : blocks) {
+    int32_t n = sfl_GetNewBlock(handle, static_cast<int32_t>(b.size()), /*append=*/1, b.data());
+    if (n < 0) throw Failure{"no room for another block in the item's index"};
+    if (first < 0) first = n;
+    last = n;
+  }
+  item.Close();
+  c.Close();
+  std::printf("%s\n", RefText(itemRef).c_str());
+  if (first >= 0)
+    std::printf("blocks %lld-%lld (%zu appended)\n", static_cast<long long>(first),
+                static_cast<long long>(last), blocks.size());
+  return kExitOk;
+}
+
+// ---- read, list, free -------------------------------------------------------------------
+
+int RunRead(const Args& a) {
+  sfl_ItemRef ref = ParseItemRef(a.positional[0]);
+  const BlockRange range = ParseRange(a.positional.size() > 1 ? a.positional[1] : "");
+  BlockedItem b(ref);
+  Output out(a.Get("output"));
+  if (range.single) {
+    const std::string data = ReadWholeBlock(b.item.handle(), range.first);
+    out.Write(data.data(), data.size());
+  } else {
+    ForEachBlock(b.item.handle(), b.info.IndexDepth, [&](uint32_t n, const std::string& data) {
+      if (n >= range.first && n <= range.last) out.Write(data.data(), data.size());
+    });
+  }
+  b.Close();
+  out.Finish();
+  return kExitOk;
+}
+
+int RunList(const Args& a) {
+  sfl_ItemRef ref = ParseItemRef(a.positional[0]);
+  BlockedItem b(ref);
+  std::vector<std::pair<uint32_t, size_t>> blocks;
+  ForEachBlock(b.item.handle(), b.info.IndexDepth, [&](uint32_t n, const std::string& data) {
+    blocks.emplace_back(n, data.size());
+  });
+  b.Close();
+  uint64_t total = 0;
+  for (const auto& [n, size] : blocks) total += size;
+  if (a.Has("json")) {
+    std::string s = "{\"item\": " + JsonString(RefText(ref)) +
+                    ", \"index_depth\": " + std::to_string(b.info.IndexDepth) +
+                    ", \"count\": " + std::to_string(blocks.size()) +
+                    ", \"bytes\": " + std::to_string(total) + ", \"blocks\": [";
+    for (size_t i = 0; i < blocks.size(); ++i)
+      s += std::string(i == 0 ? "" : ", ") + "{\"block\": " + std::to_string(blocks[i].first) +
+           ", \"size\": " + std::to_string(blocks[i].second) + "}";
+    std::printf("%s]}\n", s.c_str());
+    return kExitOk;
+  }
+  std::printf("%8s %10s\n", "BLOCK", "SIZE");
+  for (const auto& [n, size] : blocks) std::printf("%8u %10zu\n", n, size);
+  std::printf("%zu blocks, %llu bytes, index depth %u\n", blocks.size(),
+              static_cast<unsigned long long>(total), b.info.IndexDepth);
+  return kExitOk;
+}
+
+int RunFree(const Args& a) {
+  sfl_ItemRef ref = ParseItemRef(a.positional[0]);
+  std::vector<uint32_t> numbers;
+  for (size_t i = 1; i < a.positional.size(); ++i)
+    numbers.push_back(static_cast<uint32_t>(ParseNumber(a.positional[i], "block number", UINT32_MAX)));
+  BlockedItem b(ref);
+  for (uint32_t n : numbers) sfl_FreeBlock(b.item.handle(), n, 0);
+  b.Close();
+  return kExitOk;
+}
+
+}  // namespace
+
+std::string ReadWholeBlock(int32_t item, uint32_t block) {
+  // A read transfers the smaller of the block's length and the buffer's, so
+  // a read that fills the buffer is repeated with a larger one.
+  std::string buf(64 * 1024, '\0');
+  for (;;) {
+    uint32_t n = sfl_ReadBlockedData(item, block, static_cast<uint32_t>(buf.size()), buf.data());
+    if (n < buf.size() || buf.size() >= (1u << 31)) {
+      buf.resize(n);
+      return buf;
+    }
+    buf.resize(buf.size() * 2);
+  }
+}
+
+void ForEachBlock(int32_t item, uint32_t indexDepth,
+                  const std::function<void(uint32_t, const std::string&)>& fn) {
+  // The tree covers 32^(depth+1) block numbers. Freed and never-written
+  // numbers read as empty entries; a number past the entries its leaf ever
+  // used ends that leaf, so the walk skips to the next one.
+  uint64_t capacity = 1;
+  for (uint32_t i = 0; i <= std::min(indexDepth, kMaxDepth); ++i) capacity *= kFanOut;
+  capacity = std::min<uint64_t>(capacity, uint64_t{UINT32_MAX} + 1);
+  for (uint64_t n = 0; n < capacity;) {
+    std::string data;
+    try {
+      data = ReadWholeBlock(item, static_cast<uint32_t>(n));
+    } catch (const er_Escape& e) {
+      if (IsEscape(e, kEmptyEntry)) {
+        er_Clear();
+        ++n;
+        continue;
+      }
+      if (IsEscape(e, kOutsideIndex)) {
+        er_Clear();
+        n = (n / kFanOut + 1) * kFanOut;
+        continue;
+      }
+      throw;
+    }
+    fn(static_cast<uint32_t>(n), data);
+    ++n;
+  }
+}
+
+const std::vector<Command>& BlockCommands() {
+  static const std::vector<Command> kCommands = {
+      {"blocks append", "<container|item> [file|-] [--lines | --chunk N]",
+       "append blocks to a blocked item (a new one when given a container)",
+       "Appends the input as blocks: a file in chunks (8192 bytes unless --chunk), standard\n"
+       "input ('-' or absent) one line per block (with its newline) unless --chunk.\n"
+       "Given a container, creates a new blocked item in it first. Prints the item's\n"
+       "reference, then the numbers of the appended blocks.\n",
+       {{"lines", 'l', false, "one block per line"},
+        {"chunk", 'c', true, "blocks of this many bytes"}},
+       1, 2, RunAppend},
+      {"blocks read", "<item> [N | N-M | N-] [-o file]",
+       "write a block, a range of blocks, or all blocks",
+       "Writes the bytes of block N, or of the blocks N to M (N- : to the last), or of every\n"
+       "block, in order. Freed blocks inside a range are skipped; a single freed block is\n"
+       "an error.\n",
+       {{"output", 'o', true, "write to this file instead of standard output"}}, 1, 2, RunRead},
+      {"blocks list", "<item> [--json]", "list a blocked item's blocks and their sizes", "",
+       {{"json", 0, false, "print one JSON object"}}, 1, 1, RunList},
+      {"blocks free", "<item> <N>...", "free blocks of a blocked item",
+       "Frees each block; its number stays unused until a first-free placement takes it.\n", {},
+       2, -1, RunFree},
+  };
+  return kCommands;
+}
+
+}  // namespace cli

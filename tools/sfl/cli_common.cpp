@@ -1,0 +1,396 @@
+// The tool's shared helpers: argument parsing, naming items by reference or
+// path, scoped container and item handles, and output formatting.
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "cli.h"
+
+namespace cli {
+namespace {
+
+std::string g_subject;
+
+std::string Dashed(const OptSpec& o) {
+  std::string s = "--" + std::string(o.name);
+  if (o.shortName != 0) s = std::string("-") + o.shortName + ", " + s;
+  if (o.takesValue) s += " <value>";
+  return s;
+}
+
+const OptSpec* FindLong(const Command& cmd, const std::string& name) {
+  for (const OptSpec& o : cmd.options)
+    if (name == o.name) return &o;
+  return nullptr;
+}
+
+const OptSpec* FindShort(const Command& cmd, char c) {
+  for (const OptSpec& o : cmd.options)
+    if (o.shortName == c) return &o;
+  return nullptr;
+}
+
+[[noreturn]] void Usage(const Command& cmd, const std::string& what) {
+  throw UsageError{what + " (see 'sfl " + cmd.name + " --help')"};
+}
+
+// Runs a name conversion of the library and reports whether it accepted
+// the text; the escape it raises for bad text is not an error here.
+bool Accepts(const std::function<void()>& fn) {
+  try {
+    fn();
+    return true;
+  } catch (const er_Escape&) {
+    er_Clear();
+    return false;
+  }
+}
+
+// The store root as the library spells it, taken from the path of a
+// reference with all-zero numbers ("<root>/0/0/0").
+std::string StoreRootText() {
+  sfl_ItemRef zero{};
+  std::string p = RefPath(zero);
+  const std::string tail = "/0/0/0";
+  if (p.size() >= tail.size() && p.compare(p.size() - tail.size(), tail.size(), tail) == 0)
+    p.resize(p.size() - tail.size());
+  return p;
+}
+
+std::string Canonical(const std::string& path) {
+  char buf[PATH_MAX];
+  if (realpath(path.c_str(), buf) == nullptr) return std::string();
+  return buf;
+}
+
+// A path written another way than the library writes it (absolute,
+// "./x/../y", a symbolic link) is rewritten relative to the store root as the
+// library spells it.
+bool PathToRef(const std::string& text, sfl_ItemRef* out) {
+  if (Accepts([&] { im_FName2ItemRef(text.c_str(), out); })) return true;
+  std::string file = text;
+  std::string suffix;
+  size_t colon = text.rfind(':');
+  if (colon != std::string::npos && colon + 1 < text.size() &&
+      text.find_first_not_of("0123456789", colon + 1) == std::string::npos) {
+    file = text.substr(0, colon);
+    suffix = text.substr(colon);
+  }
+  const std::string rootText = StoreRootText();
+  const std::string root = Canonical(rootText);
+  const std::string real = Canonical(file);
+  if (root.empty() || real.empty() || real.compare(0, root.size() + 1, root + "/") != 0) return false;
+  const std::string rebuilt = rootText + real.substr(root.size()) + suffix;
+  return Accepts([&] { im_FName2ItemRef(rebuilt.c_str(), out); });
+}
+
+}  // namespace
+
+// ---- arguments ------------------------------------------------------------------
+
+bool ParseArgs(const Command& cmd, const std::vector<std::string>& words, Args* out) {
+  bool optionsEnd = false;
+  for (size_t i = 0; i < words.size(); ++i) {
+    const std::string& w = words[i];
+    if (optionsEnd || w == "-" || w.size() < 2 || w[0] != '-') {
+      out->positional.push_back(w);
+      continue;
+    }
+    if (w == "--") {
+      optionsEnd = true;
+      continue;
+    }
+    if (w == "--help" || w == "-h") return false;
+    const OptSpec* o = nullptr;
+    std::string value;
+    bool hasInline = false;
+    if (w.compare(0, 2, "--") == 0) {
+      std::string name = w.substr(2);
+      size_t eq = name.find('=');
+      if (eq != std::string::npos) {
+        value = name.substr(eq + 1);
+        name.resize(eq);
+        hasInline = true;
+      }
+      o = FindLong(cmd, name);
+    } else if (w.size() == 2) {
+      o = FindShort(cmd, w[1]);
+    }
+    if (o == nullptr) {
+      // A negative number is an operand, not an option.
+      if (w.find_first_not_of("-0123456789") == std::string::npos && w.size() > 1) {
+        out->positional.push_back(w);
+        continue;
+      }
+      Usage(cmd, "unknown option '" + w + "'");
+    }
+    if (o->takesValue && !hasInline) {
+      if (i + 1 >= words.size()) Usage(cmd, "option '" + w + "' needs a value");
+      value = words[++i];
+    } else if (!o->takesValue && hasInline) {
+      Usage(cmd, "option '--" + std::string(o->name) + "' takes no value");
+    }
+    out->options[o->name] = value;
+  }
+  const int n = static_cast<int>(out->positional.size());
+  if (n < cmd.minArgs) Usage(cmd, "missing operand");
+  if (cmd.maxArgs >= 0 && n > cmd.maxArgs)
+    Usage(cmd, "unexpected operand '" + out->positional[static_cast<size_t>(cmd.maxArgs)] + "'");
+  return true;
+}
+
+void PrintCommandHelp(const Command& cmd) {
+  std::printf("usage: sfl %s %s\n\n%s\n", cmd.name, cmd.synopsis, cmd.summary);
+  if (cmd.details != nullptr && *cmd.details != '\0') std::printf("\n%s", cmd.details);
+  std::printf("\noptions:\n");
+  for (const OptSpec& o : cmd.options) std::printf("  %-22s %s\n", Dashed(o).c_str(), o.help);
+  std::printf("  %-22s %s\n", "-h, --help", "show this help");
+  std::printf("\nexit status: 0 success, 1 failure, 2 bad usage\n");
+}
+
+void SetSubject(const std::string& subject) { g_subject = subject; }
+const std::string& Subject() { return g_subject; }
+
+// ---- naming ----------------------------------------------------------------------
+
+sfl_ItemRef ParseRef(const std::string& text) {
+  sfl_ItemRef ref{};
+  if (!text.empty() && (Accepts([&] { im_FormItemRef(text.c_str(), &ref); }) || PathToRef(text, &ref))) {
+    SetSubject(RefText(ref));
+    return ref;
+  }
+  throw UsageError{"'" + text +
+                   "' is neither a reference (DOMAIN.SUBDOMAIN.FILEID[.NAME][:ITEM]) nor a "
+                   "container path in the store"};
+}
+
+sfl_ItemRef ParseItemRef(const std::string& text) {
+  sfl_ItemRef ref = ParseRef(text);
+  if (ItemNumber(ref) == 0)
+    throw UsageError{"'" + text + "' names a container; add ':<item>' to name one of its items"};
+  return ref;
+}
+
+sfl_ItemRef ParseContainerRef(const std::string& text) {
+  sfl_ItemRef ref = ParseRef(text);
+  if (ItemNumber(ref) != 0)
+    throw UsageError{"'" + text + "' names an item; give the container (without ':<item>')"};
+  return ref;
+}
+
+bool TryParseItemRef(const std::string& text, sfl_ItemRef* out) {
+  sfl_ItemRef ref{};
+  if (text.empty()) return false;
+  if (!Accepts([&] { im_FormItemRef(text.c_str(), &ref); }) && !PathToRef(text, &ref)) return false;
+  if (ItemNumber(ref) == 0) return false;
+  SetSubject(RefText(ref));
+  *out = ref;
+  return true;
+}
+
+std::string RefText(const sfl_ItemRef& ref) {
+  char buf[128];
+  int32_t n = im_ItemRef2Text(&ref, buf, sizeof buf);
+  return std::string(buf, static_cast<size_t>(n));
+}
+
+std::string RefPath(const sfl_ItemRef& ref) {
+  char buf[PATH_MAX + 16];
+  int32_t n = im_ItemRef2FName(&ref, buf, sizeof buf);
+  return std::string(buf, static_cast<size_t>(n));
+}
+
+sfl_ItemRef ContainerOf(const sfl_ItemRef& ref) {
+  sfl_ItemRef c = ref;
+  c.Flags = static_cast<uint16_t>(c.Flags & ~SFL_ITEM_NUM_MASK);
+  return c;
+}
+
+// ---- scoped handles -------------------------------------------------------------------
+
+// The tool opens containers with the implicit-open mark clear: closing the
+// last item handle then leaves the container open, and the tool closes it
+// itself, so that every close is done (and every close error reported) once.
+Container::Container(const sfl_ItemRef& ref) : ref_(ContainerOf(ref)) {
+  base_ = sfl_OpenSfl(&ref_, 0);
+}
+
+Container::~Container() {
+  if (base_ < 0) return;
+  try {
+    sfl_CloseFile(base_);
+  } catch (const er_Escape&) {
+    er_Clear();
+  }
+}
+
+void Container::Close() {
+  int32_t b = base_;
+  base_ = -1;
+  if (b >= 0) sfl_CloseFile(b);
+}
+
+std::vector<sfl_ItemInfo> Container::Slots() const {
+  std::vector<sfl_ItemInfo> slots(SFL_ITEM_NUM_MASK + 1);
+  int32_t n = sfl_ListItems(base_, slots.data(), static_cast<int32_t>(slots.size()));
+  slots.resize(static_cast<size_t>(n) < slots.size() ? static_cast<size_t>(n) : slots.size());
+  return slots;
+}
+
+sfl_ItemInfo Container::UsedSlot(uint32_t item) const {
+  std::vector<sfl_ItemInfo> slots = Slots();
+  if (item >= slots.size())
+    throw Failure{"the container has " + std::to_string(slots.size()) + " slots; there is no item " +
+                  std::to_string(item)};
+  if (!slots[item].InUse) throw Failure{"no such item (slot " + std::to_string(item) + " is free)"};
+  return slots[item];
+}
+
+Item::Item(const sfl_ItemRef& ref) { handle_ = sfl_OpenItem(&ref, 0); }
+
+Item Item::Adopt(int32_t handle) {
+  Item it;
+  it.handle_ = handle;
+  return it;
+}
+
+Item::~Item() {
+  if (handle_ < 0) return;
+  try {
+    sfl_CloseItem(handle_);
+  } catch (const er_Escape&) {
+    er_Clear();
+  }
+}
+
+void Item::Close() {
+  int32_t h = handle_;
+  handle_ = -1;
+  if (h >= 0) sfl_CloseItem(h);
+}
+
+// ---- output ----------------------------------------------------------------------------
+
+std::string FormatTime(uint32_t seconds) {
+  std::time_t t = static_cast<std::time_t>(seconds);
+  std::tm tmv;
+  gmtime_r(&t, &tmv);
+  char buf[32];
+  std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%SZ", &tmv);
+  return buf;
+}
+
+std::vector<std::string> ItemFlagNames(uint32_t flags) {
+  static const struct {
+    uint32_t bit;
+    const char* name;
+  } kNames[] = {{BLOCKED_ITEM, "BLOCKED_ITEM"}, {HAS_INT_ITEM, "HAS_INT_ITEM"},
+                {INT_ITEM, "INT_ITEM"},         {DELETED, "DELETED"},
+                {OTHER_LOCKS, "OTHER_LOCKS"},   {MEM_FREEMAP, "MEM_FREEMAP"}};
+  std::vector<std::string> names;
+  uint32_t known = 0;
+  for (const auto& n : kNames) {
+    known |= n.bit;
+    if (flags & n.bit) names.push_back(n.name);
+  }
+  if (flags & ~known) {
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "0x%x", flags & ~known);
+    names.push_back(buf);
+  }
+  return names;
+}
+
+std::string JoinFlags(uint32_t flags) {
+  std::string s;
+  for (const std::string& n : ItemFlagNames(flags)) s += (s.empty() ? "" : "|") + n;
+  return s.empty() ? "-" : s;
+}
+
+std::string JsonString(const std::string& s) {
+  std::string out = "\"";
+  for (unsigned char c : s) {
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\n': out += "\\n"; break;
+      case '\t': out += "\\t"; break;
+      case '\r': out += "\\r"; break;
+      default:
+        if (c < 0x20) {
+          char buf[8];
+          std::snprintf(buf, sizeof buf, "\\u%04x", c);
+          out += buf;
+        } else {
+          out += static_cast<char>(c);
+        }
+    }
+  }
+  return out + "\"";
+}
+
+std::string JsonFlags(uint32_t flags) {
+  std::string s = "[";
+  for (const std::string& n : ItemFlagNames(flags)) s += (s.size() > 1 ? ", " : "") + JsonString(n);
+  return s + "]";
+}
+
+// ---- input and output -------------------------------------------------------------------
+
+void WriteAll(int fd, const void* data, size_t len) {
+  const char* p = static_cast<const char*>(data);
+  while (len > 0) {
+    ssize_t n = write(fd, p, len);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) throw Failure{std::string("write error: ") + std::strerror(errno)};
+    p += n;
+    len -= static_cast<size_t>(n);
+  }
+}
+
+std::string ReadAll(int fd) {
+  std::string data;
+  char buf[65536];
+  for (;;) {
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw Failure{std::string("read error: ") + std::strerror(errno)};
+    if (n == 0) return data;
+    data.append(buf, static_cast<size_t>(n));
+  }
+}
+
+uint64_t ParseNumber(const std::string& text, const std::string& what, uint64_t max) {
+  if (text.empty() || text.size() > 20 || text.find_first_not_of("0123456789") != std::string::npos)
+    throw UsageError{"bad " + what + " '" + text + "' (a non-negative decimal number)"};
+  errno = 0;
+  unsigned long long v = std::strtoull(text.c_str(), nullptr, 10);
+  if (errno != 0 || v > max)
+    throw UsageError{what + " '" + text + "' is too large (at most " + std::to_string(max) + ")"};
+  return v;
+}
+
+Output::Output(const std::string& path) : path_(path == "-" ? "" : path) {
+  if (path_.empty()) return;
+  fd_ = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (fd_ < 0) throw Failure{path_ + ": " + std::strerror(errno)};
+}
+
+Output::~Output() {
+  if (path_.empty() || finished_) return;
+  close(fd_);
+  unlink(path_.c_str());
+}
+
+void Output::Finish() {
+  if (path_.empty() || finished_) return;
+  finished_ = true;
+  if (close(fd_) != 0) throw Failure{path_ + ": " + std::strerror(errno)};
+}
+
+}  // namespace cli

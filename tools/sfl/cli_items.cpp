@@ -1,0 +1,378 @@
+// Commands on containers and simple items: create, put, get, ls, stat, rm,
+// attach, detach and truncate.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "cli.h"
+
+namespace cli {
+namespace {
+
+constexpr size_t kChunk = 8192;  // the library moves item data in 8 KiB steps
+
+// Where the data of a new item comes from: a regular file read as it is
+// copied (its size is known up front), or anything else buffered whole.
+class Source {
+ public:
+  explicit Source(const std::string& path) {
+    if (path.empty() || path == "-") {
+      buffered_ = ReadAll(0);
+      size_ = buffered_.size();
+      return;
+    }
+    fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd_ < 0) throw Failure{path + ": " + std::strerror(errno)};
+    struct stat st;
+    if (fstat(fd_, &st) != 0) throw Failure{path + ": " + std::strerror(errno)};
+    if (S_ISDIR(st.st_mode)) throw Failure{path + ": is a directory"};
+    if (S_ISREG(st.st_mode)) {
+      size_ = static_cast<uint64_t>(st.st_size);
+    } else {
+      buffered_ = ReadAll(fd_);
+      size_ = buffered_.size();
+      close(fd_);
+      fd_ = -1;
+    }
+    name_ = path;
+  }
+  ~Source() {
+    if (fd_ >= 0) close(fd_);
+  }
+  Source(const Source&) = delete;
+  Source& operator=(const Source&) = delete;
+
+  uint64_t size() const { return size_; }
+
+  // Fills up to `len` bytes; 0 at the end.
+  size_t Next(char* buf, size_t len) {
+    if (fd_ < 0) {
+      size_t n = std::min(len, buffered_.size() - taken_);
+      std::memcpy(buf, buffered_.data() + taken_, n);
+      taken_ += n;
+      return n;
+    }
+    for (;;) {
+      ssize_t n = read(fd_, buf, len);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) throw Failure{name_ + ": " + std::strerror(errno)};
+      return static_cast<size_t>(n);
+    }
+  }
+
+ private:
+  std::string name_ = "standard input";
+  int fd_ = -1;
+  std::string buffered_;
+  size_t taken_ = 0;
+  uint64_t size_ = 0;
+};
+
+// Stores the source as a new simple item of the container; returns its
+// reference. The item is reserved at its final size and written in 8 KiB
+// chunks; a failure part way deletes the half-written item again.
+sfl_ItemRef StoreItem(Container& c, Source& src, const std::string& what) {
+  if (src.size() > UINT32_MAX) throw Failure{what + ": too large for an item (4 GiB at most)"};
+  const uint32_t size = static_cast<uint32_t>(src.size());
+  sfl_ItemRef out{};
+  int32_t h = sfl_StoreBasicItem(c.handle(), nullptr, size, &out, /*noZeroFill=*/1);
+  if (h < 0) throw Failure{"the container is full (all item slots are in use)"};
+  Item item = Item::Adopt(h);
+  try {
+    char buf[kChunk];
+    uint32_t pos = 0;
+    while (pos < size) {
+      size_t got = src.Next(buf, std::min<size_t>(kChunk, size - pos));
+      if (got == 0) throw Failure{what + ": ended before its size was reached (file changed?)"};
+      size_t done = 0;
+      while (done < got) {
+        int32_t n = sfl_WriteSimpleData(h, pos, static_cast<uint32_t>(got - done), buf + done);
+        if (n <= 0) throw Failure{"short write into the item"};
+        done += static_cast<size_t>(n);
+        pos += static_cast<uint32_t>(n);
+      }
+    }
+  } catch (...) {
+    try {
+      sfl_DeleteItem(h);
+    } catch (const er_Escape&) {
+      er_Clear();
+    }
+    throw;
+  }
+  item.Close();
+  return out;
+}
+
+void PrintLine(const std::string& s) { std::printf("%s\n", s.c_str()); }
+
+// ---- create ---------------------------------------------------------------------
+
+int RunCreate(const Args& a) {
+  int32_t flags = 0;
+  if (a.Has("single")) flags |= SINGLE_FILE;
+  if (a.Has("async")) flags |= ASYNCHRONOUS;
+  const int32_t type = a.Has("temp") ? SFL_TYPE_TEMP_ITEM : SFL_TYPE_DATA_ITEM;
+  int32_t base = sfl_CreateSfl(0, type, flags);
+  sfl_ItemRef ref{};
+  sfl_GetSerFileItem(base, &ref);
+  SetSubject(RefText(ref));
+  if (a.positional.empty()) {
+    // The library removes a container that holds no items when its last
+    // user closes it, so an empty new container is left open here: the
+    // process ends without the final close and the file stays for `put`.
+    PrintLine(RefText(ref) + " " + RefPath(ref));
+    return kExitOk;
+  }
+  Container c(ref, base);
+  std::vector<std::string> items;
+  for (const std::string& path : a.positional) {
+    Source src(path);
+    items.push_back(RefText(StoreItem(c, src, path == "-" ? "standard input" : path)));
+  }
+  c.Close();
+  PrintLine(RefText(ref) + " " + RefPath(ref));
+  for (const std::string& s : items) PrintLine(s);
+  return kExitOk;
+}
+
+// ---- put ---------------------------------------------------------------------------
+
+int RunPut(const Args& a) {
+  sfl_ItemRef ref = ParseContainerRef(a.positional[0]);
+  const std::string path = a.positional.size() > 1 ? a.positional[1] : "-";
+  Source src(path);
+  Container c(ref);
+  sfl_ItemRef out = StoreItem(c, src, path == "-" ? "standard input" : path);
+  c.Close();
+  PrintLine(RefText(out));
+  return kExitOk;
+}
+
+// ---- get ---------------------------------------------------------------------------
+
+int RunGet(const Args& a) {
+  sfl_ItemRef ref = ParseItemRef(a.positional[0]);
+  Container c(ref);
+  const sfl_ItemInfo info = c.UsedSlot(ItemNumber(ref));
+  Item item(ref);
+  Output out(a.Get("output"));
+  if (info.Flags & BLOCKED_ITEM) {
+    ForEachBlock(item.handle(), info.IndexDepth,
+                 [&](uint32_t, const std::string& data) { out.Write(data.data(), data.size()); });
+  } else {
+    struct stat st;
+    sfl_FStatItem(item.handle(), &st);
+    const uint32_t size = static_cast<uint32_t>(st.st_size);
+    char buf[kChunk];
+    for (uint32_t pos = 0; pos < size;) {
+      uint32_t want = std::min<uint32_t>(kChunk, size - pos);
+      int32_t n = sfl_ReadSimpleData(item.handle(), pos, want, buf);
+      if (n <= 0) throw Failure{"short read from the item at offset " + std::to_string(pos)};
+      out.Write(buf, static_cast<size_t>(n));
+      pos += static_cast<uint32_t>(n);
+    }
+  }
+  item.Close();
+  c.Close();
+  out.Finish();
+  return kExitOk;
+}
+
+// ---- ls ----------------------------------------------------------------------------
+
+std::string ItemRefIn(const sfl_ItemRef& container, uint32_t n) {
+  sfl_ItemRef r = container;
+  r.Flags = static_cast<uint16_t>((r.Flags & ~SFL_ITEM_NUM_MASK) | n);
+  return RefText(r);
+}
+
+int RunLs(const Args& a) {
+  sfl_ItemRef ref = ParseContainerRef(a.positional[0]);
+  Container c(ref);
+  const std::vector<sfl_ItemInfo> slots = c.Slots();
+  c.Close();
+  const bool all = a.Has("all");
+  size_t used = 0;
+  for (size_t i = 1; i < slots.size(); ++i) used += slots[i].InUse ? 1 : 0;
+  auto shown = [&](const sfl_ItemInfo& s) { return all || (s.ItemNum != 0 && s.InUse); };
+
+  if (a.Has("json")) {
+    std::string s = "{\"container\": " + JsonString(RefText(ref)) +
+                    ", \"path\": " + JsonString(RefPath(ref)) +
+                    ", \"slots\": " + std::to_string(slots.size()) +
+                    ", \"used\": " + std::to_string(used) + ", \"items\": [";
+    bool first = true;
+    for (const sfl_ItemInfo& it : slots) {
+      if (!shown(it)) continue;
+      s += first ? "\n  " : ",\n  ";
+      first = false;
+      s += "{\"item\": " + std::to_string(it.ItemNum) +
+           ", \"reference\": " + JsonString(ItemRefIn(ref, it.ItemNum)) +
+           ", \"in_use\": " + (it.InUse ? "true" : "false") +
+           ", \"valid\": " + (it.Valid ? "true" : "false") +
+           ", \"size\": " + std::to_string(it.FileSize) +
+           ", \"blocks\": " + std::to_string(it.UsedBlocks) +
+           ", \"attach\": " + std::to_string(it.AccCount) +
+           ", \"flags\": " + JsonFlags(it.Flags) +
+           ", \"changed\": " + JsonString(FormatTime(it.ChangeDate)) +
+           ", \"changed_epoch\": " + std::to_string(it.ChangeDate) +
+           ", \"offset\": " + std::to_string(it.FileOffset) +
+           ", \"index_depth\": " + std::to_string(it.IndexDepth) + "}";
+    }
+    s += first ? "]}" : "\n]}";
+    PrintLine(s);
+    return kExitOk;
+  }
+
+  std::printf("%s  %s  %zu of %zu item slots used\n", RefText(ref).c_str(), RefPath(ref).c_str(),
+              used, slots.empty() ? size_t{0} : slots.size() - 1);
+  std::printf("%4s %12s %8s %6s  %-20s  %s\n", "ITEM", "SIZE", "BLOCKS", "ATTACH", "CHANGED",
+              "FLAGS");
+  for (const sfl_ItemInfo& it : slots) {
+    if (!shown(it)) continue;
+    std::string flags = JoinFlags(it.Flags);
+    if (it.ItemNum == 0) flags += " (free map)";
+    if (!it.InUse) flags += " (free slot)";
+    else if (!it.Valid) flags += " (header not written)";
+    std::printf("%4u %12u %8u %6u  %-20s  %s\n", it.ItemNum, it.FileSize, it.UsedBlocks,
+                it.AccCount, FormatTime(it.ChangeDate).c_str(), flags.c_str());
+  }
+  return kExitOk;
+}
+
+// ---- stat --------------------------------------------------------------------------
+
+int RunStat(const Args& a) {
+  sfl_ItemRef ref = ParseItemRef(a.positional[0]);
+  Container c(ref);
+  Item item(ref);
+  struct stat st;
+  sfl_FStatItem(item.handle(), &st);
+  const sfl_ItemInfo info = c.UsedSlot(ItemNumber(ref));
+  item.Close();
+  c.Close();
+  const bool blocked = (info.Flags & BLOCKED_ITEM) != 0;
+  const uint32_t changed = static_cast<uint32_t>(st.st_mtime);
+  if (a.Has("json")) {
+    PrintLine("{\"reference\": " + JsonString(RefText(ref)) +
+              ", \"path\": " + JsonString(RefPath(ref)) +
+              ", \"kind\": " + JsonString(blocked ? "blocked" : "simple") +
+              ", \"size\": " + std::to_string(static_cast<uint64_t>(st.st_size)) +
+              ", \"blocks\": " + std::to_string(info.UsedBlocks) +
+              ", \"attach\": " + std::to_string(static_cast<uint64_t>(st.st_nlink)) +
+              ", \"flags\": " + JsonFlags(info.Flags) +
+              ", \"changed\": " + JsonString(FormatTime(changed)) +
+              ", \"changed_epoch\": " + std::to_string(changed) +
+              ", \"offset\": " + std::to_string(info.FileOffset) +
+              ", \"index_depth\": " + std::to_string(info.IndexDepth) + "}");
+    return kExitOk;
+  }
+  std::printf("reference    %s\n", RefText(ref).c_str());
+  std::printf("path         %s\n", RefPath(ref).c_str());
+  std::printf("kind         %s\n", blocked ? "blocked" : "simple");
+  std::printf("size         %llu\n", static_cast<unsigned long long>(st.st_size));
+  std::printf("blocks       %u (128-byte units)\n", info.UsedBlocks);
+  std::printf("attach       %llu\n", static_cast<unsigned long long>(st.st_nlink));
+  std::printf("changed      %s\n", FormatTime(changed).c_str());
+  std::printf("flags        %s\n", JoinFlags(info.Flags).c_str());
+  std::printf("offset       %u\n", info.FileOffset);
+  if (blocked) std::printf("index depth  %u\n", info.IndexDepth);
+  return kExitOk;
+}
+
+// ---- rm, attach, detach, truncate ------------------------------------------------------
+
+int RunRm(const Args& a) {
+  for (const std::string& text : a.positional) {
+    sfl_ItemRef ref = ParseItemRef(text);
+    Container c(ref);
+    Item item(ref);
+    sfl_DeleteItem(item.handle());
+    item.Close();
+    c.Close();
+  }
+  return kExitOk;
+}
+
+int RunAttach(const Args& a) {
+  sfl_ItemRef ref = ParseItemRef(a.positional[0]);
+  std::printf("%u\n", sfl_AttachItem(&ref));
+  return kExitOk;
+}
+
+int RunDetach(const Args& a) {
+  sfl_ItemRef ref = ParseItemRef(a.positional[0]);
+  std::printf("%u\n", sfl_DetachItem(&ref));
+  return kExitOk;
+}
+
+int RunTruncate(const Args& a) {
+  sfl_ItemRef ref = ParseItemRef(a.positional[0]);
+  const uint32_t size = static_cast<uint32_t>(ParseNumber(a.positional[1], "size", UINT32_MAX));
+  Container c(ref);
+  Item item(ref);
+  sfl_TruncateSimItem(item.handle(), size);
+  item.Close();
+  c.Close();
+  return kExitOk;
+}
+
+}  // namespace
+
+const std::vector<Command>& ItemCommands() {
+  static const std::vector<Command> kCommands = {
+      {"create", "[--single] [--async] [--temp] [file|-]...",
+       "create a container; print its reference and path",
+       "Creates a new container in the store and prints one line: its reference and its\n"
+       "path. Files named after the options are stored in it as items 1, 2, ... and\n"
+       "their references printed, one per line.\n"
+       "A container that holds no items is removed by its last close; a container\n"
+       "created without files is therefore left on disk unclosed, for 'sfl put'.\n",
+       {{"single", 0, false, "a single-item file (one item, no free map)"},
+        {"async", 0, false, "never flush this file (ASYNCHRONOUS)"},
+        {"temp", 0, false, "a temporary container (domain 4, never compacted at close)"}},
+       0, -1, RunCreate},
+      {"put", "<container> [file|-]", "store a file (or standard input) as a new item",
+       "Stores the file, or standard input when it is '-' or absent, as a new simple item\n"
+       "of the container and prints the new item's reference.\n",
+       {}, 1, 2, RunPut},
+      {"get", "<item> [-o file]", "write an item's data to standard output or a file",
+       "Writes the item's bytes to standard output, or to the file given with -o (removed\n"
+       "again if the command fails). A blocked item is written as its blocks in order.\n",
+       {{"output", 'o', true, "write to this file instead of standard output"}}, 1, 1, RunGet},
+      {"ls", "<container> [--json] [--all]", "list the items of a container",
+       "Lists the items in use: item number, size in bytes, 128-byte blocks reserved,\n"
+       "attach count, change time (UTC) and flags by name.\n",
+       {{"json", 0, false, "print one JSON object"},
+        {"all", 'a', false, "also show slot 0 (the free map) and free slots"}},
+       1, 1, RunLs},
+      {"stat", "<item> [--json]", "show one item's status",
+       "Shows the item's reference, path, kind (simple or blocked), size, reserved\n"
+       "128-byte blocks, attach count, change time, flags and data offset.\n",
+       {{"json", 0, false, "print one JSON object"}}, 1, 1, RunStat},
+      {"rm", "<item>...", "delete items",
+       "Deletes each item. While another process has the container open, the item is\n"
+       "marked DELETED and released by the container's last close. A container whose\n"
+       "last item is released is removed.\n",
+       {}, 1, -1, RunRm},
+      {"attach", "<item>", "add an owner to an item; print the attach count",
+       "Raises the item's attach count (the owners that hold it outside any open handle)\n"
+       "and prints the new count.\n",
+       {}, 1, 1, RunAttach},
+      {"detach", "<item>", "drop an owner of an item; print the attach count",
+       "Lowers the item's attach count and prints the new count. An item whose count\n"
+       "reaches 0 is deleted.\n",
+       {}, 1, 1, RunDetach},
+      {"truncate", "<item> <size>", "change a simple item's size within its reserved space",
+       "Sets the item's size. The new size may be smaller or larger, but not beyond the\n"
+       "128-byte blocks reserved when the item was stored; no space is freed.\n",
+       {}, 2, 2, RunTruncate},
+  };
+  return kCommands;
+}
+
+}  // namespace cli

@@ -1,0 +1,154 @@
+// `sfl service start|stop|status`: the interest service that counts which
+// processes hold which containers. It is normally started on demand by the
+// library; these commands manage it explicitly, through the sfl-monitor
+// program installed beside this one and the library's queue lookup.
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "cli.h"
+
+namespace cli {
+namespace {
+
+constexpr int kServiceDown = 380;
+
+struct ServiceInfo {
+  int32_t pid = 0;
+  int32_t pairs = 0;
+};
+
+// Asks the library where the service is, without letting it start one.
+bool FindService(ServiceInfo* out) {
+  setenv("SFL_MONITOR_AUTOSTART", "0", 1);
+  sfl_ItemRef anyRef{};  // SubDomain 0 routes to the first pair, served by the main process
+  try {
+    sfl_GetQueue(&anyRef, nullptr, nullptr, &out->pairs, &out->pid);
+    return true;
+  } catch (const er_Escape& e) {
+    if (e.group() != ER_GROUP_MONIT || e.reason() != kServiceDown) throw;
+    er_Clear();
+    return false;
+  }
+}
+
+std::string MonitorProgram() {
+  char self[PATH_MAX];
+  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n > 0) {
+    self[n] = '\0';
+    std::string dir(self);
+    dir.resize(dir.rfind('/') + 1);
+    std::string candidate = dir + "sfl-monitor";
+    if (access(candidate.c_str(), X_OK) == 0) return candidate;
+  }
+  return "sfl-monitor";  // found through PATH
+}
+
+int RunProgram(const std::vector<std::string>& argv) {
+  std::vector<char*> args;
+  for (const std::string& s : argv) args.push_back(const_cast<char*>(s.c_str()));
+  args.push_back(nullptr);
+  std::fflush(nullptr);
+  pid_t pid = fork();
+  if (pid < 0) throw Failure{std::string("fork: ") + std::strerror(errno)};
+  if (pid == 0) {
+    execvp(args[0], args.data());
+    std::fprintf(stderr, "sfl service: %s: %s\n", args[0], std::strerror(errno));
+    _exit(127);
+  }
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0) {
+    if (errno != EINTR) throw Failure{std::string("waitpid: ") + std::strerror(errno)};
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool Alive(int32_t pid) { return kill(pid, 0) == 0 || errno == EPERM; }
+
+int Start(const Args& a) {
+  ServiceInfo info;
+  if (FindService(&info)) {
+    std::printf("already running: pid %d, %d queue pair%s\n", info.pid, info.pairs,
+                info.pairs == 1 ? "" : "s");
+    return kExitOk;
+  }
+  std::vector<std::string> argv = {MonitorProgram()};
+  if (a.Has("pairs")) {
+    argv.push_back("--pairs");
+    argv.push_back(std::to_string(ParseNumber(a.Get("pairs"), "pair count", 4)));
+  }
+  if (a.Has("idle-seconds")) {
+    argv.push_back("--idle-seconds");
+    argv.push_back(std::to_string(ParseNumber(a.Get("idle-seconds"), "idle time", INT32_MAX)));
+  }
+  int rc = RunProgram(argv);
+  if (rc != 0) throw Failure{argv[0] + " exited with status " + std::to_string(rc)};
+  if (!FindService(&info)) throw Failure{"the service did not come up"};
+  std::printf("started: pid %d, %d queue pair%s\n", info.pid, info.pairs, info.pairs == 1 ? "" : "s");
+  return kExitOk;
+}
+
+int Stop() {
+  ServiceInfo info;
+  if (!FindService(&info)) {
+    std::printf("not running\n");
+    return kExitOk;
+  }
+  if (kill(info.pid, SIGTERM) != 0 && errno != ESRCH)
+    throw Failure{"cannot signal pid " + std::to_string(info.pid) + ": " + std::strerror(errno)};
+  // The service removes its queues and state, then exits; wait up to 10 s.
+  for (int i = 0; i < 1000 && Alive(info.pid); ++i) {
+    struct timespec ts = {0, 10 * 1000 * 1000};
+    nanosleep(&ts, nullptr);
+  }
+  if (Alive(info.pid)) throw Failure{"pid " + std::to_string(info.pid) + " did not stop"};
+  std::printf("stopped: pid %d\n", info.pid);
+  return kExitOk;
+}
+
+int Status() {
+  ServiceInfo info;
+  if (!FindService(&info)) {
+    std::printf("not running\n");
+    return kExitFailure;
+  }
+  std::printf("running: pid %d, %d queue pair%s\n", info.pid, info.pairs, info.pairs == 1 ? "" : "s");
+  return kExitOk;
+}
+
+int RunService(const Args& a) {
+  const std::string& action = a.positional[0];
+  SetSubject(action);
+  if (action == "start") return Start(a);
+  if ((a.Has("pairs") || a.Has("idle-seconds")))
+    throw UsageError{"--pairs and --idle-seconds go with 'start' only"};
+  if (action == "stop") return Stop();
+  if (action == "status") return Status();
+  throw UsageError{"unknown action '" + action + "' (start, stop or status)"};
+}
+
+}  // namespace
+
+const std::vector<Command>& ServiceCommands() {
+  static const std::vector<Command> kCommands = {
+      {"service", "start|stop|status", "manage the interest service",
+       "The interest service counts the processes that hold each container. The library\n"
+       "starts one on demand (it stops again after an idle time); 'start' runs one\n"
+       "explicitly with the sfl-monitor program beside this one, 'stop' ends it, and\n"
+       "'status' reports it (exit status 1 when it is not running). The service of the\n"
+       "run directory in SFL_RUN_DIR is meant.\n",
+       {{"pairs", 0, true, "start: queue pairs (serving processes), 1 to 4"},
+        {"idle-seconds", 0, true, "start: exit after this long idle (0: never)"}},
+       1, 1, RunService},
+  };
+  return kCommands;
+}
+
+}  // namespace cli
