@@ -1,0 +1,123 @@
+// Shared pieces of the benchmark: workload sizes, the payload pattern, the
+// interfaces each storage system implements, and the report a run sends
+// back to the driver.
+//
+// Each measured run is its own process (the driver re-executes itself with
+// --run), so the sync keys, which the library reads once per process, take
+// effect, and getrusage of the child gives that run's peak memory.
+#ifndef SFL_BENCH_H
+#define SFL_BENCH_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace bench {
+
+enum class Durability { Async, Sync };
+const char* DurabilityName(Durability d);
+
+// Sizes of one run. Sync runs use smaller counts (see the driver) because a
+// flush costs milliseconds on an ordinary disk; figures are per operation.
+struct Sizes {
+  int messages = 2000;      // W1 and the W3 store
+  int blocks = 50000;       // W2 appends and random reads
+  int readers = 4;          // W3 processes
+  int readsPerReader = 5000;
+};
+
+constexpr int kPartsPerMessage = 5;
+constexpr uint32_t kPartSizes[kPartsPerMessage] = {300, 1024, 4096, 16384, 65536};
+constexpr uint32_t kMinBlock = 64;
+constexpr uint32_t kMaxBlock = 2048;
+
+// A run's figures, as "key value" lines from child to driver.
+using Figures = std::map<std::string, double>;
+
+// ---- payload ------------------------------------------------------------------
+// Every part and block starts with a 16-byte stamp (identity and size) and
+// continues with a fixed pseudo-random pattern, so reads can be verified
+// cheaply and a misplaced read cannot pass.
+const uint8_t* Pattern();  // 64 KiB
+void FillPayload(uint8_t* buf, uint32_t size, uint32_t id, uint32_t sub);
+// Rewrites only the stamp of a buffer already filled with the pattern.
+void StampPayload(uint8_t* buf, uint32_t size, uint32_t id, uint32_t sub);
+bool CheckPayload(const uint8_t* buf, uint32_t size, uint32_t id, uint32_t sub);
+uint32_t BlockSize(uint32_t i);  // W2 block sizes, 64 B to 2 KiB, deterministic
+uint64_t PayloadBytesPerMessage();
+
+// Small deterministic generator (xorshift) for orders and picks.
+class Rng {
+ public:
+  explicit Rng(uint64_t seed) : s_(seed * 0x9E3779B97F4A7C15ull + 1) {}
+  uint64_t Next() {
+    s_ ^= s_ << 13;
+    s_ ^= s_ >> 7;
+    s_ ^= s_ << 17;
+    return s_;
+  }
+  uint32_t Below(uint32_t n) { return static_cast<uint32_t>(Next() % n); }
+
+ private:
+  uint64_t s_;
+};
+
+// ---- helpers -------------------------------------------------------------------
+double Now();  // monotonic seconds
+// Bytes the files under `dir` occupy on disk (st_blocks * 512).
+uint64_t DiskBytes(const std::string& dir);
+void MakeDirs(const std::string& dir);
+void RemoveTree(const std::string& dir);
+[[noreturn]] void Fail(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// ---- systems ---------------------------------------------------------------------
+// W1 and W3: a store of messages, each of kPartsPerMessage parts.
+class MessageStore {
+ public:
+  virtual ~MessageStore() = default;
+  virtual void Store(int msg, const uint8_t* const parts[kPartsPerMessage]) = 0;
+  // Reads every part of a message into bufs (each at least its part size).
+  virtual void Read(int msg, uint8_t* const bufs[kPartsPerMessage]) = 0;
+  virtual void Delete(int msg) = 0;
+  // One part, for the many-readers workload; returns the bytes read.
+  virtual uint32_t ReadPart(int msg, int part, uint8_t* buf) = 0;
+  // Makes what was stored findable by other processes (untimed).
+  virtual void Finish() {}
+  // System calls made so far as the system counts them itself (-1: unknown).
+  virtual int64_t OwnCallCount() { return -1; }
+};
+
+// W2: a log of variable-sized blocks addressed by the id Append returns.
+class BlockLog {
+ public:
+  virtual ~BlockLog() = default;
+  virtual int64_t Append(const uint8_t* data, uint32_t size) = 0;
+  virtual uint32_t Read(int64_t id, uint8_t* buf, uint32_t size) = 0;
+  virtual void Free(int64_t id) = 0;
+  virtual int64_t OwnCallCount() { return -1; }
+};
+
+// Factories. `create` true builds a new store in dir; false opens an
+// existing one for reading (W3 readers).
+std::unique_ptr<MessageStore> NewFilesStore(const std::string& dir, Durability d, bool create);
+std::unique_ptr<MessageStore> NewSqliteStore(const std::string& dir, Durability d, bool create);
+std::unique_ptr<MessageStore> NewSflStore(const std::string& dir, Durability d, bool create);
+std::unique_ptr<BlockLog> NewSqliteLog(const std::string& dir, Durability d);
+std::unique_ptr<BlockLog> NewSflLog(const std::string& dir, Durability d);
+
+// Per-process setup a system needs before its first call (environment keys).
+void PrepareSfl(const std::string& dir, Durability d);
+
+// ---- the measured run (child side) -------------------------------------------------
+// Runs one workload ("W1", "W2", "W3", "W3build", or "idle" / "idleread",
+// which only open the system for reading or writing) on one system
+// in `dir`, and returns its figures.
+Figures RunWorkload(const std::string& workload, const std::string& system, Durability d,
+                    const std::string& dir, const Sizes& sizes);
+
+}  // namespace bench
+
+#endif  // SFL_BENCH_H

@@ -1,0 +1,96 @@
+// The file-per-part alternative: a directory per message under one of 100
+// fan-out directories, one file per part, open/write/close and
+// open/read/close for every part. The flushing mode calls fdatasync before
+// each close.
+#include <cerrno>
+#include <fcntl.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "bench.h"
+
+namespace bench {
+namespace {
+
+constexpr int kFanOut = 100;
+
+class FilesStore : public MessageStore {
+ public:
+  FilesStore(const std::string& dir, Durability d, bool create)
+      : root_(dir + "/files"), sync_(d == Durability::Sync) {
+    if (create) {
+      for (int i = 0; i < kFanOut; ++i) MakeDirs(root_ + "/" + std::to_string(i));
+    }
+  }
+
+  void Store(int msg, const uint8_t* const parts[kPartsPerMessage]) override {
+    std::string mdir = MessageDir(msg);
+    if (mkdir(mdir.c_str(), 0755) != 0 && errno != EEXIST) Fail("mkdir %s", mdir.c_str());
+    for (int p = 0; p < kPartsPerMessage; ++p) {
+      std::string path = PartPath(mdir, p);
+      int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0644);
+      if (fd < 0) Fail("open %s", path.c_str());
+      WriteAll(fd, parts[p], kPartSizes[p]);
+      if (sync_ && fdatasync(fd) != 0) Fail("fdatasync");
+      close(fd);
+    }
+  }
+
+  void Read(int msg, uint8_t* const bufs[kPartsPerMessage]) override {
+    std::string mdir = MessageDir(msg);
+    for (int p = 0; p < kPartsPerMessage; ++p) ReadFile(PartPath(mdir, p), bufs[p], kPartSizes[p]);
+  }
+
+  uint32_t ReadPart(int msg, int part, uint8_t* buf) override {
+    return ReadFile(PartPath(MessageDir(msg), part), buf, kPartSizes[part]);
+  }
+
+  void Delete(int msg) override {
+    std::string mdir = MessageDir(msg);
+    for (int p = 0; p < kPartsPerMessage; ++p) {
+      if (unlink(PartPath(mdir, p).c_str()) != 0) Fail("unlink");
+    }
+    if (rmdir(mdir.c_str()) != 0) Fail("rmdir %s", mdir.c_str());
+  }
+
+ private:
+  std::string MessageDir(int msg) const {
+    return root_ + "/" + std::to_string(msg % kFanOut) + "/" + std::to_string(msg);
+  }
+  static std::string PartPath(const std::string& mdir, int p) {
+    return mdir + "/p" + std::to_string(p);
+  }
+  static void WriteAll(int fd, const uint8_t* data, uint32_t size) {
+    uint32_t done = 0;
+    while (done < size) {
+      ssize_t n = write(fd, data + done, size - done);
+      if (n <= 0) Fail("write");
+      done += static_cast<uint32_t>(n);
+    }
+  }
+  static uint32_t ReadFile(const std::string& path, uint8_t* buf, uint32_t size) {
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) Fail("open %s", path.c_str());
+    uint32_t done = 0;
+    while (done < size) {
+      ssize_t n = read(fd, buf + done, size - done);
+      if (n < 0) Fail("read");
+      if (n == 0) break;
+      done += static_cast<uint32_t>(n);
+    }
+    close(fd);
+    return done;
+  }
+
+  std::string root_;
+  bool sync_;
+};
+
+}  // namespace
+
+std::unique_ptr<MessageStore> NewFilesStore(const std::string& dir, Durability d, bool create) {
+  return std::make_unique<FilesStore>(dir, d, create);
+}
+
+}  // namespace bench

@@ -1,0 +1,471 @@
+// sfl_bench: runs each workload on each system side by side, repeats every
+// run (alternating the order of the systems), and prints medians with the
+// ratio sfl / other; the raw figures go to a JSON file.
+//
+//   sfl_bench [--out FILE] [--reps N] [--dir DIR] [--scale F] [--sync-scale F]
+//             [--strace-scale F] [--no-strace] [--workloads W1,W2,W3]
+//
+// Every measured run is a child process (this program re-executed with
+// --run): the sync keys are read once per process, and the child's peak
+// memory comes from wait4. System calls per operation come from the
+// library's own os_ counters for sfl, and from `strace -c -f` (a separate,
+// untimed pass, corrected by an idle run's start-up calls) for every system.
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/resource.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "bench.h"
+
+namespace bench {
+namespace {
+
+struct Options {
+  std::string out = "bench-results.json";
+  std::string dir;
+  int reps = 5;
+  double scale = 1.0;
+  double syncScale = 0.1;
+  double straceScale = 0.1;
+  bool strace = true;
+  std::vector<std::string> workloads = {"W1", "W2", "W3"};
+};
+
+struct Run {
+  std::string workload, system, mode;
+  int rep = 0;
+  bool ok = false;
+  long maxrssKb = 0;
+  Figures f;
+};
+
+struct StraceRun {
+  std::string workload, system, mode;
+  bool ok = false;
+  double calls = 0, idleCalls = 0, ops = 0;
+};
+
+std::vector<std::string> SystemsFor(const std::string& w) {
+  if (w == "W2") return {"sfl", "sqlite"};
+  return {"sfl", "files", "sqlite"};
+}
+
+Sizes SizesFor(const Options& o, Durability d, double extra) {
+  Sizes s;
+  double k = o.scale * extra * (d == Durability::Sync ? o.syncScale : 1.0);
+  s.messages = std::max(10, static_cast<int>(std::lround(s.messages * k)));
+  s.blocks = std::max(100, static_cast<int>(std::lround(s.blocks * k)));
+  // Readers do not write, so the flushing mode does not shrink W3's reads.
+  double rk = o.scale * extra;
+  s.readsPerReader = std::max(50, static_cast<int>(std::lround(s.readsPerReader * rk)));
+  return s;
+}
+
+std::vector<std::string> RunArgs(const std::string& w, const std::string& sys, Durability d,
+                                 const std::string& dir, const Sizes& s) {
+  return {"--run", w, sys, DurabilityName(d), "--dir", dir,
+          "--messages", std::to_string(s.messages), "--blocks", std::to_string(s.blocks),
+          "--reads", std::to_string(s.readsPerReader)};
+}
+
+// Starts argv with stdout to a pipe; returns the child's output, exit status
+// and peak memory.
+bool Spawn(const std::vector<std::string>& argv, std::string* out, long* maxrssKb) {
+  int fds[2];
+  if (pipe(fds) != 0) Fail("pipe");
+  std::fflush(nullptr);
+  pid_t pid = fork();
+  if (pid < 0) Fail("fork");
+  if (pid == 0) {
+    dup2(fds[1], 1);
+    close(fds[0]);
+    close(fds[1]);
+    std::vector<char*> args;
+    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+  }
+  close(fds[1]);
+  char buf[4096];
+  ssize_t n;
+  while ((n = read(fds[0], buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR)) {
+    if (n > 0) out->append(buf, static_cast<size_t>(n));
+  }
+  close(fds[0]);
+  int status = 0;
+  rusage ru{};
+  while (wait4(pid, &status, 0, &ru) < 0 && errno == EINTR) {
+  }
+  if (maxrssKb != nullptr) *maxrssKb = ru.ru_maxrss;
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+Figures ParseFigures(const std::string& text) {
+  Figures f;
+  std::istringstream in(text);
+  std::string key;
+  double v;
+  while (in >> key >> v) f[key] = v;
+  return f;
+}
+
+std::string Self() {
+  char buf[4096];
+  ssize_t n = readlink("/proc/self/exe", buf, sizeof buf - 1);
+  if (n <= 0) Fail("cannot find own executable");
+  buf[n] = 0;
+  return buf;
+}
+
+Run MeasureOnce(const std::string& w, const std::string& sys, Durability d, const std::string& dir,
+                const Sizes& s, int rep) {
+  Run r;
+  r.workload = w;
+  r.system = sys;
+  r.mode = DurabilityName(d);
+  r.rep = rep;
+  std::vector<std::string> argv = {Self()};
+  for (auto& a : RunArgs(w, sys, d, dir, s)) argv.push_back(a);
+  std::string out;
+  r.ok = Spawn(argv, &out, &r.maxrssKb);
+  r.f = ParseFigures(out);
+  if (r.ok && r.f.count("ops") == 0) r.ok = false;
+  std::fprintf(stderr, "  %-3s %-6s %-5s rep %d: %s", w.c_str(), sys.c_str(), r.mode.c_str(), rep,
+               r.ok ? "" : "FAILED\n");
+  if (r.ok) {
+    std::fprintf(stderr, "%.0f ops/s (%.2f s)\n", r.f["ops"] / r.f["seconds"], r.f["seconds"]);
+  }
+  return r;
+}
+
+// The total of calls in `strace -c` output ("... calls errors syscall"
+// columns, last line "total").
+double StraceTotal(const std::string& path) {
+  std::ifstream in(path);
+  std::string line, last;
+  while (std::getline(in, line)) {
+    if (line.find("total") != std::string::npos) last = line;
+  }
+  std::istringstream words(last);
+  std::vector<std::string> tok;
+  std::string t;
+  while (words >> t) tok.push_back(t);
+  if (tok.size() < 5) return -1;
+  return std::atof(tok[3].c_str());
+}
+
+double StraceCalls(const std::string& w, const std::string& sys, Durability d,
+                   const std::string& dir, const Sizes& s, double* ops) {
+  std::string path = dir + ".strace";
+  std::vector<std::string> argv = {"strace", "-f", "-c", "-o", path, "--", Self()};
+  for (auto& a : RunArgs(w, sys, d, dir, s)) argv.push_back(a);
+  std::string out;
+  bool ok = Spawn(argv, &out, nullptr);
+  double calls = ok ? StraceTotal(path) : -1;
+  if (ops != nullptr) *ops = ParseFigures(out)["ops"];
+  unlink(path.c_str());
+  return calls;
+}
+
+bool HaveStrace() {
+  std::string out;
+  return Spawn({"strace", "-V"}, &out, nullptr);
+}
+
+double Median(std::vector<double> v) {
+  if (v.empty()) return NAN;
+  std::sort(v.begin(), v.end());
+  size_t n = v.size();
+  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
+std::string Num(double v) {
+  if (std::isnan(v) || std::isinf(v)) return "null";
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%.6g", v);
+  return buf;
+}
+
+struct Summary {
+  std::string workload, mode, system;
+  int runs = 0, failed = 0;
+  double opsPerSec = NAN, ownPerOp = NAN, stracePerOp = NAN, diskRatio = NAN, diskRatioEnd = NAN;
+  double maxrssMb = NAN, ratio = NAN;
+  Sizes sizes;
+};
+
+int Driver(const Options& o) {
+  std::string base = o.dir;
+  bool ownBase = base.empty();
+  if (ownBase) {
+    const char* tmp = std::getenv("TMPDIR");
+    std::string tmpl = std::string(tmp != nullptr ? tmp : "/tmp") + "/sfl-bench-XXXXXX";
+    std::vector<char> b(tmpl.begin(), tmpl.end());
+    b.push_back(0);
+    if (mkdtemp(b.data()) == nullptr) Fail("mkdtemp");
+    base = b.data();
+  }
+  MakeDirs(base);
+  bool strace = o.strace && HaveStrace();
+  std::vector<Run> runs;
+  std::vector<StraceRun> straces;
+  std::vector<Summary> summaries;
+  int counter = 0;
+  const Durability modes[] = {Durability::Async, Durability::Sync};
+
+  for (const auto& w : o.workloads) {
+    for (Durability d : modes) {
+      std::vector<std::string> systems = SystemsFor(w);
+      Sizes s = SizesFor(o, d, 1.0);
+      std::fprintf(stderr, "%s %s: messages %d, blocks %d, reads/reader %d\n", w.c_str(),
+                   DurabilityName(d), s.messages, s.blocks, s.readsPerReader);
+      // W3 reads a store built once per system (untimed, not flushed).
+      // A system whose store cannot be built is still run, and fails.
+      if (w == "W3") {
+        for (const auto& sys : systems) {
+          std::string dir = base + "/w3-" + sys + "-" + DurabilityName(d);
+          std::vector<std::string> argv = {Self()};
+          for (auto& a : RunArgs("W3build", sys, Durability::Async, dir, s)) argv.push_back(a);
+          std::string out;
+          if (!Spawn(argv, &out, nullptr)) {
+            std::fprintf(stderr, "building the W3 store for %s failed\n", sys.c_str());
+          }
+        }
+      }
+      for (int rep = 0; rep < o.reps; ++rep) {
+        std::vector<std::string> order = systems;
+        if (rep % 2 == 1) std::reverse(order.begin(), order.end());
+        for (const auto& sys : order) {
+          std::string dir = w == "W3" ? base + "/w3-" + sys + "-" + DurabilityName(d)
+                                      : base + "/run-" + std::to_string(counter++);
+          runs.push_back(MeasureOnce(w, sys, d, dir, s, rep));
+          if (w != "W3") RemoveTree(dir);
+        }
+      }
+      if (strace) {
+        Sizes ss = SizesFor(o, d, o.straceScale);
+        for (const auto& sys : systems) {
+          StraceRun sr;
+          sr.workload = w;
+          sr.system = sys;
+          sr.mode = DurabilityName(d);
+          std::string dir = w == "W3" ? base + "/w3-" + sys + "-" + DurabilityName(d)
+                                      : base + "/run-" + std::to_string(counter++);
+          if (w == "W3") {
+            sr.idleCalls = StraceCalls("idleread", sys, d, dir, ss, nullptr);
+          } else {
+            std::string idleDir = base + "/idle-" + std::to_string(counter++);
+            sr.idleCalls = StraceCalls("idle", sys, d, idleDir, ss, nullptr);
+            RemoveTree(idleDir);
+          }
+          sr.calls = StraceCalls(w, sys, d, dir, ss, &sr.ops);
+          if (w != "W3") RemoveTree(dir);
+          sr.ok = sr.calls >= 0 && sr.idleCalls >= 0 && sr.ops > 0;
+          straces.push_back(sr);
+        }
+      }
+      // Medians.
+      double sflOps = NAN;
+      for (const auto& sys : systems) {
+        Summary sm;
+        sm.workload = w;
+        sm.mode = DurabilityName(d);
+        sm.system = sys;
+        sm.sizes = s;
+        std::vector<double> ops, own, disk, diskEnd, rss;
+        for (const auto& r : runs) {
+          if (r.workload != w || r.system != sys || r.mode != sm.mode) continue;
+          ++sm.runs;
+          if (!r.ok) {
+            ++sm.failed;
+            continue;
+          }
+          Figures f = r.f;
+          ops.push_back(f["ops"] / f["seconds"]);
+          if (f.count("own_calls")) own.push_back(f["own_calls"] / f["ops"]);
+          if (f.count("disk_after_store") && f["payload_after_store"] > 0) {
+            disk.push_back(f["disk_after_store"] / f["payload_after_store"]);
+          }
+          if (f.count("disk_end") && f["payload_end"] > 0) {
+            diskEnd.push_back(f["disk_end"] / f["payload_end"]);
+          }
+          rss.push_back(r.maxrssKb / 1024.0);
+        }
+        sm.opsPerSec = Median(ops);
+        sm.ownPerOp = Median(own);
+        sm.diskRatio = Median(disk);
+        sm.diskRatioEnd = Median(diskEnd);
+        sm.maxrssMb = Median(rss);
+        for (const auto& sr : straces) {
+          if (sr.ok && sr.workload == w && sr.system == sys && sr.mode == sm.mode) {
+            sm.stracePerOp = (sr.calls - sr.idleCalls) / sr.ops;
+          }
+        }
+        if (sys == "sfl") sflOps = sm.opsPerSec;
+        summaries.push_back(sm);
+      }
+      for (auto& sm : summaries) {
+        if (sm.workload == w && sm.mode == DurabilityName(d)) sm.ratio = sflOps / sm.opsPerSec;
+      }
+    }
+  }
+  if (ownBase) {
+    RemoveTree(base);
+  } else {
+    for (const auto& sm : summaries) RemoveTree(base + "/w3-" + sm.system + "-" + sm.mode);
+  }
+
+  // Table.
+  std::printf("\n%-3s %-5s %-6s %12s %9s %9s %9s %10s %10s %8s %5s\n", "wl", "mode", "system",
+              "ops/s", "sfl/this", "calls/op", "strace/op", "disk/data", "disk/live", "rss MiB",
+              "runs");
+  for (const auto& sm : summaries) {
+    auto cell = [](double v, const char* fmt) {
+      static char buf[8][32];
+      static int i = 0;
+      char* b = buf[i++ % 8];
+      if (std::isnan(v)) std::snprintf(b, 32, "-");
+      else std::snprintf(b, 32, fmt, v);
+      return b;
+    };
+    std::printf("%-3s %-5s %-6s %12s %9s %9s %9s %10s %10s %8s %2d/%-2d\n", sm.workload.c_str(),
+                sm.mode.c_str(), sm.system.c_str(), cell(sm.opsPerSec, "%.0f"),
+                sm.system == "sfl" ? "" : cell(sm.ratio, "%.2f"), cell(sm.ownPerOp, "%.1f"),
+                cell(sm.stracePerOp, "%.1f"), cell(sm.diskRatio, "%.3f"),
+                cell(sm.diskRatioEnd, "%.3f"), cell(sm.maxrssMb, "%.1f"), sm.runs - sm.failed,
+                sm.runs);
+  }
+  std::printf(
+      "\nops/s: median over runs; sfl/this: sfl's ops/s divided by this system's (above 1: sfl\n"
+      "faster); calls/op: the library's own os_ counters (sfl only); strace/op: strace -c -f\n"
+      "totals less an idle run's, per operation; disk/data: bytes on disk (st_blocks) per byte\n"
+      "of payload after storing; disk/live: the same at the end, per byte still live.\n");
+
+  // JSON.
+  FILE* j = std::fopen(o.out.c_str(), "w");
+  if (j == nullptr) Fail("cannot write %s", o.out.c_str());
+  utsname u{};
+  uname(&u);
+  std::fprintf(j, "{\n  \"machine\": {\"cpus\": %ld, \"kernel\": \"%s\", \"arch\": \"%s\"},\n",
+               sysconf(_SC_NPROCESSORS_ONLN), u.release, u.machine);
+  std::fprintf(j,
+               "  \"settings\": {\"reps\": %d, \"scale\": %s, \"sync_scale\": %s, "
+               "\"strace_scale\": %s, \"strace\": %s},\n",
+               o.reps, Num(o.scale).c_str(), Num(o.syncScale).c_str(), Num(o.straceScale).c_str(),
+               strace ? "true" : "false");
+  std::fprintf(j, "  \"runs\": [\n");
+  for (size_t i = 0; i < runs.size(); ++i) {
+    const Run& r = runs[i];
+    std::fprintf(j,
+                 "    {\"workload\": \"%s\", \"system\": \"%s\", \"mode\": \"%s\", \"rep\": %d, "
+                 "\"ok\": %s, \"maxrss_kb\": %ld, \"figures\": {",
+                 r.workload.c_str(), r.system.c_str(), r.mode.c_str(), r.rep,
+                 r.ok ? "true" : "false", r.maxrssKb);
+    bool first = true;
+    for (const auto& [k, v] : r.f) {
+      std::fprintf(j, "%s\"%s\": %s", first ? "" : ", ", k.c_str(), Num(v).c_str());
+      first = false;
+    }
+    std::fprintf(j, "}}%s\n", i + 1 < runs.size() ? "," : "");
+  }
+  std::fprintf(j, "  ],\n  \"strace\": [\n");
+  for (size_t i = 0; i < straces.size(); ++i) {
+    const StraceRun& s = straces[i];
+    std::fprintf(j,
+                 "    {\"workload\": \"%s\", \"system\": \"%s\", \"mode\": \"%s\", \"ok\": %s, "
+                 "\"calls\": %s, \"idle_calls\": %s, \"ops\": %s}%s\n",
+                 s.workload.c_str(), s.system.c_str(), s.mode.c_str(), s.ok ? "true" : "false",
+                 Num(s.calls).c_str(), Num(s.idleCalls).c_str(), Num(s.ops).c_str(),
+                 i + 1 < straces.size() ? "," : "");
+  }
+  std::fprintf(j, "  ],\n  \"summary\": [\n");
+  for (size_t i = 0; i < summaries.size(); ++i) {
+    const Summary& s = summaries[i];
+    std::fprintf(j,
+                 "    {\"workload\": \"%s\", \"mode\": \"%s\", \"system\": \"%s\", \"runs\": %d, "
+                 "\"failed\": %d, \"messages\": %d, \"blocks\": %d, \"reads_per_reader\": %d, "
+                 "\"median_ops_per_s\": %s, \"sfl_over_this\": %s, \"own_calls_per_op\": %s, "
+                 "\"strace_calls_per_op\": %s, \"disk_per_payload\": %s, "
+                 "\"disk_per_live_payload_end\": %s, \"median_maxrss_mib\": %s}%s\n",
+                 s.workload.c_str(), s.mode.c_str(), s.system.c_str(), s.runs, s.failed,
+                 s.sizes.messages, s.sizes.blocks, s.sizes.readsPerReader,
+                 Num(s.opsPerSec).c_str(), Num(s.ratio).c_str(), Num(s.ownPerOp).c_str(),
+                 Num(s.stracePerOp).c_str(), Num(s.diskRatio).c_str(),
+                 Num(s.diskRatioEnd).c_str(), Num(s.maxrssMb).c_str(),
+                 i + 1 < summaries.size() ? "," : "");
+  }
+  std::fprintf(j, "  ]\n}\n");
+  std::fclose(j);
+  std::fprintf(stderr, "raw figures written to %s\n", o.out.c_str());
+  for (const auto& s : summaries) {
+    if (s.failed != 0) return 1;
+  }
+  return 0;
+}
+
+int Child(int argc, char** argv) {
+  // --run W SYSTEM MODE --dir D --messages n --blocks n --reads n
+  if (argc < 5) Fail("--run needs workload, system and mode");
+  std::string w = argv[2], sys = argv[3], mode = argv[4], dir;
+  Sizes s;
+  for (int i = 5; i + 1 < argc; i += 2) {
+    std::string k = argv[i];
+    if (k == "--dir") dir = argv[i + 1];
+    else if (k == "--messages") s.messages = std::atoi(argv[i + 1]);
+    else if (k == "--blocks") s.blocks = std::atoi(argv[i + 1]);
+    else if (k == "--reads") s.readsPerReader = std::atoi(argv[i + 1]);
+  }
+  if (dir.empty()) Fail("--run needs --dir");
+  Durability d = mode == "sync" ? Durability::Sync : Durability::Async;
+  try {
+    Figures f = RunWorkload(w, sys, d, dir, s);
+    for (const auto& [k, v] : f) std::printf("%s %.17g\n", k.c_str(), v);
+  } catch (const std::exception& e) {
+    Fail("%s %s %s: %s", w.c_str(), sys.c_str(), mode.c_str(), e.what());
+  }
+  return 0;
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) {
+  using namespace bench;
+  if (argc > 1 && std::strcmp(argv[1], "--run") == 0) return Child(argc, argv);
+  Options o;
+  for (int i = 1; i < argc; ++i) {
+    std::string a = argv[i];
+    auto next = [&]() -> const char* {
+      if (i + 1 >= argc) Fail("%s needs a value", a.c_str());
+      return argv[++i];
+    };
+    if (a == "--out") o.out = next();
+    else if (a == "--reps") o.reps = std::max(1, std::atoi(next()));
+    else if (a == "--dir") o.dir = next();
+    else if (a == "--scale") o.scale = std::atof(next());
+    else if (a == "--sync-scale") o.syncScale = std::atof(next());
+    else if (a == "--strace-scale") o.straceScale = std::atof(next());
+    else if (a == "--no-strace") o.strace = false;
+    else if (a == "--workloads") {
+      o.workloads.clear();
+      std::istringstream in(next());
+      std::string w;
+      while (std::getline(in, w, ',')) o.workloads.push_back(w);
+    } else {
+      Fail("unknown option %s", a.c_str());
+    }
+  }
+  return Driver(o);
+}

@@ -1,0 +1,168 @@
+// The sfl side: one container per message with one item per part, the
+// container opened and closed per message as a server does; W2 keeps one
+// blocked item and appends, reads and frees its blocks.
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "bench.h"
+#include "os.h"
+#include "sfl.h"
+
+namespace bench {
+namespace {
+
+// System calls the library made through its os_ layer. Allocation and
+// buffered stdio calls are not system calls and are left out.
+int64_t SflCallCount() {
+  int64_t n = 0;
+  for (int i = 0; i < os_OpCount; ++i) {
+    auto op = static_cast<os_Op>(i);
+    switch (op) {
+      case os_Op::Malloc: case os_Op::Fread: case os_Op::Fwrite: case os_Op::Fseek:
+      case os_Op::Ftell: case os_Op::Fgets:
+        break;
+      default:
+        n += static_cast<int64_t>(os_CallCount(op));
+    }
+  }
+  return n;
+}
+
+struct MessageRefs {
+  sfl_ItemRef file{};
+  sfl_ItemRef parts[kPartsPerMessage]{};
+};
+
+class SflStore : public MessageStore {
+ public:
+  SflStore(const std::string& dir, bool create) : refsPath_(dir + "/sfl-refs.bin") {
+    if (!create) LoadRefs();
+  }
+
+  void Store(int msg, const uint8_t* const parts[kPartsPerMessage]) override {
+    if (static_cast<size_t>(msg) >= refs_.size()) refs_.resize(msg + 1);
+    MessageRefs& m = refs_[msg];
+    int32_t base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+    sfl_GetSerFileItem(base, &m.file);
+    for (int p = 0; p < kPartsPerMessage; ++p) {
+      int32_t h = sfl_StoreBasicItem(base, nullptr, kPartSizes[p], &m.parts[p], 1);
+      if (h < 0) Fail("container full at message %d part %d", msg, p);
+      int32_t n = sfl_WriteSimpleData(h, 0, kPartSizes[p], parts[p]);
+      if (n != static_cast<int32_t>(kPartSizes[p])) Fail("short item write");
+      sfl_CloseItem(h);
+    }
+    sfl_CloseFile(base);
+  }
+
+  void Read(int msg, uint8_t* const bufs[kPartsPerMessage]) override {
+    MessageRefs& m = refs_[msg];
+    int32_t base = sfl_OpenSfl(&m.file, 0);
+    for (int p = 0; p < kPartsPerMessage; ++p) {
+      int32_t h = sfl_OpenItem(&m.parts[p], 0);
+      sfl_ReadSimpleData(h, 0, kPartSizes[p], bufs[p]);
+      sfl_CloseItem(h);
+    }
+    sfl_CloseFile(base);
+  }
+
+  // A part read on its own, by reference: the item open brings the
+  // container in (from the cold store when it is there) and takes it out.
+  uint32_t ReadPart(int msg, int part, uint8_t* buf) override {
+    int32_t h = sfl_OpenItem(&refs_[msg].parts[part], 0);
+    int32_t n = sfl_ReadSimpleData(h, 0, kPartSizes[part], buf);
+    sfl_CloseItem(h);
+    return n < 0 ? 0 : static_cast<uint32_t>(n);
+  }
+
+  // Deleting a message drops the one owner of each part; the last close of
+  // a part then releases its space, and the container goes with its last
+  // item.
+  void Delete(int msg) override {
+    MessageRefs& m = refs_[msg];
+    int32_t base = sfl_OpenSfl(&m.file, 0);
+    for (int p = 0; p < kPartsPerMessage; ++p) {
+      int32_t h = sfl_OpenItem(&m.parts[p], 0);
+      sfl_DetachOpenItem(h);
+      sfl_CloseItem(h);
+    }
+    sfl_CloseFile(base);
+  }
+
+  void Finish() override {
+    FILE* f = std::fopen(refsPath_.c_str(), "wb");
+    if (f == nullptr) Fail("cannot write %s", refsPath_.c_str());
+    if (!refs_.empty()) std::fwrite(refs_.data(), sizeof(MessageRefs), refs_.size(), f);
+    std::fclose(f);
+  }
+
+  int64_t OwnCallCount() override { return SflCallCount(); }
+
+ private:
+  void LoadRefs() {
+    FILE* f = std::fopen(refsPath_.c_str(), "rb");
+    if (f == nullptr) Fail("cannot read %s", refsPath_.c_str());
+    MessageRefs m;
+    while (std::fread(&m, sizeof m, 1, f) == 1) refs_.push_back(m);
+    std::fclose(f);
+  }
+
+  std::string refsPath_;
+  std::vector<MessageRefs> refs_;
+};
+
+class SflLog : public BlockLog {
+ public:
+  SflLog() {
+    base_ = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+    item_ = sfl_CreateBlockedItem(base_, &ref_);
+  }
+  ~SflLog() override {
+    sfl_CloseItem(item_);
+    sfl_CloseFile(base_);
+  }
+
+  int64_t Append(const uint8_t* data, uint32_t size) override {
+    int32_t b = sfl_GetNewBlock(item_, static_cast<int32_t>(size), 1, data);
+    if (b < 0) Fail("no block placed");
+    return b;
+  }
+  uint32_t Read(int64_t id, uint8_t* buf, uint32_t size) override {
+    return sfl_ReadBlockedData(item_, static_cast<uint32_t>(id), size, buf);
+  }
+  void Free(int64_t id) override { sfl_FreeBlock(item_, static_cast<uint32_t>(id), 0); }
+  int64_t OwnCallCount() override { return SflCallCount(); }
+
+ private:
+  int32_t base_ = -1;
+  int32_t item_ = -1;
+  sfl_ItemRef ref_{};
+};
+
+}  // namespace
+
+void PrepareSfl(const std::string& dir, Durability d) {
+  MakeDirs(dir + "/store");
+  MakeDirs(dir + "/run");
+  setenv("SFL_STORE_ROOT", (dir + "/store").c_str(), 1);
+  setenv("SFL_RUN_DIR", (dir + "/run").c_str(), 1);
+  if (std::getenv("SFL_LOG_FILE") == nullptr) setenv("SFL_LOG_FILE", (dir + "/sfl.log").c_str(), 1);
+  unsetenv("SFL_ALL_ASYNC_IO");
+  unsetenv("SFL_ALL_SYNC_IO");
+  setenv(d == Durability::Sync ? "SFL_ALL_SYNC_IO" : "SFL_ALL_ASYNC_IO", "1", 1);
+}
+
+std::unique_ptr<MessageStore> NewSflStore(const std::string& dir, Durability d, bool create) {
+  PrepareSfl(dir, d);
+  return std::make_unique<SflStore>(dir, create);
+}
+
+std::unique_ptr<BlockLog> NewSflLog(const std::string& dir, Durability d) {
+  PrepareSfl(dir, d);
+  return std::make_unique<SflLog>();
+}
+
+}  // namespace bench

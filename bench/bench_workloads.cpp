@@ -1,0 +1,253 @@
+// The workloads, run in the child process the driver started: W1 (message
+// store), W2 (blocked log), W3 (many readers over a W1 store), plus the
+// store build W3 reads and an idle run used as the system-call baseline.
+// Every read is verified against the payload it should return.
+#include <algorithm>
+#include <cerrno>
+#include <numeric>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "bench.h"
+
+namespace bench {
+namespace {
+
+std::unique_ptr<MessageStore> OpenStore(const std::string& system, const std::string& dir,
+                                        Durability d, bool create) {
+  if (system == "sfl") return NewSflStore(dir, d, create);
+  if (system == "files") return NewFilesStore(dir, d, create);
+  if (system == "sqlite") return NewSqliteStore(dir, d, create);
+  Fail("unknown system %s", system.c_str());
+}
+
+std::unique_ptr<BlockLog> OpenLog(const std::string& system, const std::string& dir, Durability d) {
+  if (system == "sfl") return NewSflLog(dir, d);
+  if (system == "sqlite") return NewSqliteLog(dir, d);
+  Fail("system %s has no blocked log", system.c_str());
+}
+
+// Part buffers holding the pattern; only the stamps change per message.
+struct PartBuffers {
+  std::vector<std::vector<uint8_t>> data;
+  const uint8_t* ptrs[kPartsPerMessage];
+  uint8_t* out[kPartsPerMessage];
+  PartBuffers() : data(kPartsPerMessage) {
+    for (int p = 0; p < kPartsPerMessage; ++p) {
+      data[p].resize(kPartSizes[p]);
+      FillPayload(data[p].data(), kPartSizes[p], 0, p);
+      ptrs[p] = data[p].data();
+      out[p] = data[p].data();
+    }
+  }
+  void Stamp(int msg) {
+    for (int p = 0; p < kPartsPerMessage; ++p) StampPayload(data[p].data(), kPartSizes[p], msg, p);
+  }
+};
+
+void StoreAll(MessageStore& store, int messages, PartBuffers& bufs) {
+  for (int m = 0; m < messages; ++m) {
+    bufs.Stamp(m);
+    store.Store(m, bufs.ptrs);
+  }
+}
+
+Figures RunW1(const std::string& system, Durability d, const std::string& dir, const Sizes& s) {
+  auto store = OpenStore(system, dir, d, true);
+  PartBuffers in;
+  PartBuffers out;
+  std::vector<int> order(s.messages);
+  std::iota(order.begin(), order.end(), 0);
+  Rng rng(7);
+  for (int i = s.messages - 1; i > 0; --i) std::swap(order[i], order[rng.Below(i + 1)]);
+
+  Figures f;
+  int64_t calls0 = store->OwnCallCount();
+  double t0 = Now();
+  StoreAll(*store, s.messages, in);
+  double t1 = Now();
+  f["disk_after_store"] = static_cast<double>(DiskBytes(dir));
+  double t2 = Now();
+  for (int m : order) {
+    store->Read(m, out.out);
+    for (int p = 0; p < kPartsPerMessage; ++p) {
+      if (!CheckPayload(out.data[p].data(), kPartSizes[p], m, p)) Fail("message %d part %d differs", m, p);
+    }
+  }
+  double t3 = Now();
+  int deleted = 0;
+  for (int m = 0; m < s.messages; m += 2, ++deleted) store->Delete(m);
+  double t4 = Now();
+  int64_t calls1 = store->OwnCallCount();
+  store.reset();
+  f["disk_end"] = static_cast<double>(DiskBytes(dir));
+
+  double per = static_cast<double>(PayloadBytesPerMessage());
+  f["t_store"] = t1 - t0;
+  f["t_read"] = t3 - t2;
+  f["t_delete"] = t4 - t3;
+  f["seconds"] = (t1 - t0) + (t4 - t2);
+  f["ops"] = static_cast<double>(kPartsPerMessage) * (2.0 * s.messages + deleted);
+  f["payload_after_store"] = per * s.messages;
+  f["payload_end"] = per * (s.messages - deleted);
+  if (calls0 >= 0) f["own_calls"] = static_cast<double>(calls1 - calls0);
+  return f;
+}
+
+Figures RunW3Build(const std::string& system, Durability d, const std::string& dir, const Sizes& s) {
+  auto store = OpenStore(system, dir, d, true);
+  PartBuffers in;
+  double t0 = Now();
+  StoreAll(*store, s.messages, in);
+  store->Finish();
+  Figures f;
+  f["seconds"] = Now() - t0;
+  f["ops"] = static_cast<double>(s.messages) * kPartsPerMessage;
+  return f;
+}
+
+// Readers start together on a pipe and each reads random parts; each sends
+// back its own system-call count.
+Figures RunW3(const std::string& system, Durability d, const std::string& dir, const Sizes& s) {
+  int start[2];
+  int results[2];
+  if (pipe(start) != 0 || pipe(results) != 0) Fail("pipe");
+  std::vector<pid_t> pids;
+  for (int r = 0; r < s.readers; ++r) {
+    pid_t pid = fork();
+    if (pid < 0) Fail("fork");
+    if (pid == 0) {
+      close(start[1]);
+      close(results[0]);
+      int rc = 0;
+      int64_t calls = -1;
+      {
+        auto store = OpenStore(system, dir, d, false);
+        std::vector<uint8_t> buf(kPartSizes[kPartsPerMessage - 1]);
+        char go;
+        if (read(start[0], &go, 1) < 0) _exit(4);
+        int64_t calls0 = store->OwnCallCount();
+        Rng rng(100 + r);
+        for (int k = 0; k < s.readsPerReader; ++k) {
+          int m = static_cast<int>(rng.Below(s.messages));
+          int p = static_cast<int>(rng.Below(kPartsPerMessage));
+          uint32_t n = store->ReadPart(m, p, buf.data());
+          if (n != kPartSizes[p] || !CheckPayload(buf.data(), n, m, p)) {
+            rc = 3;
+            break;
+          }
+        }
+        if (calls0 >= 0) calls = store->OwnCallCount() - calls0;
+      }
+      if (write(results[1], &calls, sizeof calls) != sizeof calls) rc = 4;
+      _exit(rc);
+    }
+    pids.push_back(pid);
+  }
+  close(start[0]);
+  close(results[1]);
+  usleep(200000);  // let every reader finish opening before the clock starts
+  double t0 = Now();
+  close(start[1]);
+  int failed = 0;
+  for (pid_t pid : pids) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++failed;
+  }
+  double t1 = Now();
+  int64_t calls = 0;
+  bool known = true;
+  for (int r = 0; r < s.readers; ++r) {
+    int64_t c = -1;
+    if (read(results[0], &c, sizeof c) != sizeof c || c < 0) known = false;
+    calls += c;
+  }
+  close(results[0]);
+  if (failed != 0) Fail("%d reader(s) failed or read wrong data", failed);
+  Figures f;
+  f["seconds"] = t1 - t0;
+  f["ops"] = static_cast<double>(s.readers) * s.readsPerReader;
+  if (known) f["own_calls"] = static_cast<double>(calls);
+  return f;
+}
+
+Figures RunW2(const std::string& system, Durability d, const std::string& dir, const Sizes& s) {
+  auto log = OpenLog(system, dir, d);
+  std::vector<uint8_t> buf(kMaxBlock);
+  std::vector<int64_t> ids(s.blocks);
+  Figures f;
+  int64_t calls0 = log->OwnCallCount();
+  double payload = 0;
+  double t0 = Now();
+  for (int i = 0; i < s.blocks; ++i) {
+    uint32_t size = BlockSize(i);
+    FillPayload(buf.data(), size, i, 0xB10C);
+    ids[i] = log->Append(buf.data(), size);
+    payload += size;
+  }
+  double t1 = Now();
+  f["disk_after_store"] = static_cast<double>(DiskBytes(dir));
+  double t2 = Now();
+  Rng rng(11);
+  for (int k = 0; k < s.blocks; ++k) {
+    uint32_t i = rng.Below(s.blocks);
+    uint32_t size = BlockSize(i);
+    uint32_t n = log->Read(ids[i], buf.data(), size);
+    if (n != size || !CheckPayload(buf.data(), size, i, 0xB10C)) Fail("block %u differs", i);
+  }
+  double t3 = Now();
+  std::vector<uint32_t> order(s.blocks);
+  std::iota(order.begin(), order.end(), 0u);
+  int frees = s.blocks / 10;
+  double freed = 0;
+  for (int k = 0; k < frees; ++k) {
+    std::swap(order[k], order[k + rng.Below(s.blocks - k)]);
+    log->Free(ids[order[k]]);
+    freed += BlockSize(order[k]);
+  }
+  double t4 = Now();
+  int64_t calls1 = log->OwnCallCount();
+  log.reset();
+  f["disk_end"] = static_cast<double>(DiskBytes(dir));
+  f["t_store"] = t1 - t0;
+  f["t_read"] = t3 - t2;
+  f["t_delete"] = t4 - t3;
+  f["seconds"] = (t1 - t0) + (t4 - t2);
+  f["ops"] = 2.0 * s.blocks + frees;
+  f["payload_after_store"] = payload;
+  f["payload_end"] = payload - freed;
+  if (calls0 >= 0) f["own_calls"] = static_cast<double>(calls1 - calls0);
+  return f;
+}
+
+// Opens and closes the system without a workload: the start-up cost the
+// system-call counts are corrected by.
+Figures RunIdle(const std::string& system, Durability d, const std::string& dir, bool create) {
+  if (system == "sfl" && create) {
+    PrepareSfl(dir, d);
+  } else {
+    auto store = OpenStore(system, dir, d, create);
+  }
+  Figures f;
+  f["seconds"] = 0;
+  f["ops"] = 0;
+  return f;
+}
+
+}  // namespace
+
+Figures RunWorkload(const std::string& workload, const std::string& system, Durability d,
+                    const std::string& dir, const Sizes& sizes) {
+  MakeDirs(dir);
+  if (workload == "W1") return RunW1(system, d, dir, sizes);
+  if (workload == "W2") return RunW2(system, d, dir, sizes);
+  if (workload == "W3build") return RunW3Build(system, d, dir, sizes);
+  if (workload == "W3") return RunW3(system, d, dir, sizes);
+  if (workload == "idle") return RunIdle(system, d, dir, true);
+  if (workload == "idleread") return RunIdle(system, d, dir, false);
+  Fail("unknown workload %s", workload.c_str());
+}
+
+}  // namespace bench
