@@ -1,1 +1,97 @@
-int main() { return 0; }  // (placeholder: the interest service lands next)
+// sfl-monitor: the interest service as a program. Parses the options and
+// runs the serving code of the ml_ library, in the foreground (for a
+// service manager) or detached (returning once the service is published).
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "ml.h"
+
+namespace {
+
+void usage(std::FILE* out) {
+  std::fprintf(out,
+               "usage: sfl-monitor [options]\n"
+               "Serves interest records to sfl processes over System V message queues.\n"
+               "\n"
+               "  --help               show this text and exit\n"
+               "  --foreground         run in this process (for a service manager);\n"
+               "                       otherwise detach and return once serving\n"
+               "  --run-dir DIR        where to publish the state (default: SFL_RUN_DIR,\n"
+               "                       else $XDG_RUNTIME_DIR/sfl, else /tmp/sfl-run-<uid>)\n"
+               "  --pairs N            queue pairs, one serving process each (1-4, default 1)\n"
+               "  --idle-seconds N     stop after N seconds idle with no interest held\n"
+               "                       (default 0: never)\n"
+               "  --max-entries N      interest entries kept per serving process\n"
+               "                       (default 100000; records beyond it are refused)\n"
+               "  --group G            make queues and state accessible to group G\n"
+               "\n"
+               "SIGTERM or SIGINT stops the service; it removes its queues and state.\n");
+}
+
+bool number(const char* text, long lo, long hi, long* out) {
+  if (text == nullptr || *text == '\0') return false;
+  char* end = nullptr;
+  long n = std::strtol(text, &end, 10);
+  if (*end != '\0' || n < lo || n > hi) return false;
+  *out = n;
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ml_ServiceOptions opts;
+  opts.RunDir = ml_RunDir();
+  bool foreground = false;
+  for (int i = 1; i < argc; ++i) {
+    const char* a = argv[i];
+    const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
+    long n = 0;
+    if (std::strcmp(a, "--help") == 0) {
+      usage(stdout);
+      return 0;
+    } else if (std::strcmp(a, "--foreground") == 0) {
+      foreground = true;
+    } else if (std::strcmp(a, "--run-dir") == 0 && v != nullptr && *v != '\0') {
+      opts.RunDir = v;
+      ++i;
+    } else if (std::strcmp(a, "--pairs") == 0 && number(v, 1, ML_MAX_PAIRS, &n)) {
+      opts.Pairs = static_cast<int>(n);
+      ++i;
+    } else if (std::strcmp(a, "--idle-seconds") == 0 && number(v, 0, 86400L * 365, &n)) {
+      opts.IdleSeconds = static_cast<int>(n);
+      ++i;
+    } else if (std::strcmp(a, "--max-entries") == 0 && number(v, 1, 100000000, &n)) {
+      opts.MaxEntries = static_cast<size_t>(n);
+      ++i;
+    } else if (std::strcmp(a, "--group") == 0 && v != nullptr) {
+      opts.Gid = ml_ResolveGroup(v);
+      if (opts.Gid < 0) {
+        std::fprintf(stderr, "sfl-monitor: unknown group %s\n", v);
+        return 2;
+      }
+      ++i;
+    } else {
+      std::fprintf(stderr, "sfl-monitor: bad option or value: %s\n", a);
+      usage(stderr);
+      return 2;
+    }
+  }
+  ml_State running;
+  if (ml_ReadState(opts.RunDir, &running) && ml_ServiceAlive(opts.RunDir, running)) {
+    std::fprintf(stderr, "sfl-monitor: already serving %s (main process %d)\n", opts.RunDir.c_str(),
+                 running.MainPid);
+    return 1;
+  }
+  if (foreground) return ml_RunService(opts);
+  if (ml_StartDetached(opts) != 0) {
+    std::fprintf(stderr, "sfl-monitor: the service did not come up (see %s)\n",
+                 ml_LogPath(opts.RunDir).c_str());
+    return 1;
+  }
+  ml_State st;
+  if (ml_ReadState(opts.RunDir, &st)) std::printf("sfl-monitor: serving, main process %d\n", st.MainPid);
+  return 0;
+}

@@ -1,1 +1,317 @@
-// (placeholder: implemented by its owner)
+// ml_: the run directory, the published state file, the service lock, and
+// the subsystem calls the interest client makes (ml_OpenCfgFile and friends).
+#include "ml.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <sstream>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "cust.h"
+#include "os.h"
+
+namespace {
+
+constexpr const char* kStateMagic = "sfl-monitor-state";
+constexpr int kStateVersion = 1;
+
+// The configuration as opened by ml_OpenCfgFile: the state read at open.
+struct Cfg {
+  bool open = false;
+  bool loaded = false;
+  std::string runDir;
+  ml_State state;
+};
+Cfg g_cfg;
+
+bool readFile(const std::string& path, std::string* out) {
+  int fd = os_open(path.c_str(), O_RDONLY);
+  if (fd < 0) return false;
+  out->clear();
+  char buf[1024];
+  ssize_t n;
+  bool ok = true;
+  while ((n = os_read(fd, buf, sizeof buf)) != 0) {
+    if (n < 0 || out->size() > (1u << 20)) {
+      ok = false;
+      break;
+    }
+    out->append(buf, static_cast<size_t>(n));
+  }
+  os_close(fd);
+  return ok;
+}
+
+// The state the subsystem calls answer from: the one read at open while the
+// configuration is open, else a fresh read.
+bool currentState(ml_State* out, std::string* runDir) {
+  if (g_cfg.open) {
+    *runDir = g_cfg.runDir;
+    if (!g_cfg.loaded) return false;
+    *out = g_cfg.state;
+    return true;
+  }
+  *runDir = ml_RunDir();
+  return ml_ReadState(*runDir, out);
+}
+
+void reloadIfOpen() {
+  if (!g_cfg.open) return;
+  g_cfg.loaded = ml_ReadState(g_cfg.runDir, &g_cfg.state);
+}
+
+}  // namespace
+
+// ---- run directory -----------------------------------------------------------------------
+
+std::string ml_RunDir() {
+  if (const char* v = cust_GetCustomiseInfo("SFL_RUN_DIR"); v != nullptr && *v != '\0') return v;
+  if (const char* x = std::getenv("XDG_RUNTIME_DIR"); x != nullptr && *x != '\0')
+    return std::string(x) + "/sfl";
+  return "/tmp/sfl-run-" + std::to_string(static_cast<unsigned>(os_getuid()));
+}
+
+std::string ml_StatePath(const std::string& runDir) { return runDir + "/sfl-monitor.state"; }
+std::string ml_LockPath(const std::string& runDir) { return runDir + "/sfl-monitor.lock"; }
+std::string ml_StartLockPath(const std::string& runDir) { return runDir + "/sfl-monitor.start"; }
+std::string ml_LogPath(const std::string& runDir) { return runDir + "/sfl-monitor.log"; }
+
+int ml_PrepareRunDir(const std::string& runDir, mode_t mode) {
+  if (runDir.empty()) {
+    errno = EINVAL;
+    return -1;
+  }
+  if (os_mkdir(runDir.c_str(), mode) != 0 && errno != EEXIST) return -1;
+  struct stat st;
+  if (os_stat(runDir.c_str(), &st) != 0) return -1;
+  if (!S_ISDIR(st.st_mode)) {
+    errno = ENOTDIR;
+    return -1;
+  }
+  // A directory in a shared place must be ours: another user could
+  // otherwise plant a state file naming queues of their choosing.
+  if (runDir.rfind("/tmp/", 0) == 0 && st.st_uid != os_getuid()) {
+    errno = EPERM;
+    return -1;
+  }
+  return 0;
+}
+
+// ---- the state file ---------------------------------------------------------------------
+
+std::string ml_FormatState(const ml_State& st) {
+  std::ostringstream o;
+  o << kStateMagic << ' ' << kStateVersion << '\n';
+  o << "subsystem " << st.Subsystem << '\n';
+  o << "state " << st.State << '\n';
+  o << "main " << st.MainPid << '\n';
+  o << "additional " << st.Additional.size();
+  for (int32_t p : st.Additional) o << ' ' << p;
+  o << '\n';
+  o << "context " << st.Context.size();
+  for (int32_t c : st.Context) o << ' ' << c;
+  o << '\n';
+  o << "end\n";
+  return o.str();
+}
+
+bool ml_ParseState(const std::string& text, ml_State* out) {
+  std::istringstream in(text);
+  std::string word;
+  int version = 0;
+  if (!(in >> word >> version) || word != kStateMagic || version != kStateVersion) return false;
+  ml_State st;
+  bool sawMain = false, sawState = false, sawEnd = false;
+  while (in >> word) {
+    if (word == "subsystem") {
+      if (!(in >> st.Subsystem)) return false;
+    } else if (word == "state") {
+      if (!(in >> st.State)) return false;
+      sawState = true;
+    } else if (word == "main") {
+      if (!(in >> st.MainPid)) return false;
+      sawMain = true;
+    } else if (word == "additional" || word == "context") {
+      long n = 0;
+      if (!(in >> n) || n < 0 || n > 4096) return false;
+      std::vector<int32_t>& v = word == "additional" ? st.Additional : st.Context;
+      v.resize(static_cast<size_t>(n));
+      for (int32_t& x : v)
+        if (!(in >> x)) return false;
+    } else if (word == "end") {
+      sawEnd = true;
+      break;
+    } else {
+      return false;
+    }
+  }
+  if (!sawMain || !sawState || !sawEnd) return false;
+  *out = std::move(st);
+  return true;
+}
+
+bool ml_ReadState(const std::string& runDir, ml_State* out) {
+  std::string text;
+  if (!readFile(ml_StatePath(runDir), &text)) return false;
+  return ml_ParseState(text, out);
+}
+
+int ml_PublishState(const std::string& runDir, const ml_State& st, mode_t mode) {
+  const std::string path = ml_StatePath(runDir);
+  const std::string tmp = path + "." + std::to_string(os_getpid()) + ".tmp";
+  const std::string text = ml_FormatState(st);
+  int fd = os_open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
+  if (fd < 0) return -1;
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t n = os_write(fd, text.data() + done, text.size() - done);
+    if (n <= 0) {
+      os_close(fd);
+      os_unlink(tmp.c_str());
+      return -1;
+    }
+    done += static_cast<size_t>(n);
+  }
+  if (os_close(fd) != 0 || os_rename(tmp.c_str(), path.c_str()) != 0) {
+    os_unlink(tmp.c_str());
+    return -1;
+  }
+  return 0;
+}
+
+// ---- the service lock -------------------------------------------------------------------
+
+int ml_ClaimServiceLock(const std::string& runDir) {
+  int fd = os_open(ml_LockPath(runDir).c_str(), O_RDWR | O_CREAT, 0600);
+  if (fd < 0) return -1;
+  if (os_flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    os_close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+bool ml_ServiceLockHeld(const std::string& runDir) {
+  int fd = os_open(ml_LockPath(runDir).c_str(), O_RDONLY);
+  if (fd < 0) return false;  // no lock file: no service ever ran here
+  bool held = false;
+  if (os_flock(fd, LOCK_SH | LOCK_NB) == 0) {
+    os_flock(fd, LOCK_UN);
+  } else {
+    held = errno == EWOULDBLOCK;
+  }
+  os_close(fd);
+  return held;
+}
+
+bool ml_ServiceAlive(const std::string& runDir, const ml_State& st) {
+  if (st.State != ML_STATE_RUNNING && st.State != ML_STATE_STARTING) return false;
+  return ml_CheckPid(st.MainPid) == 1 && ml_ServiceLockHeld(runDir);
+}
+
+// ---- subsystem calls ---------------------------------------------------------------------
+
+int ml_OpenCfgFile(int mode) {
+  (void)mode;  // the state file is only ever read
+  if (g_cfg.open) return 1;
+  g_cfg.open = true;
+  g_cfg.runDir = ml_RunDir();
+  g_cfg.loaded = ml_ReadState(g_cfg.runDir, &g_cfg.state);
+  return 0;
+}
+
+void ml_CloseCfgFile() {
+  g_cfg = Cfg{};
+}
+
+int ml_GetSSState(int subsystem) {
+  ml_State st;
+  std::string runDir;
+  bool have = currentState(&st, &runDir);
+  if (have && st.Subsystem == subsystem && ml_ServiceAlive(runDir, st)) return st.State;
+  if (subsystem != ML_SUBSYSTEM_MONITOR || !ml_AutoStartEnabled()) return ML_STATE_DOWN;
+  ml_ServiceOptions opts = ml_OnDemandOptions();
+  opts.RunDir = runDir;
+  if (ml_EnsureService(opts) != 0) return ML_STATE_DOWN;
+  reloadIfOpen();
+  if (!currentState(&st, &runDir) || st.Subsystem != subsystem || !ml_ServiceAlive(runDir, st))
+    return ML_STATE_DOWN;
+  return st.State;
+}
+
+void ml_GetSubSystemDetails(int subsystem, ml_SubSystemDetails* out) {
+  *out = ml_SubSystemDetails{};
+  ml_State st;
+  std::string runDir;
+  if (!currentState(&st, &runDir) || st.Subsystem != subsystem) return;
+  out->MainPid = st.MainPid;
+  size_t n = st.Additional.size();
+  out->AdditionalCount = static_cast<int16_t>(n > 32767 ? 32767 : n);
+  for (size_t i = 0; i < n && i < ML_MAX_ADDITIONAL; ++i) out->AdditionalPids[i] = st.Additional[i];
+}
+
+int32_t ml_ReadContext(int subsystem, int16_t index) {
+  ml_State st;
+  std::string runDir;
+  if (!currentState(&st, &runDir) || st.Subsystem != subsystem) return -1;
+  if (index < 0 || static_cast<size_t>(index) >= st.Context.size()) return -1;
+  return st.Context[static_cast<size_t>(index)];
+}
+
+int ml_CheckPid(int32_t pid) {
+  if (pid <= 0) return 0;
+  if (os_kill(pid, 0) == 0) return 1;
+  return errno == EPERM ? 1 : 0;  // exists, but belongs to another user
+}
+
+// ---- configuration of on-demand starts --------------------------------------------------
+
+bool ml_AutoStartEnabled() {
+  const char* v = cust_GetCustomiseInfo("SFL_MONITOR_AUTOSTART");
+  return v == nullptr || std::strcmp(v, "0") != 0;
+}
+
+namespace {
+int keyInt(const char* key, int fallback, int lo, int hi) {
+  const char* v = cust_GetCustomiseInfo(key);
+  if (v == nullptr || *v == '\0') return fallback;
+  char* end = nullptr;
+  long n = std::strtol(v, &end, 10);
+  if (*end != '\0' || n < lo || n > hi) return fallback;
+  return static_cast<int>(n);
+}
+}  // namespace
+
+ml_ServiceOptions ml_OnDemandOptions() {
+  ml_ServiceOptions o;
+  o.RunDir = ml_RunDir();
+  o.Pairs = keyInt("SFL_MONITOR_PAIRS", 1, 1, ML_MAX_PAIRS);
+  o.IdleSeconds = keyInt("SFL_MONITOR_IDLE_SECONDS", 30, 1, 86400 * 365);
+  o.MaxEntries = static_cast<size_t>(keyInt("SFL_MONITOR_MAX_ENTRIES", 100000, 1, 100000000));
+  if (const char* g = cust_GetCustomiseInfo("SFL_MONITOR_GROUP"); g != nullptr && *g != '\0')
+    o.Gid = ml_ResolveGroup(g);
+  return o;
+}
+
+int ml_ResolveGroup(const char* text) {
+  if (text == nullptr || *text == '\0') return -1;
+  char* end = nullptr;
+  long n = std::strtol(text, &end, 10);
+  if (*end == '\0') return n >= 0 && n < 0x7fffffff ? static_cast<int>(n) : -1;
+  std::string groups;
+  if (!readFile("/etc/group", &groups)) return -1;
+  std::istringstream in(groups);
+  std::string line;
+  while (std::getline(in, line)) {
+    // name:password:gid:members
+    size_t a = line.find(':');
+    if (a == std::string::npos || line.compare(0, a, text) != 0 || a != std::strlen(text)) continue;
+    size_t b = line.find(':', a + 1);
+    if (b == std::string::npos) return -1;
+    return std::atoi(line.c_str() + b + 1);
+  }
+  return -1;
+}

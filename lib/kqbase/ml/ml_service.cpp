@@ -1,0 +1,452 @@
+// ml_: the interest service. The main process creates one to four pairs of
+// System V queues (request, reply), serves pair 0 itself and forks one
+// additional process per further pair, plus a ticker process that puts a
+// tick message on every request queue four times a second: the serving
+// processes block in msgrcv and the ticks are what wake them for their
+// periodic work (sweeping dead processes, idle and stop checks).
+//
+// Requests are read with a buffer of the largest message size and
+// MSG_NOERROR, and anything whose type and length are not exactly those of a
+// request is dropped. Replies are sent without waiting; a full reply queue is
+// first purged of older replies for the same requester (a client waits for
+// one reply at a time, so earlier ones are stale), then of replies to
+// processes that have died; if it is still full the reply is dropped, so a
+// client that never reads its replies cannot stall the service.
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fcntl.h>
+#include <new>
+#include <string>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/msg.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unordered_set>
+#include <unistd.h>
+#include <vector>
+
+#include "er.h"
+#include "ml.h"
+#include "ml_interest.h"
+#include "os.h"
+#include "sfl_coding.h"
+
+namespace {
+
+constexpr size_t kMaxText = 8192;        // largest message the kernel takes by default
+constexpr int kTickMs = 250;             // ticker period
+constexpr int kSweepMs = 2000;           // sweep of dead processes
+constexpr size_t kMaxRequesters = 4096;  // requesters remembered between sweeps
+
+volatile std::sig_atomic_t g_stop = 0;
+extern "C" void onStopSignal(int) { g_stop = 1; }
+
+int64_t nowMs() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+// The service's log: standard error, which a detached service has on the
+// run directory's log file.
+void logLine(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+void logLine(const char* fmt, ...) {
+  char text[512];
+  va_list ap;
+  va_start(ap, fmt);
+  std::vsnprintf(text, sizeof text, fmt, ap);
+  va_end(ap);
+  char stamp[32];
+  std::time_t t = std::time(nullptr);
+  std::tm tmv;
+  gmtime_r(&t, &tmv);
+  std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &tmv);
+  char line[640];
+  int n = std::snprintf(line, sizeof line, "%s sfl-monitor[%d] %s\n", stamp,
+                        static_cast<int>(os_getpid()), text);
+  if (n > 0) os_write(2, line, static_cast<size_t>(n) < sizeof line ? static_cast<size_t>(n) : sizeof line - 1);
+}
+
+bool pidAlive(int32_t pid) { return ml_CheckPid(pid) == 1; }
+
+// Shared between the serving processes (an anonymous shared mapping made
+// before the forks): what the main process needs for its idle decision.
+struct PairStats {
+  std::atomic<int64_t> entries{0};
+  std::atomic<int64_t> lastActivityMs{0};
+};
+struct Shared {
+  PairStats pairs[ML_MAX_PAIRS];
+};
+
+struct Server {
+  int pair = 0;
+  int requestQueue = -1;
+  int replyQueue = -1;
+  Shared* shared = nullptr;
+  ml_InterestTable table;
+  std::unordered_set<int32_t> requesters;  // answered since the last sweep
+  int64_t nextSweepMs = 0;
+  uint64_t malformed = 0;
+  uint64_t dropped = 0;
+
+  explicit Server(size_t maxEntries) : table(maxEntries, pidAlive) {}
+};
+
+// Removes every reply waiting for `pid`.
+void purgeRepliesFor(int queue, int32_t pid) {
+  uint8_t buf[4 + kMaxText];
+  try {
+    for (int i = 0; i < 100000; ++i) os_msgrcv(queue, buf, kMaxText, pid, IPC_NOWAIT | MSG_NOERROR);
+  } catch (const er_Escape&) {
+    er_Clear();  // ENOMSG: none left
+  }
+}
+
+// Walks the reply queue once, keeping the replies of live processes (sent
+// again at the back) and dropping those of dead ones.
+void compactReplies(int queue) {
+  struct msqid_ds ds;
+  if (os_msgctl(queue, IPC_STAT, &ds) != 0) return;
+  uint8_t buf[4 + kMaxText];
+  for (msgqnum_t i = 0; i < ds.msg_qnum; ++i) {
+    ssize_t n;
+    try {
+      n = os_msgrcv(queue, buf, kMaxText, 0, IPC_NOWAIT | MSG_NOERROR);
+    } catch (const er_Escape&) {
+      er_Clear();
+      return;
+    }
+    int32_t pid = static_cast<int32_t>(sfl_GetU32(buf));
+    if (pidAlive(pid)) os_msgsnd(queue, buf, static_cast<size_t>(n), IPC_NOWAIT);
+  }
+}
+
+void sendReply(Server& s, int32_t pid, const uint8_t* text, size_t len) {
+  uint8_t msg[4 + 16] = {};
+  sfl_PutU32(msg, static_cast<uint32_t>(pid));
+  std::memcpy(msg + 4, text, len);
+  for (int attempt = 0; attempt < 3; ++attempt) {
+    if (os_msgsnd(s.replyQueue, msg, len, IPC_NOWAIT) == 0) return;
+    if (errno == EINTR) continue;
+    if (errno != EAGAIN) break;
+    if (attempt == 0) purgeRepliesFor(s.replyQueue, pid);
+    if (attempt == 1) compactReplies(s.replyQueue);
+  }
+  if (s.dropped++ % 1000 == 0)
+    logLine("pair %d: reply to pid %d dropped (%s); %llu so far", s.pair, pid, std::strerror(errno),
+            static_cast<unsigned long long>(s.dropped));
+}
+
+void noteMalformed(Server& s, int32_t type, ssize_t len) {
+  if (s.malformed++ % 1000 == 0)
+    logLine("pair %d: malformed message dropped (type %d, length %zd); %llu so far", s.pair, type,
+            len, static_cast<unsigned long long>(s.malformed));
+}
+
+void handle(Server& s, const uint8_t* msg, ssize_t len) {
+  const int32_t type = static_cast<int32_t>(sfl_GetU32(msg));
+  const uint8_t* text = msg + 4;
+  if (type == ML_MSG_TICK) return;
+  ml_RefKey ref;
+  uint8_t reply[16] = {};
+  int32_t pid = 0;
+  ml_Answer a;
+  size_t replyLen = 0;
+  switch (type) {
+    case ML_MSG_RECORD:
+      if (len != ML_RECORD_LEN) break;
+      pid = static_cast<int32_t>(sfl_GetU32(text + 16));
+      if (pid <= 0) break;
+      std::memcpy(ref.data(), text, 16);
+      a = s.table.Record(ref, pid);
+      sfl_PutU32(reply, a.Token);
+      sfl_PutU32(reply + 4, a.Other);
+      sfl_PutU32(reply + 8, a.Count);
+      replyLen = ML_RECORD_REPLY_LEN;
+      break;
+    case ML_MSG_WITHDRAW:
+      if (len != ML_WITHDRAW_LEN) break;
+      pid = static_cast<int32_t>(sfl_GetU32(text + 20));
+      if (pid <= 0) break;
+      std::memcpy(ref.data(), text, 16);
+      a = s.table.Withdraw(ref, sfl_GetU32(text + 16), pid);
+      sfl_PutU32(reply, a.Count);
+      sfl_PutU32(reply + 4, a.Other);
+      replyLen = ML_WITHDRAW_REPLY_LEN;
+      break;
+    case ML_MSG_CHECK:
+      if (len != ML_CHECK_LEN) break;
+      pid = static_cast<int32_t>(sfl_GetU32(text + 16));
+      if (pid <= 0) break;
+      std::memcpy(ref.data(), text, 16);
+      a = s.table.Check(ref, pid);
+      sfl_PutU32(reply, a.Count);
+      sfl_PutU32(reply + 4, a.Other);
+      replyLen = ML_CHECK_REPLY_LEN;
+      break;
+    default:
+      break;
+  }
+  if (replyLen == 0) {
+    noteMalformed(s, type, len);
+    return;
+  }
+  sendReply(s, pid, reply, replyLen);
+  if (s.requesters.size() < kMaxRequesters) s.requesters.insert(pid);
+  PairStats& ps = s.shared->pairs[s.pair];
+  ps.entries.store(static_cast<int64_t>(s.table.Entries()));
+  ps.lastActivityMs.store(nowMs());
+}
+
+void sweep(Server& s) {
+  size_t gone = s.table.Sweep();
+  if (gone > 0) logLine("pair %d: dropped %zu interests of ended processes", s.pair, gone);
+  // Replies left for processes that have ended would only fill the queue.
+  for (int32_t pid : s.requesters)
+    if (!pidAlive(pid)) purgeRepliesFor(s.replyQueue, pid);
+  s.requesters.clear();
+  s.shared->pairs[s.pair].entries.store(static_cast<int64_t>(s.table.Entries()));
+}
+
+// Serves one pair until a stop signal, the loss of its queue, or
+// `keepGoing` (asked once per tick period) says to stop.
+template <typename KeepGoing>
+void serve(Server& s, KeepGoing keepGoing) {
+  std::vector<uint8_t> buf(4 + kMaxText);
+  int64_t nextCheck = 0;
+  int failures = 0;
+  s.nextSweepMs = nowMs() + kSweepMs;
+  while (!g_stop) {
+    ssize_t n = -1;
+    try {
+      n = os_msgrcv(s.requestQueue, buf.data(), kMaxText, 0, MSG_NOERROR);
+      failures = 0;
+    } catch (const er_Escape& e) {
+      er_Clear();
+      if (e.reason() == EIDRM || e.reason() == EINVAL) {
+        logLine("pair %d: request queue removed", s.pair);
+        return;
+      }
+      if (++failures > 100) {
+        logLine("pair %d: receive keeps failing (%s)", s.pair, std::strerror(e.reason()));
+        return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    if (n >= 0) handle(s, buf.data(), n);
+    int64_t now = nowMs();
+    if (now >= s.nextSweepMs) {
+      sweep(s);
+      s.nextSweepMs = now + kSweepMs;
+    }
+    if (now >= nextCheck) {
+      nextCheck = now + kTickMs;
+      if (!keepGoing()) return;
+    }
+  }
+}
+
+void ticker(const std::vector<int>& requestQueues, int32_t mainPid) {
+  uint8_t tick[4];
+  sfl_PutU32(tick, ML_MSG_TICK);
+  while (!g_stop && pidAlive(mainPid)) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(kTickMs));
+    for (int q : requestQueues) {
+      // A full queue needs no tick: its server is awake anyway.
+      if (os_msgsnd(q, tick, 0, IPC_NOWAIT) != 0 && (errno == EINVAL || errno == EIDRM)) return;
+    }
+  }
+}
+
+void removeQueues(const std::vector<int>& queues) {
+  for (int q : queues)
+    if (q >= 0) os_msgctl(q, IPC_RMID, nullptr);
+}
+
+int makeQueue(int gid) {
+  int q = os_msgget(IPC_PRIVATE, IPC_CREAT | IPC_EXCL | (gid >= 0 ? 0660 : 0600));
+  if (q < 0 || gid < 0) return q;
+  struct msqid_ds ds;
+  if (os_msgctl(q, IPC_STAT, &ds) == 0) {
+    ds.msg_perm.gid = static_cast<gid_t>(gid);
+    if (os_msgctl(q, IPC_SET, &ds) != 0) logLine("cannot give the queues to group %d", gid);
+  }
+  return q;
+}
+
+// Stops a child: SIGTERM, then SIGKILL if it has not gone within 2 s.
+void stopChild(pid_t pid) {
+  if (pid <= 0) return;
+  os_kill(pid, SIGTERM);
+  int status = 0;
+  for (int i = 0; i < 200; ++i) {
+    if (os_waitpid(pid, &status, WNOHANG) != 0) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  os_kill(pid, SIGKILL);
+  os_waitpid(pid, &status, 0);
+}
+
+}  // namespace
+
+int ml_RunService(const ml_ServiceOptions& opts) {
+  g_stop = 0;
+  std::signal(SIGTERM, onStopSignal);
+  std::signal(SIGINT, onStopSignal);
+  const std::string& dir = opts.RunDir;
+  const int pairs = opts.Pairs < 1 ? 1 : (opts.Pairs > ML_MAX_PAIRS ? ML_MAX_PAIRS : opts.Pairs);
+  if (ml_PrepareRunDir(dir, opts.Gid >= 0 ? 0750 : 0700) != 0) {
+    logLine("run directory %s unusable: %s", dir.c_str(), std::strerror(errno));
+    return 1;
+  }
+
+  // The lock says who serves this run directory. One that is shutting down
+  // still holds it for a moment, so wait a little before giving up.
+  int lockFd = -1;
+  for (int i = 0; i < 100 && lockFd < 0 && !g_stop; ++i) {
+    lockFd = ml_ClaimServiceLock(dir);
+    if (lockFd < 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  if (lockFd < 0) {
+    logLine("another service holds %s", ml_LockPath(dir).c_str());
+    return 1;
+  }
+
+  // A state file left by a service that died without cleaning up names its
+  // queues: remove them.
+  ml_State stale;
+  if (ml_ReadState(dir, &stale)) {
+    removeQueues(stale.Context);
+    os_unlink(ml_StatePath(dir).c_str());
+  }
+
+  std::vector<int> queues;
+  for (int i = 0; i < 2 * pairs; ++i) {
+    int q = makeQueue(opts.Gid);
+    if (q < 0) {
+      logLine("cannot create a message queue: %s", std::strerror(errno));
+      removeQueues(queues);
+      os_close(lockFd);
+      return 1;
+    }
+    queues.push_back(q);
+  }
+  std::vector<int> requestQueues;
+  for (int i = 0; i < pairs; ++i) requestQueues.push_back(queues[2 * i]);
+
+  void* mem = os_mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  if (mem == MAP_FAILED) {
+    logLine("cannot map shared statistics: %s", std::strerror(errno));
+    removeQueues(queues);
+    os_close(lockFd);
+    return 1;
+  }
+  Shared* shared = new (mem) Shared;
+  const int64_t startMs = nowMs();
+  for (auto& p : shared->pairs) p.lastActivityMs.store(startMs);
+
+  const int32_t mainPid = os_getpid();
+  std::vector<pid_t> children;
+  std::vector<int32_t> additional;
+  bool forkFailed = false;
+  auto runChild = [&](auto body) -> pid_t {
+    pid_t pid = os_fork();
+    if (pid == 0) {
+      os_close(lockFd);  // only the main process holds the service's lock
+      body();
+      std::_Exit(0);
+    }
+    if (pid < 0) forkFailed = true;
+    return pid;
+  };
+  for (int i = 1; i < pairs && !forkFailed; ++i) {
+    pid_t pid = runChild([&] {
+      Server s(opts.MaxEntries);
+      s.pair = i;
+      s.requestQueue = queues[2 * i];
+      s.replyQueue = queues[2 * i + 1];
+      s.shared = shared;
+      serve(s, [&] { return pidAlive(mainPid); });
+      // The main process is gone (or we were stopped): take every queue down
+      // so that no client waits on one that nobody serves.
+      if (!pidAlive(mainPid)) removeQueues(queues);
+    });
+    if (pid > 0) {
+      children.push_back(pid);
+      additional.push_back(pid);
+    }
+  }
+  if (!forkFailed) {
+    pid_t pid = runChild([&] { ticker(requestQueues, mainPid); });
+    if (pid > 0) children.push_back(pid);
+  }
+
+  int code = 0;
+  ml_State st;
+  st.State = ML_STATE_RUNNING;
+  st.MainPid = mainPid;
+  st.Additional = additional;
+  st.Context.assign(queues.begin(), queues.end());
+  if (forkFailed) {
+    logLine("cannot fork the serving processes: %s", std::strerror(errno));
+    code = 1;
+  } else if (ml_PublishState(dir, st, opts.Gid >= 0 ? 0640 : 0600) != 0) {
+    logLine("cannot publish the state: %s", std::strerror(errno));
+    code = 1;
+  } else {
+    logLine("serving %d pair(s) in %s, idle limit %d s", pairs, dir.c_str(), opts.IdleSeconds);
+    Server s(opts.MaxEntries);
+    s.pair = 0;
+    s.requestQueue = queues[0];
+    s.replyQueue = queues[1];
+    s.shared = shared;
+    serve(s, [&] {
+      for (pid_t& c : children) {
+        int status = 0;
+        if (c > 0 && os_waitpid(c, &status, WNOHANG) == c) {
+          logLine("serving process %d ended; stopping", static_cast<int>(c));
+          c = -1;  // reaped: its pid may be reused by anyone
+          code = 1;
+          return false;
+        }
+      }
+      struct stat sb;
+      if (os_stat(dir.c_str(), &sb) != 0) {
+        logLine("run directory gone; stopping");
+        code = 1;
+        return false;
+      }
+      if (opts.IdleSeconds > 0) {
+        int64_t entries = 0, last = 0;
+        for (int i = 0; i < pairs; ++i) {
+          entries += shared->pairs[i].entries.load();
+          int64_t a = shared->pairs[i].lastActivityMs.load();
+          if (a > last) last = a;
+        }
+        if (entries == 0 && nowMs() - last >= int64_t{opts.IdleSeconds} * 1000) {
+          logLine("idle for %d s with no interest held; stopping", opts.IdleSeconds);
+          return false;
+        }
+      }
+      return true;
+    });
+  }
+
+  // Unpublish first so that no new client finds queues about to go, then
+  // take the queues down (which also wakes the other serving processes).
+  ml_State now;
+  if (ml_ReadState(dir, &now) && now.MainPid == mainPid) os_unlink(ml_StatePath(dir).c_str());
+  removeQueues(queues);
+  for (pid_t c : children) stopChild(c);
+  os_munmap(mem, sizeof(Shared));
+  logLine("stopped");
+  os_close(lockFd);
+  return code;
+}
