@@ -169,8 +169,8 @@ class Output {
 // Reads one block whole, however long it is.
 std::string ReadWholeBlock(int32_t item, uint32_t block);
 // Calls `fn` for every block of a blocked item in order, skipping freed and
-// never-written numbers. `indexDepth` is the item header's IndexDepth.
-void ForEachBlock(int32_t item, uint32_t indexDepth,
+// never-written numbers. `info` is the item's slot.
+void ForEachBlock(int32_t item, const sfl_ItemRef& ref, const sfl_ItemInfo& info,
                   const std::function<void(uint32_t, const std::string&)>& fn);
 
 }  // namespace cli

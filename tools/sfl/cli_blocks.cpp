@@ -16,17 +16,81 @@ constexpr int kOutsideIndex = 28876; // past the entries a leaf ever used, or th
 constexpr uint32_t kFanOut = 32;
 constexpr uint32_t kMaxDepth = 6;
 
+constexpr size_t kIndexSize = 384;
+constexpr uint32_t kMagic = 12345678;
+constexpr uint32_t kIndexType = 18;
+constexpr uint32_t kTableOffset = 128;
+constexpr uint32_t kItemHeaderSize = 64;
+
+// The raw 384 bytes of a blocked item's root record, read from the container
+// file. Throws Failure when they cannot be read.
+std::string ReadRootBytes(const sfl_ItemRef& ref, uint32_t offset) {
+  const std::string path = RefPath(ContainerOf(ref));
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) throw Failure{path + ": " + std::strerror(errno)};
+  std::string raw(kIndexSize, '\0');
+  ssize_t n = pread(fd, raw.data(), raw.size(), offset);
+  close(fd);
+  if (n != static_cast<ssize_t>(raw.size())) throw Failure{"cannot read the item's index root"};
+  return raw;
+}
+
+bool AllZero(const std::string& bytes) {
+  return bytes.find_first_not_of('\0') == std::string::npos;
+}
+
+void PutLe32(std::string* buf, size_t at, uint32_t v) {
+  for (int i = 0; i < 4; ++i) (*buf)[at + i] = static_cast<char>((v >> (8 * i)) & 0xff);
+}
+
+// The library lays a new blocked item's root down as 384 zero bytes, which
+// its own index check refuses on the first read, so no block could ever be
+// placed. Before appending, the tool turns such a root into an empty leaf
+// (magic, type 18, depth 0, parent = the item's header), under the item
+// header's exclusive lock that every change of the tree takes.
+void PrepareBlankRoot(const Container& c, const sfl_ItemRef& ref, int32_t handle) {
+  const sfl_ItemInfo info = c.UsedSlot(ItemNumber(ref));
+  if (info.IndexDepth != 0 || info.FileOffset == 0) return;
+  sfl_ItemRec* rec = sfl_ItemHandle2Record(handle);
+  struct Unlock {
+    sfl_ItemRec* rec;
+    int held;
+    ~Unlock() {
+      if (!held) return;
+      try {
+        sfl_UnLockItemHeader(rec);
+      } catch (const er_Escape&) {
+        er_Clear();
+      }
+    }
+  } lock{rec, sfl_LockItemHeader(rec, SFL_LOCK_EXCL)};
+  if (!AllZero(ReadRootBytes(ref, info.FileOffset))) return;
+  std::string leaf(kIndexSize, '\0');
+  PutLe32(&leaf, 0, kMagic);
+  PutLe32(&leaf, 4, kIndexType);
+  PutLe32(&leaf, 24, kTableOffset + ItemNumber(ref) * kItemHeaderSize);  // parent: the header
+  const std::string path = RefPath(ContainerOf(ref));
+  int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  if (fd < 0) throw Failure{path + ": " + std::strerror(errno)};
+  ssize_t n = pwrite(fd, leaf.data(), leaf.size(), info.FileOffset);
+  int err = errno;
+  close(fd);
+  if (n != static_cast<ssize_t>(leaf.size()))
+    throw Failure{std::string("cannot write the item's index root: ") + std::strerror(err)};
+}
+
 bool IsEscape(const er_Escape& e, int reason) {
   return e.group() == ER_GROUP_SFL && e.reason() == reason;
 }
 
 struct BlockedItem {
+  sfl_ItemRef ref;
   Container container;
   sfl_ItemInfo info;
   Item item;
 
-  explicit BlockedItem(const sfl_ItemRef& ref)
-      : container(ref), info(container.UsedSlot(ItemNumber(ref))), item(ref) {
+  explicit BlockedItem(const sfl_ItemRef& r)
+      : ref(r), container(r), info(container.UsedSlot(ItemNumber(r))), item(r) {
     if (!(info.Flags & BLOCKED_ITEM))
       throw Failure{"not a blocked item (use 'sfl get' for simple items)"};
   }
@@ -119,6 +183,7 @@ int RunAppend(const Args& a) {
   }
   Item item = Item::Adopt(handle);
   SetSubject(RefText(itemRef));
+  PrepareBlankRoot(c, itemRef, handle);
   int64_t first = -1, last = -1;
   for (const std::string& b : blocks) {
     int32_t n = sfl_GetNewBlock(handle, static_cast<int32_t>(b.size()), /*append=*/1, b.data());
@@ -143,10 +208,12 @@ int RunRead(const Args& a) {
   BlockedItem b(ref);
   Output out(a.Get("output"));
   if (range.single) {
+    if (b.info.IndexDepth == 0 && AllZero(ReadRootBytes(ref, b.info.FileOffset)))
+      throw Failure{"no block " + std::to_string(range.first) + ": the item holds no blocks yet"};
     const std::string data = ReadWholeBlock(b.item.handle(), range.first);
     out.Write(data.data(), data.size());
   } else {
-    ForEachBlock(b.item.handle(), b.info.IndexDepth, [&](uint32_t n, const std::string& data) {
+    ForEachBlock(b.item.handle(), b.ref, b.info, [&](uint32_t n, const std::string& data) {
       if (n >= range.first && n <= range.last) out.Write(data.data(), data.size());
     });
   }
@@ -159,7 +226,7 @@ int RunList(const Args& a) {
   sfl_ItemRef ref = ParseItemRef(a.positional[0]);
   BlockedItem b(ref);
   std::vector<std::pair<uint32_t, size_t>> blocks;
-  ForEachBlock(b.item.handle(), b.info.IndexDepth, [&](uint32_t n, const std::string& data) {
+  ForEachBlock(b.item.handle(), b.ref, b.info, [&](uint32_t n, const std::string& data) {
     blocks.emplace_back(n, data.size());
   });
   b.Close();
@@ -210,8 +277,11 @@ std::string ReadWholeBlock(int32_t item, uint32_t block) {
   }
 }
 
-void ForEachBlock(int32_t item, uint32_t indexDepth,
+void ForEachBlock(int32_t item, const sfl_ItemRef& ref, const sfl_ItemInfo& info,
                   const std::function<void(uint32_t, const std::string&)>& fn) {
+  const uint32_t indexDepth = info.IndexDepth;
+  // A root still as the library laid it down (zeros) holds no blocks.
+  if (indexDepth == 0 && AllZero(ReadRootBytes(ref, info.FileOffset))) return;
   // The tree covers 32^(depth+1) block numbers. Freed and never-written
   // numbers read as empty entries; a number past the entries its leaf ever
   // used ends that leaf, so the walk skips to the next one.

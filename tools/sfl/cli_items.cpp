@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -116,11 +117,15 @@ int RunCreate(const Args& a) {
   if (a.Has("single")) flags |= SINGLE_FILE;
   if (a.Has("async")) flags |= ASYNCHRONOUS;
   const int32_t type = a.Has("temp") ? SFL_TYPE_TEMP_ITEM : SFL_TYPE_DATA_ITEM;
+  // Every input is opened before the container exists, so a missing file
+  // leaves nothing behind.
+  std::vector<std::unique_ptr<Source>> sources;
+  for (const std::string& path : a.positional) sources.push_back(std::make_unique<Source>(path));
   int32_t base = sfl_CreateSfl(0, type, flags);
   sfl_ItemRef ref{};
   sfl_GetSerFileItem(base, &ref);
   SetSubject(RefText(ref));
-  if (a.positional.empty()) {
+  if (sources.empty()) {
     // The library removes a container that holds no items when its last
     // user closes it, so an empty new container is left open here: the
     // process ends without the final close and the file stays for `put`.
@@ -129,9 +134,9 @@ int RunCreate(const Args& a) {
   }
   Container c(ref, base);
   std::vector<std::string> items;
-  for (const std::string& path : a.positional) {
-    Source src(path);
-    items.push_back(RefText(StoreItem(c, src, path == "-" ? "standard input" : path)));
+  for (size_t i = 0; i < sources.size(); ++i) {
+    const std::string& path = a.positional[i];
+    items.push_back(RefText(StoreItem(c, *sources[i], path == "-" ? "standard input" : path)));
   }
   c.Close();
   PrintLine(RefText(ref) + " " + RefPath(ref));
@@ -161,7 +166,7 @@ int RunGet(const Args& a) {
   Item item(ref);
   Output out(a.Get("output"));
   if (info.Flags & BLOCKED_ITEM) {
-    ForEachBlock(item.handle(), info.IndexDepth,
+    ForEachBlock(item.handle(), ref, info,
                  [&](uint32_t, const std::string& data) { out.Write(data.data(), data.size()); });
   } else {
     struct stat st;
