@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -59,6 +60,10 @@ int RunProgram(const std::vector<std::string>& argv) {
   pid_t pid = fork();
   if (pid < 0) throw Failure{std::string("fork: ") + std::strerror(errno)};
   if (pid == 0) {
+    // The program announces itself on standard output; this command prints
+    // its own line instead.
+    int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (devnull >= 0) dup2(devnull, 1);
     execvp(args[0], args.data());
     std::fprintf(stderr, "sfl service: %s: %s\n", args[0], std::strerror(errno));
     _exit(127);
@@ -82,7 +87,9 @@ int Start(const Args& a) {
   std::vector<std::string> argv = {MonitorProgram()};
   if (a.Has("pairs")) {
     argv.push_back("--pairs");
-    argv.push_back(std::to_string(ParseNumber(a.Get("pairs"), "pair count", 4)));
+    const uint64_t pairs = ParseNumber(a.Get("pairs"), "pair count", 4);
+    if (pairs == 0) throw UsageError{"the pair count is 1 to 4"};
+    argv.push_back(std::to_string(pairs));
   }
   if (a.Has("idle-seconds")) {
     argv.push_back("--idle-seconds");
