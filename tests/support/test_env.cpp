@@ -2,14 +2,18 @@
 // environment before any test runs, removed afterwards.
 #include "test_env.h"
 
+#include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <thread>
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "er.h"
+#include "ml.h"
 
 namespace sfltest {
 namespace {
@@ -20,6 +24,7 @@ class Env : public ::testing::Environment {
  public:
   void SetUp() override { (void)TestDir(); }
   void TearDown() override {
+    if (!g_dir.empty()) StopService();
     if (!g_dir.empty() && std::getenv("SFL_TEST_KEEP") == nullptr) {
       std::error_code ec;
       std::filesystem::remove_all(g_dir, ec);
@@ -79,5 +84,52 @@ int WaitChild(int pid) {
 }
 
 int RunInChild(const std::function<int()>& body) { return WaitChild(StartChild(body)); }
+
+std::string MonitorBinary() {
+  const char* bin = std::getenv("SFL_TEST_BIN_DIR");
+  return std::string(bin != nullptr ? bin : ".") + "/bin/sfl-monitor";
+}
+
+int StartService(const std::vector<std::string>& args) {
+  const std::string dir = RunDir();
+  std::vector<std::string> argv = {MonitorBinary(), "--foreground", "--run-dir", dir};
+  argv.insert(argv.end(), args.begin(), args.end());
+  std::fflush(nullptr);
+  pid_t pid = fork();
+  if (pid < 0) return -1;
+  if (pid == 0) {
+    std::vector<char*> cargv;
+    for (std::string& a : argv) cargv.push_back(a.data());
+    cargv.push_back(nullptr);
+    execv(cargv[0], cargv.data());
+    _exit(127);
+  }
+  for (int i = 0; i < 1000; ++i) {
+    ml_State st;
+    if (ml_ReadState(dir, &st) && st.MainPid == pid && ml_ServiceAlive(dir, st)) return pid;
+    int status = 0;
+    if (waitpid(pid, &status, WNOHANG) == pid) return -1;  // it gave up
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  return -1;
+}
+
+void StopService() {
+  const std::string dir = RunDir();
+  ml_State st;
+  if (!ml_ReadState(dir, &st) || st.MainPid <= 0 || st.MainPid == getpid()) return;
+  if (!ml_ServiceAlive(dir, st)) return;
+  const pid_t pid = st.MainPid;
+  kill(pid, SIGTERM);
+  for (int i = 0; i < 500; ++i) {
+    waitpid(pid, nullptr, WNOHANG);  // reaps an explicit instance; fails harmlessly otherwise
+    if (ml_CheckPid(pid) != 1) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, WNOHANG);
+}
 
 }  // namespace sfltest

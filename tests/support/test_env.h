@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace sfltest {
 
@@ -23,6 +24,19 @@ int RunInChild(const std::function<int()>& body);
 int StartChild(const std::function<int()>& body);
 // Waits for a child started by StartChild; returns as RunInChild does.
 int WaitChild(int pid);
+
+// The interest service of this test process's run directory. Teardown
+// stops whatever service is published there.
+//
+// Starts an explicit instance: the built sfl-monitor program, in the
+// foreground, as a child of this process, with `args` added. Returns its pid
+// once it has published its state, or -1.
+int StartService(const std::vector<std::string>& args = {});
+// Stops the service published in the run directory, if any (never this
+// process), and waits until it has gone.
+void StopService();
+// The built sfl-monitor program.
+std::string MonitorBinary();
 
 }  // namespace sfltest
 

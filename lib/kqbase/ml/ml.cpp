@@ -263,8 +263,15 @@ int32_t ml_ReadContext(int subsystem, int16_t index) {
 
 int ml_CheckPid(int32_t pid) {
   if (pid <= 0) return 0;
-  if (os_kill(pid, 0) == 0) return 1;
-  return errno == EPERM ? 1 : 0;  // exists, but belongs to another user
+  if (os_kill(pid, 0) != 0 && errno != EPERM) return 0;  // EPERM: exists, another user's
+  // A process that has ended but not yet been reaped still answers the
+  // signal probe; its state in /proc says it is a zombie.
+  std::string stat;
+  if (!readFile("/proc/" + std::to_string(pid) + "/stat", &stat)) return 1;
+  size_t close = stat.rfind(')');
+  if (close == std::string::npos || close + 2 >= stat.size()) return 1;
+  char state = stat[close + 2];
+  return state == 'Z' || state == 'X' ? 0 : 1;
 }
 
 // ---- configuration of on-demand starts --------------------------------------------------
