@@ -9,9 +9,10 @@
 // MSG_NOERROR, and anything whose type and length are not exactly those of a
 // request is dropped. Replies are sent without waiting; a full reply queue is
 // first purged of older replies for the same requester (a client waits for
-// one reply at a time, so earlier ones are stale), then of replies to
-// processes that have died; if it is still full the reply is dropped, so a
-// client that never reads its replies cannot stall the service.
+// one reply at a time, so earlier ones are stale), then rewritten with only
+// the newest reply of each live process; if it is still full (more waiting
+// clients than the queue holds) the reply is dropped. Either way a client
+// that never reads its replies cannot stall the service.
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -109,23 +110,32 @@ void purgeRepliesFor(int queue, int32_t pid) {
   }
 }
 
-// Walks the reply queue once, keeping the replies of live processes (sent
-// again at the back) and dropping those of dead ones.
+// Rewrites the reply queue keeping, for each live process, only its newest
+// reply: a client waits for one reply at a time, so older ones will never be
+// read, and replies to processes that have died never will either.
 void compactReplies(int queue) {
   struct msqid_ds ds;
   if (os_msgctl(queue, IPC_STAT, &ds) != 0) return;
-  uint8_t buf[4 + kMaxText];
+  std::vector<std::vector<uint8_t>> held;
+  std::vector<uint8_t> buf(4 + kMaxText);
   for (msgqnum_t i = 0; i < ds.msg_qnum; ++i) {
     ssize_t n;
     try {
-      n = os_msgrcv(queue, buf, kMaxText, 0, IPC_NOWAIT | MSG_NOERROR);
+      n = os_msgrcv(queue, buf.data(), kMaxText, 0, IPC_NOWAIT | MSG_NOERROR);
     } catch (const er_Escape&) {
       er_Clear();
-      return;
+      break;
     }
-    int32_t pid = static_cast<int32_t>(sfl_GetU32(buf));
-    if (pidAlive(pid)) os_msgsnd(queue, buf, static_cast<size_t>(n), IPC_NOWAIT);
+    held.emplace_back(buf.begin(), buf.begin() + 4 + n);
   }
+  std::unordered_set<int32_t> seen;
+  std::vector<const std::vector<uint8_t>*> keep;
+  for (auto it = held.rbegin(); it != held.rend(); ++it) {
+    int32_t pid = static_cast<int32_t>(sfl_GetU32(it->data()));
+    if (seen.insert(pid).second && pidAlive(pid)) keep.push_back(&*it);
+  }
+  for (auto it = keep.rbegin(); it != keep.rend(); ++it)
+    os_msgsnd(queue, (*it)->data(), (*it)->size() - 4, IPC_NOWAIT);
 }
 
 void sendReply(Server& s, int32_t pid, const uint8_t* text, size_t len) {
