@@ -1,0 +1,194 @@
+// Tests of sfl_ListItems: the slots it reports for containers and
+// single-item files, its bounds, a slot taken but never written, and that
+// it leaves no header lock behind on success or on a short table.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "er.h"
+#include "sfl.h"
+#include "test_env.h"
+
+namespace {
+
+std::string PathOf(const sfl_ItemRef& ref) {
+  char buf[4096];
+  int32_t n = im_ItemRef2FName(&ref, buf, sizeof buf);
+  return std::string(buf, static_cast<size_t>(n));
+}
+
+// Creates a container holding items of the given sizes, closes it, and
+// returns its reference.
+sfl_ItemRef MakeContainer(const std::vector<uint32_t>& sizes, int32_t flags = 0) {
+  int32_t base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, flags);
+  sfl_ItemRef ref{};
+  sfl_GetSerFileItem(base, &ref);
+  for (uint32_t size : sizes) {
+    sfl_ItemRef item{};
+    int32_t h = sfl_StoreBasicItem(base, nullptr, size, &item, 0);
+    EXPECT_GE(h, 0);
+    sfl_CloseItem(h);
+  }
+  sfl_CloseFile(base);
+  return ref;
+}
+
+// Whether some other open file description holds a lock on the header bytes,
+// probed from a child process with its own descriptor.
+bool HeaderLockedElsewhere(const std::string& path) {
+  int rc = sfltest::RunInChild([&] {
+    int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) return 2;
+    struct flock fl = {};
+    fl.l_type = F_WRLCK;
+    fl.l_whence = SEEK_SET;
+    fl.l_start = 0;
+    fl.l_len = 128;
+    if (fcntl(fd, F_OFD_GETLK, &fl) != 0) return 3;
+    return fl.l_type == F_UNLCK ? 0 : 1;
+  });
+  EXPECT_TRUE(rc == 0 || rc == 1) << rc;
+  return rc == 1;
+}
+
+int ReasonOf(const std::function<void()>& fn) {
+  try {
+    fn();
+  } catch (const er_Escape& e) {
+    er_Clear();
+    return e.reason();
+  }
+  return 0;
+}
+
+TEST(SflListItems, ReportsEverySlotOfAContainer) {
+  const uint32_t before = static_cast<uint32_t>(time(nullptr));
+  sfl_ItemRef ref = MakeContainer({200, 5});
+  const uint32_t after = static_cast<uint32_t>(time(nullptr));
+  int32_t base = sfl_OpenSfl(&ref, 0);
+  sfl_ItemInfo info[8];
+  ASSERT_EQ(sfl_ListItems(base, info, 8), 8);
+
+  // Slot 0: the free map as laid down at creation.
+  EXPECT_EQ(info[0].ItemNum, 0u);
+  EXPECT_EQ(info[0].InUse, 1u);
+  EXPECT_EQ(info[0].Valid, 1u);
+  EXPECT_EQ(info[0].FileOffset, 640u);
+  EXPECT_EQ(info[0].FileSize, 256u);
+  EXPECT_EQ(info[0].UsedBlocks, 2u);
+
+  EXPECT_EQ(info[1].ItemNum, 1u);
+  EXPECT_EQ(info[1].InUse, 1u);
+  EXPECT_EQ(info[1].Valid, 1u);
+  EXPECT_EQ(info[1].FileSize, 200u);
+  EXPECT_EQ(info[1].UsedBlocks, 2u);
+  EXPECT_EQ(info[1].AccCount, 1u);
+  EXPECT_EQ(info[1].Flags, 0u);
+  EXPECT_EQ(info[1].IndexDepth, 0u);
+  EXPECT_GE(info[1].FileOffset, 896u);
+  EXPECT_GE(info[1].ChangeDate, before);
+  EXPECT_LE(info[1].ChangeDate, after);
+  EXPECT_EQ(info[2].FileSize, 5u);
+  EXPECT_EQ(info[2].UsedBlocks, 1u);
+  EXPECT_NE(info[2].FileOffset, info[1].FileOffset);
+  for (uint32_t i = 3; i < 8; ++i) {
+    EXPECT_EQ(info[i].ItemNum, i);
+    EXPECT_EQ(info[i].InUse, 0u) << i;
+    EXPECT_EQ(info[i].Valid, 0u) << i;
+  }
+  EXPECT_FALSE(HeaderLockedElsewhere(PathOf(ref)));
+  // The probe does see a header lock while one is held.
+  sfl_BaseRec* rec = sfl_Handle2Record(base);
+  ASSERT_NE(sfl_LockHeader(rec, SFL_LOCK_SHARED), 0);
+  EXPECT_TRUE(HeaderLockedElsewhere(PathOf(ref)));
+  sfl_UnlockHeader(rec);
+  sfl_CloseFile(base);
+}
+
+TEST(SflListItems, FillsAtMostMaxAndCountsAllSlots) {
+  sfl_ItemRef ref = MakeContainer({10});
+  int32_t base = sfl_OpenSfl(&ref, 0);
+  sfl_ItemInfo info[8];
+  for (auto& i : info) i.ItemNum = 99;
+  EXPECT_EQ(sfl_ListItems(base, info, 2), 8);
+  EXPECT_EQ(info[0].ItemNum, 0u);
+  EXPECT_EQ(info[1].ItemNum, 1u);
+  EXPECT_EQ(info[2].ItemNum, 99u);  // untouched
+  EXPECT_EQ(sfl_ListItems(base, nullptr, 0), 8);
+  EXPECT_EQ(sfl_ListItems(base, info, -3), 8);
+  EXPECT_EQ(info[0].ItemNum, 0u);
+  sfl_CloseFile(base);
+}
+
+TEST(SflListItems, SingleItemFileHasTwoSlots) {
+  sfl_ItemRef ref = MakeContainer({50}, SINGLE_FILE);
+  int32_t base = sfl_OpenSfl(&ref, 0);
+  sfl_ItemInfo info[8] = {};
+  ASSERT_EQ(sfl_ListItems(base, info, 8), 2);
+  EXPECT_EQ(info[1].InUse, 1u);
+  EXPECT_EQ(info[1].FileSize, 50u);
+  EXPECT_EQ(info[2].ItemNum, 0u);  // nothing written past the table
+  sfl_CloseFile(base);
+}
+
+TEST(SflListItems, BlockedItemShowsItsFlag) {
+  int32_t base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+  sfl_ItemRef item{};
+  int32_t h = sfl_CreateBlockedItem(base, &item);
+  sfl_ItemInfo info[8];
+  ASSERT_EQ(sfl_ListItems(base, info, 8), 8);
+  EXPECT_EQ(info[1].InUse, 1u);
+  EXPECT_EQ(info[1].Valid, 1u);
+  EXPECT_EQ(info[1].Flags, static_cast<uint32_t>(BLOCKED_ITEM));
+  EXPECT_EQ(info[1].IndexDepth, 0u);
+  EXPECT_NE(info[1].FileOffset, 0u);
+  sfl_CloseItem(h);
+  sfl_CloseFile(base);
+}
+
+TEST(SflListItems, ASlotTakenButNeverWrittenIsNotValid) {
+  sfl_ItemRef ref = MakeContainer({10});
+  const std::string path = PathOf(ref);
+  // Mark slot 3 in use in the header's one-byte map, leaving its header zero.
+  int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  uint8_t map = 0;
+  ASSERT_EQ(pread(fd, &map, 1, 32), 1);
+  map |= 1u << 3;
+  ASSERT_EQ(pwrite(fd, &map, 1, 32), 1);
+  close(fd);
+
+  int32_t base = sfl_OpenSfl(&ref, 0);
+  sfl_ItemInfo info[8];
+  ASSERT_EQ(sfl_ListItems(base, info, 8), 8);
+  EXPECT_EQ(info[3].InUse, 1u);
+  EXPECT_EQ(info[3].Valid, 0u);
+  EXPECT_EQ(info[1].Valid, 1u);
+  sfl_CloseFile(base);
+}
+
+TEST(SflListItems, BadHandleAndShortTable) {
+  EXPECT_EQ(ReasonOf([] {
+              sfl_ItemInfo info[8];
+              sfl_ListItems(6999, info, 8);
+            }),
+            28867);
+
+  sfl_ItemRef ref = MakeContainer({10});
+  int32_t base = sfl_OpenSfl(&ref, 0);
+  // Cut the file inside the item table: the listing fails with a short
+  // read and still releases the header lock it took.
+  const std::string path = PathOf(ref);
+  ASSERT_EQ(truncate(path.c_str(), 128 + 3 * 64 + 10), 0);
+  sfl_ItemInfo info[8];
+  EXPECT_EQ(ReasonOf([&] { sfl_ListItems(base, info, 8); }), 28871);
+  EXPECT_FALSE(HeaderLockedElsewhere(path));
+  EXPECT_EQ(sfl_ListItems(base, info, 3), 8);  // the slots that are still there
+}
+
+}  // namespace
