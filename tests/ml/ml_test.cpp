@@ -1,0 +1,225 @@
+// The subsystem library: run directory, state file format and atomic
+// publication, the service lock, and the subsystem calls the client makes.
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+
+#include "ml.h"
+#include "os.h"
+#include "test_env.h"
+
+namespace {
+
+using sfltest::RunDir;
+
+ml_State sample() {
+  ml_State st;
+  st.State = ML_STATE_RUNNING;
+  st.MainPid = getpid();
+  st.Additional = {getpid(), getpid()};
+  st.Context = {10, 11, 12, 13, 14, 15};
+  return st;
+}
+
+TEST(MlRunDir, ConfiguredThenRuntimeDirThenPerUserTmp) {
+  setenv("SFL_RUN_DIR", "/some/where", 1);
+  EXPECT_EQ("/some/where", ml_RunDir());
+  unsetenv("SFL_RUN_DIR");
+  setenv("XDG_RUNTIME_DIR", "/run/user/42", 1);
+  EXPECT_EQ("/run/user/42/sfl", ml_RunDir());
+  unsetenv("XDG_RUNTIME_DIR");
+  EXPECT_EQ("/tmp/sfl-run-" + std::to_string(getuid()), ml_RunDir());
+  setenv("SFL_RUN_DIR", RunDir().c_str(), 1);
+}
+
+TEST(MlRunDir, PrepareCreatesAndRefusesFiles) {
+  std::string dir = RunDir() + "/sub";
+  EXPECT_EQ(0, ml_PrepareRunDir(dir, 0700));
+  EXPECT_TRUE(std::filesystem::is_directory(dir));
+  EXPECT_EQ(0, ml_PrepareRunDir(dir, 0700));  // already there
+  std::ofstream(dir + "/file") << "x";
+  EXPECT_EQ(-1, ml_PrepareRunDir(dir + "/file", 0700));
+  EXPECT_EQ(ENOTDIR, errno);
+}
+
+TEST(MlState, FormatAndParseRoundTrip) {
+  ml_State in = sample();
+  ml_State out;
+  ASSERT_TRUE(ml_ParseState(ml_FormatState(in), &out));
+  EXPECT_EQ(in.Subsystem, out.Subsystem);
+  EXPECT_EQ(in.State, out.State);
+  EXPECT_EQ(in.MainPid, out.MainPid);
+  EXPECT_EQ(in.Additional, out.Additional);
+  EXPECT_EQ(in.Context, out.Context);
+}
+
+TEST(MlState, MalformedTextIsRefused) {
+  const std::string good = ml_FormatState(sample());
+  ml_State out;
+  EXPECT_FALSE(ml_ParseState("", &out));
+  EXPECT_FALSE(ml_ParseState("garbage\n", &out));
+  EXPECT_FALSE(ml_ParseState(good.substr(0, good.size() - 4), &out));  // no end line
+  std::string v2 = good;
+  v2.replace(v2.find(" 1\n"), 3, " 2\n");
+  EXPECT_FALSE(ml_ParseState(v2, &out));  // another format version
+  EXPECT_FALSE(ml_ParseState("sfl-monitor-state 1\nstate 6\nmain 1\ncontext 3 1 2\nend\n", &out));
+  EXPECT_FALSE(ml_ParseState("sfl-monitor-state 1\nstate 6\nmain 1\nwhat 3\nend\n", &out));
+  EXPECT_FALSE(ml_ParseState("sfl-monitor-state 1\nstate 6\nend\n", &out));  // no main
+}
+
+TEST(MlState, PublishReplacesAtomicallyAndLeavesNoTemporary) {
+  ml_State st = sample();
+  ASSERT_EQ(0, ml_PublishState(RunDir(), st, 0600));
+  st.MainPid = 12345;
+  ASSERT_EQ(0, ml_PublishState(RunDir(), st, 0600));
+  ml_State back;
+  ASSERT_TRUE(ml_ReadState(RunDir(), &back));
+  EXPECT_EQ(12345, back.MainPid);
+  int files = 0;
+  for (const auto& e : std::filesystem::directory_iterator(RunDir())) {
+    ++files;
+    EXPECT_EQ(std::string::npos, e.path().string().find(".tmp")) << e.path();
+  }
+  EXPECT_EQ(1, files);
+  EXPECT_EQ(0600u, static_cast<unsigned>(std::filesystem::status(ml_StatePath(RunDir())).permissions()));
+  // A failed publication leaves the old state in place.
+  os_FailNth(os_Op::Rename, 1, EIO);
+  st.MainPid = 777;
+  EXPECT_EQ(-1, ml_PublishState(RunDir(), st, 0600));
+  ASSERT_TRUE(ml_ReadState(RunDir(), &back));
+  EXPECT_EQ(12345, back.MainPid);
+}
+
+TEST(MlLock, ClaimIsExclusiveAndProbeSeesIt) {
+  EXPECT_FALSE(ml_ServiceLockHeld(RunDir()));
+  int fd = ml_ClaimServiceLock(RunDir());
+  ASSERT_GE(fd, 0);
+  EXPECT_TRUE(ml_ServiceLockHeld(RunDir()));
+  EXPECT_EQ(-1, ml_ClaimServiceLock(RunDir()));
+  // Another process sees it held too.
+  EXPECT_EQ(0, sfltest::RunInChild([] { return ml_ServiceLockHeld(RunDir()) ? 0 : 1; }));
+  close(fd);
+  EXPECT_FALSE(ml_ServiceLockHeld(RunDir()));
+}
+
+TEST(MlCheckPid, LiveEndedAndZombie) {
+  EXPECT_EQ(1, ml_CheckPid(getpid()));
+  EXPECT_EQ(0, ml_CheckPid(0));
+  EXPECT_EQ(0, ml_CheckPid(-5));
+  pid_t child = fork();
+  if (child == 0) _exit(0);
+  // Ended but not reaped yet: a zombie is not alive.
+  for (int i = 0; i < 1000 && ml_CheckPid(child) == 1; ++i) usleep(1000);
+  EXPECT_EQ(0, ml_CheckPid(child));
+  EXPECT_EQ(0, kill(child, 0));  // the zombie is still there
+  waitpid(child, nullptr, 0);
+  EXPECT_EQ(0, ml_CheckPid(child));
+}
+
+TEST(MlSubsystem, OpenReturnsZeroOnlyForTheOpeningCall) {
+  EXPECT_EQ(0, ml_OpenCfgFile(2));
+  EXPECT_EQ(1, ml_OpenCfgFile(2));
+  ml_CloseCfgFile();
+  EXPECT_EQ(0, ml_OpenCfgFile(2));
+  ml_CloseCfgFile();
+}
+
+TEST(MlSubsystem, AnswersFromAPublishedLiveService) {
+  setenv("SFL_MONITOR_AUTOSTART", "0", 1);
+  ASSERT_EQ(0, ml_PublishState(RunDir(), sample(), 0600));
+  // Published, but nobody holds the lock: not a live service.
+  EXPECT_EQ(ML_STATE_DOWN, ml_GetSSState(ML_SUBSYSTEM_MONITOR));
+  int fd = ml_ClaimServiceLock(RunDir());
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ(ML_STATE_RUNNING, ml_GetSSState(ML_SUBSYSTEM_MONITOR));
+  EXPECT_EQ(ML_STATE_DOWN, ml_GetSSState(51));
+  ml_SubSystemDetails d;
+  ml_GetSubSystemDetails(ML_SUBSYSTEM_MONITOR, &d);
+  EXPECT_EQ(getpid(), d.MainPid);
+  EXPECT_EQ(2, d.AdditionalCount);
+  EXPECT_EQ(getpid(), d.AdditionalPids[1]);
+  EXPECT_EQ(10, ml_ReadContext(ML_SUBSYSTEM_MONITOR, 0));
+  EXPECT_EQ(15, ml_ReadContext(ML_SUBSYSTEM_MONITOR, 5));
+  EXPECT_EQ(-1, ml_ReadContext(ML_SUBSYSTEM_MONITOR, 6));
+  EXPECT_EQ(-1, ml_ReadContext(ML_SUBSYSTEM_MONITOR, -1));
+  // While open, answers come from what was read at open.
+  ASSERT_EQ(0, ml_OpenCfgFile(2));
+  ml_State other = sample();
+  other.Context = {20, 21};
+  ASSERT_EQ(0, ml_PublishState(RunDir(), other, 0600));
+  EXPECT_EQ(10, ml_ReadContext(ML_SUBSYSTEM_MONITOR, 0));
+  ml_CloseCfgFile();
+  EXPECT_EQ(20, ml_ReadContext(ML_SUBSYSTEM_MONITOR, 0));
+  close(fd);
+}
+
+TEST(MlSubsystem, ManyAdditionalProcessesAreCountedAndTheFirstOnesKept) {
+  ml_State st = sample();
+  st.Additional.assign(40, 0);
+  for (int i = 0; i < 40; ++i) st.Additional[i] = 1000 + i;
+  ASSERT_EQ(0, ml_PublishState(RunDir(), st, 0600));
+  ml_SubSystemDetails d;
+  ml_GetSubSystemDetails(ML_SUBSYSTEM_MONITOR, &d);
+  EXPECT_EQ(40, d.AdditionalCount);
+  EXPECT_EQ(1000, d.AdditionalPids[0]);
+  EXPECT_EQ(1000 + ML_MAX_ADDITIONAL - 1, d.AdditionalPids[ML_MAX_ADDITIONAL - 1]);
+}
+
+TEST(MlSubsystem, NoStateIsDownWithAutostartOff) {
+  setenv("SFL_MONITOR_AUTOSTART", "0", 1);
+  EXPECT_EQ(ML_STATE_DOWN, ml_GetSSState(ML_SUBSYSTEM_MONITOR));
+  ml_SubSystemDetails d;
+  ml_GetSubSystemDetails(ML_SUBSYSTEM_MONITOR, &d);
+  EXPECT_EQ(0, d.MainPid);
+  EXPECT_EQ(-1, ml_ReadContext(ML_SUBSYSTEM_MONITOR, 0));
+  EXPECT_FALSE(std::filesystem::exists(ml_StatePath(RunDir())));
+}
+
+TEST(MlSubsystem, AutostartBringsUpAServiceOnFirstStateQuery) {
+  unsetenv("SFL_MONITOR_AUTOSTART");
+  EXPECT_EQ(ML_STATE_RUNNING, ml_GetSSState(ML_SUBSYSTEM_MONITOR));
+  ml_State st;
+  ASSERT_TRUE(ml_ReadState(RunDir(), &st));
+  EXPECT_TRUE(ml_ServiceAlive(RunDir(), st));
+  EXPECT_NE(getpid(), st.MainPid);
+  // Its standard streams went to the run directory's log.
+  EXPECT_TRUE(std::filesystem::exists(ml_LogPath(RunDir())));
+  sfltest::StopService();
+  EXPECT_FALSE(std::filesystem::exists(ml_StatePath(RunDir())));
+}
+
+TEST(MlConfig, OnDemandOptionsFromKeys) {
+  setenv("SFL_MONITOR_PAIRS", "3", 1);
+  setenv("SFL_MONITOR_IDLE_SECONDS", "7", 1);
+  ml_ServiceOptions o = ml_OnDemandOptions();
+  EXPECT_EQ(3, o.Pairs);
+  EXPECT_EQ(7, o.IdleSeconds);
+  EXPECT_EQ(RunDir(), o.RunDir);
+  setenv("SFL_MONITOR_PAIRS", "9", 1);  // out of range: default
+  setenv("SFL_MONITOR_IDLE_SECONDS", "x", 1);
+  o = ml_OnDemandOptions();
+  EXPECT_EQ(1, o.Pairs);
+  EXPECT_EQ(30, o.IdleSeconds);
+  unsetenv("SFL_MONITOR_PAIRS");
+  unsetenv("SFL_MONITOR_IDLE_SECONDS");
+  setenv("SFL_MONITOR_AUTOSTART", "0", 1);
+  EXPECT_FALSE(ml_AutoStartEnabled());
+  setenv("SFL_MONITOR_AUTOSTART", "1", 1);
+  EXPECT_TRUE(ml_AutoStartEnabled());
+  unsetenv("SFL_MONITOR_AUTOSTART");
+  EXPECT_TRUE(ml_AutoStartEnabled());
+}
+
+TEST(MlConfig, GroupsByNumberOrName) {
+  EXPECT_EQ(0, ml_ResolveGroup("0"));
+  EXPECT_EQ(0, ml_ResolveGroup("root"));
+  EXPECT_EQ(-1, ml_ResolveGroup("no-such-group-here"));
+  EXPECT_EQ(-1, ml_ResolveGroup(""));
+}
+
+}  // namespace
