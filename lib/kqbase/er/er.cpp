@@ -137,6 +137,12 @@ void er_RealLogProc(const char* name, int entering) {
   writeLine(prefix(10) + (entering ? "enter " : "exit  ") + name + "\n");
 }
 
+void er_ResetLogSettings(void) {
+  if (g_logFd > 2) os_close(g_logFd);
+  g_logFd = -1;
+  g_threshold = -1;
+}
+
 er_LogHook er_SetLogHook(er_LogHook hook) {
   er_LogHook old = g_hook;
   g_hook = hook;

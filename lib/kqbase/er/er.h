@@ -63,6 +63,9 @@ ER_API void er_LogMsg(int level, const char* fmt, ...) __attribute__((format(pri
 ER_API void er_EnhLogMsg(int level, int group, int reason, const char* file, int line,
                          const char* fmt, ...) __attribute__((format(printf, 6, 7)));
 ER_API void er_RealLogProc(const char* name, int entering);
+/* Forgets the log threshold and destination read from configuration, so
+   the next message reads them again (tests change them). */
+ER_API void er_ResetLogSettings(void);
 
 /* Test and tool hook: called for every message logged through er_EnhLogMsg
    (whatever the threshold), with its level, group and reason. */

@@ -1,0 +1,96 @@
+// Configuration lookup: the environment first, then the SFL_CONFIG file;
+// absent keys give null.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+
+#include "cust.h"
+#include "test_env.h"
+
+namespace {
+
+class CustTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    path_ = sfltest::TestDir() + "/sfl.conf";
+    std::ofstream out(path_);
+    out << "# comment line\n"
+           "\n"
+           "SFL_TEST_FILE_ONLY = from file \n"
+           "SFL_TEST_BOTH=file value\n"
+           "no equals sign here\n"
+           "SFL_TEST_EMPTY=\n"
+           "SFL_TEST_LAST=tail";  // no final newline
+    out.close();
+    setenv("SFL_CONFIG", path_.c_str(), 1);
+    unsetenv("SFL_TEST_BOTH");
+    cust_Reload();
+  }
+  void TearDown() override {
+    unsetenv("SFL_CONFIG");
+    unsetenv("SFL_TEST_BOTH");
+    cust_Reload();
+  }
+  std::string path_;
+};
+
+TEST_F(CustTest, FileValuesAreTrimmed) {
+  const char* v = cust_GetCustomiseInfo("SFL_TEST_FILE_ONLY");
+  ASSERT_NE(v, nullptr);
+  EXPECT_STREQ(v, "from file");
+  ASSERT_NE(cust_GetCustomiseInfo("SFL_TEST_LAST"), nullptr);
+  EXPECT_STREQ(cust_GetCustomiseInfo("SFL_TEST_LAST"), "tail");
+}
+
+TEST_F(CustTest, EnvironmentComesFirst) {
+  EXPECT_STREQ(cust_GetCustomiseInfo("SFL_TEST_BOTH"), "file value");
+  setenv("SFL_TEST_BOTH", "env value", 1);
+  EXPECT_STREQ(cust_GetCustomiseInfo("SFL_TEST_BOTH"), "env value");
+  unsetenv("SFL_TEST_BOTH");
+  EXPECT_STREQ(cust_GetCustomiseInfo("SFL_TEST_BOTH"), "file value");
+}
+
+TEST_F(CustTest, PresentButEmptyIsNotAbsent) {
+  const char* v = cust_GetCustomiseInfo("SFL_TEST_EMPTY");
+  ASSERT_NE(v, nullptr);
+  EXPECT_STREQ(v, "");
+  setenv("SFL_TEST_ENV_EMPTY", "", 1);
+  ASSERT_NE(cust_GetCustomiseInfo("SFL_TEST_ENV_EMPTY"), nullptr);
+  unsetenv("SFL_TEST_ENV_EMPTY");
+}
+
+TEST_F(CustTest, AbsentKeysGiveNull) {
+  EXPECT_EQ(cust_GetCustomiseInfo("SFL_TEST_NOT_THERE"), nullptr);
+  EXPECT_EQ(cust_GetCustomiseInfo("no equals sign here"), nullptr);
+  EXPECT_EQ(cust_GetCustomiseInfo("# comment line"), nullptr);
+  EXPECT_EQ(cust_GetCustomiseInfo(nullptr), nullptr);
+}
+
+TEST_F(CustTest, ReturnedEnvironmentValueOutlivesTheVariable) {
+  setenv("SFL_TEST_BOTH", "kept", 1);
+  const char* v = cust_GetCustomiseInfo("SFL_TEST_BOTH");
+  setenv("SFL_TEST_BOTH", "changed later", 1);
+  EXPECT_STREQ(v, "kept");
+}
+
+TEST_F(CustTest, ReloadRereadsTheFile) {
+  EXPECT_STREQ(cust_GetCustomiseInfo("SFL_TEST_LAST"), "tail");
+  std::ofstream(path_) << "SFL_TEST_LAST=new\n";
+  EXPECT_STREQ(cust_GetCustomiseInfo("SFL_TEST_LAST"), "tail");  // read once
+  cust_Reload();
+  EXPECT_STREQ(cust_GetCustomiseInfo("SFL_TEST_LAST"), "new");
+  EXPECT_EQ(cust_GetCustomiseInfo("SFL_TEST_FILE_ONLY"), nullptr);
+}
+
+TEST_F(CustTest, NoFileMeansEnvironmentOnly) {
+  unsetenv("SFL_CONFIG");
+  cust_Reload();
+  EXPECT_EQ(cust_GetCustomiseInfo("SFL_TEST_FILE_ONLY"), nullptr);
+  setenv("SFL_CONFIG", (path_ + ".missing").c_str(), 1);
+  cust_Reload();
+  EXPECT_EQ(cust_GetCustomiseInfo("SFL_TEST_FILE_ONLY"), nullptr);
+}
+
+}  // namespace

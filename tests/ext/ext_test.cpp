@@ -1,0 +1,127 @@
+// Bit sets over byte arrays: least significant bit first, runs across byte
+// and word boundaries, maps whose length is not a multiple of eight bytes,
+// a 1 MiB scan, and the hand-over of a file to the service account.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fcntl.h>
+#include <pwd.h>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include "ext.h"
+#include "os.h"
+#include "test_env.h"
+
+namespace {
+
+TEST(ExtBits, LeastSignificantBitFirst) {
+  uint8_t map[2] = {0, 0};
+  ext_SetBits(map, 2, 0, 1, 1);
+  EXPECT_EQ(map[0], 0x01);
+  ext_SetBits(map, 2, 3, 1, 1);
+  EXPECT_EQ(map[0], 0x09);
+  ext_SetBits(map, 2, 8, 1, 1);
+  EXPECT_EQ(map[1], 0x01);
+  ext_SetBits(map, 2, 15, 1, 1);
+  EXPECT_EQ(map[1], 0x81);
+  ext_SetBits(map, 2, 0, 16, 0);
+  EXPECT_EQ(map[0] | map[1], 0);
+  ext_SetBits(map, 2, 6, 4, 1);  // bits 6..9
+  EXPECT_EQ(map[0], 0xC0);
+  EXPECT_EQ(map[1], 0x03);
+  EXPECT_TRUE(ext_CheckBits(map, 2, 6, 4, 1));
+  EXPECT_FALSE(ext_CheckBits(map, 2, 5, 4, 1));
+  EXPECT_TRUE(ext_CheckBits(map, 2, 10, 6, 0));
+}
+
+TEST(ExtBits, FindsTheLowestRun) {
+  uint8_t map[4] = {0xFF, 0x0F, 0xFF, 0x00};  // clear: bits 12..15, 24..31
+  EXPECT_EQ(ext_FindBits(map, 4, 4, 0), 12);
+  EXPECT_EQ(ext_FindBits(map, 4, 5, 0), 24);
+  EXPECT_EQ(ext_FindBits(map, 4, 8, 0), 24);
+  EXPECT_EQ(ext_FindBits(map, 4, 9, 0), -1);
+  EXPECT_EQ(ext_FindBits(map, 4, 1, 0), 12);
+  EXPECT_EQ(ext_FindBits(map, 4, 12, 1), 0);
+  EXPECT_EQ(ext_FindBits(map, 4, 13, 1), -1);
+  EXPECT_EQ(ext_FindBits(map, 4, 0, 0), -1);
+}
+
+TEST(ExtBits, RunsAcrossWordBoundaries) {
+  std::vector<uint8_t> map(32, 0xFF);  // four 64-bit words
+  ext_SetBits(map.data(), 32, 60, 10, 0);  // bits 60..69 straddle words 0 and 1
+  EXPECT_EQ(ext_FindBits(map.data(), 32, 10, 0), 60);
+  EXPECT_EQ(ext_FindBits(map.data(), 32, 11, 0), -1);
+  EXPECT_TRUE(ext_CheckBits(map.data(), 32, 60, 10, 0));
+  // A run covering a whole word and the ends of its neighbours.
+  ext_SetBits(map.data(), 32, 120, 80, 0);  // 120..199
+  EXPECT_EQ(ext_FindBits(map.data(), 32, 80, 0), 120);
+  EXPECT_EQ(ext_FindBits(map.data(), 32, 11, 0), 120);
+  EXPECT_EQ(map[15], 0x00);
+  EXPECT_EQ(map[14], 0xFF);
+  EXPECT_EQ(map[24], 0x00);
+  EXPECT_EQ(map[25], 0xFF);
+  EXPECT_TRUE(ext_CheckBits(map.data(), 32, 200, 56, 1));
+}
+
+TEST(ExtBits, LengthsThatAreNotWholeWords) {
+  std::vector<uint8_t> map(13, 0xFF);  // 104 bits
+  ext_SetBits(map.data(), 13, 96, 8, 0);  // the last byte
+  EXPECT_EQ(ext_FindBits(map.data(), 13, 8, 0), 96);
+  EXPECT_EQ(ext_FindBits(map.data(), 13, 9, 0), -1);  // nothing beyond the map counts
+  ext_SetBits(map.data(), 13, 100, 50, 1);            // clipped at the end
+  EXPECT_EQ(map[12], 0xF0);
+  EXPECT_EQ(ext_FindBits(map.data(), 13, 1, 0), 96);
+  EXPECT_EQ(ext_FindBits(map.data(), 13, 5, 0), -1);
+  EXPECT_FALSE(ext_CheckBits(map.data(), 13, 100, 5, 1));  // reaches past 104
+  EXPECT_TRUE(ext_CheckBits(map.data(), 13, 100, 4, 1));
+  // A run of set bits ending at the last bit of an odd-sized map.
+  std::vector<uint8_t> small(3, 0);
+  ext_SetBits(small.data(), 3, 20, 4, 1);
+  EXPECT_EQ(ext_FindBits(small.data(), 3, 4, 1), 20);
+  EXPECT_EQ(ext_FindBits(small.data(), 3, 5, 1), -1);
+  EXPECT_EQ(ext_FindBits(small.data(), 3, 20, 0), 0);
+  EXPECT_EQ(ext_FindBits(small.data(), 3, 21, 0), -1);
+}
+
+TEST(ExtBits, OneMebibyteMapScan) {
+  const uint32_t len = 1 << 20;
+  std::vector<uint8_t> map(len, 0xFF);
+  const uint32_t hole = len * 8 - 1000;
+  ext_SetBits(map.data(), len, hole, 100, 0);
+  ext_SetBits(map.data(), len, 12345, 50, 0);  // too short for 100
+  EXPECT_EQ(ext_FindBits(map.data(), len, 100, 0), static_cast<int64_t>(hole));
+  EXPECT_EQ(ext_FindBits(map.data(), len, 50, 0), 12345);
+  EXPECT_EQ(ext_FindBits(map.data(), len, 101, 0), -1);
+  EXPECT_TRUE(ext_CheckBits(map.data(), len, hole, 100, 0));
+  std::vector<uint8_t> empty(len, 0);
+  EXPECT_EQ(ext_FindBits(empty.data(), len, len * 8, 0), 0);
+  EXPECT_EQ(ext_FindBits(empty.data(), len, 1, 1), -1);
+}
+
+TEST(ExtChown, AbsentKeyDoesNothing) {
+  unsetenv("SFL_SERVICE_USER");
+  os_ResetCallCounts();
+  EXPECT_EQ(ext_ChownToVessant("/nonexistent/file"), 0);
+  EXPECT_EQ(os_CallCount(os_Op::Chown), 0u);
+}
+
+TEST(ExtChown, GivesTheFileToTheNamedAccount) {
+  const std::string path = sfltest::StoreRoot() + "/owned";
+  int fd = os_open(path.c_str(), O_RDWR | O_CREAT, 0600);
+  os_close(fd);
+  struct passwd* me = getpwuid(getuid());
+  ASSERT_NE(me, nullptr);
+  setenv("SFL_SERVICE_USER", me->pw_name, 1);
+  os_ResetCallCounts();
+  EXPECT_EQ(ext_ChownToVessant(path.c_str()), 0);
+  EXPECT_EQ(os_CallCount(os_Op::Chown), 1u);
+  os_FailNth(os_Op::Chown, 1, EPERM);
+  EXPECT_EQ(ext_ChownToVessant(path.c_str()), -1);
+  setenv("SFL_SERVICE_USER", "no-such-account-anywhere", 1);
+  EXPECT_EQ(ext_ChownToVessant(path.c_str()), -1);
+  unsetenv("SFL_SERVICE_USER");
+}
+
+}  // namespace
