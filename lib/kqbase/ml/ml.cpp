@@ -185,7 +185,8 @@ int ml_PublishState(const std::string& runDir, const ml_State& st, mode_t mode) 
 // ---- the service lock -------------------------------------------------------------------
 
 int ml_ClaimServiceLock(const std::string& runDir) {
-  int fd = os_open(ml_LockPath(runDir).c_str(), O_RDWR | O_CREAT, 0600);
+  // Readable by all who can enter the run directory: clients probe it.
+  int fd = os_open(ml_LockPath(runDir).c_str(), O_RDWR | O_CREAT, 0644);
   if (fd < 0) return -1;
   if (os_flock(fd, LOCK_EX | LOCK_NB) != 0) {
     os_close(fd);
@@ -196,7 +197,9 @@ int ml_ClaimServiceLock(const std::string& runDir) {
 
 bool ml_ServiceLockHeld(const std::string& runDir) {
   int fd = os_open(ml_LockPath(runDir).c_str(), O_RDONLY);
-  if (fd < 0) return false;  // no lock file: no service ever ran here
+  // No lock file: no service ever ran here. Unreadable: cannot tell, so
+  // leave the decision to the process check.
+  if (fd < 0) return errno != ENOENT;
   bool held = false;
   if (os_flock(fd, LOCK_SH | LOCK_NB) == 0) {
     os_flock(fd, LOCK_UN);
