@@ -430,16 +430,31 @@ TEST(SimpleItems, BlockOffsetComesFromTheBlocksSection) {
   Box b = NewBox();
   sfl_ItemRef ref{};
   int32_t h = sfl_CreateBlockedItem(b.bh, &ref);
-  std::vector<uint8_t> data = Pattern(300, 10);
-  int32_t block = sfl_GetNewBlock(h, 300, 1, data.data());
-  ASSERT_GE(block, 0);
   sfl_ItemRec* item = sfl_ItemHandle2Record(h);
-  uint32_t at = sfl_BlckFindOffsetChkSize(item, static_cast<uint32_t>(block), 10, 290);
-  std::vector<uint8_t> buf(290);
-  ASSERT_EQ(pread(item->BaseRecord->FileDes, buf.data(), 290, at), 290);
-  EXPECT_EQ(buf, std::vector<uint8_t>(data.begin() + 10, data.end()));
-  EXPECT_EQ(ReasonOf([&] { sfl_BlckFindOffsetChkSize(item, static_cast<uint32_t>(block), 10, 291); }),
-            SFL_R_RANGE);
+  // Two blocks of a one-leaf tree, laid down by hand.
+  std::vector<uint8_t> first = Pattern(300, 10), second = Pattern(200, 17);
+  uint32_t units = 0;
+  uint32_t off0 = sfl_GetFreeSpaceNew(item->BaseRecord, 300, &units);
+  uint32_t off1 = sfl_GetFreeSpaceNew(item->BaseRecord, 200, &units);
+  ASSERT_EQ(pwrite(item->BaseRecord->FileDes, first.data(), 300, off0), 300);
+  ASSERT_EQ(pwrite(item->BaseRecord->FileDes, second.data(), 200, off1), 200);
+  sfl_IndexRecord root = sfl_NewIndexRecord();
+  root.Used = 2;
+  root.EverUsed = 2;
+  root.ParentOff = item->HeaderOff;
+  root.Entries[0] = {off0, 300};
+  root.Entries[1] = {off1, 200};
+  sfl_WriteAnIndex(item, item->Offset, root);
+
+  EXPECT_EQ(sfl_BlckFindOffsetChkSize(item, 0, 10, 290), off0 + 10);
+  uint32_t at = sfl_BlckFindOffsetChkSize(item, 1, 50, 150);
+  EXPECT_EQ(at, off1 + 50);
+  std::vector<uint8_t> buf(150);
+  ASSERT_EQ(pread(item->BaseRecord->FileDes, buf.data(), 150, at), 150);
+  EXPECT_EQ(buf, std::vector<uint8_t>(second.begin() + 50, second.end()));
+  // The range is checked against the block's own section.
+  EXPECT_EQ(ReasonOf([&] { sfl_BlckFindOffsetChkSize(item, 1, 50, 151); }), SFL_R_RANGE);
+  EXPECT_EQ(ReasonOf([&] { sfl_BlckFindOffsetChkSize(item, 0, 0, 301); }), SFL_R_RANGE);
   sfl_CloseItem(h);
   sfl_CloseFile(b.bh);
 }
@@ -672,6 +687,8 @@ TEST(SimpleItems, MapAnItemOrAPlainFile) {
 
 TEST(SimpleItems, AddItemToFileOpensTheFileForTheItem) {
   Box b = NewBox();
+  sfl_ItemRef first{};
+  sfl_CloseItem(sfl_StoreBasicItem(b.bh, nullptr, 10, &first, 0));  // an empty file goes at close
   sfl_CloseFile(b.bh);
   ASSERT_FALSE(OpenHere(b.ref));
   sfl_ItemRef named = b.ref;

@@ -218,12 +218,14 @@ int ReadAll(const std::vector<Stored>& stored) {
 TEST(AcrossProcesses, WhatOneProcessStoresAnotherReadsBack) {
   const std::string list = sfltest::TestDir() + "/stored.bin";
   int writer = sfltest::RunInChild([&] {
+    // The first container stays open here throughout; the ones the store
+    // falls back to are opened and closed with their items.
     int32_t bh = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
     sfl_ItemRef file{};
     sfl_GetSerFileItem(bh, &file);
-    sfl_CloseFile(bh);
     int containers = 0;
     std::vector<Stored> stored = WriteAll(file, &containers);
+    sfl_CloseFile(bh);
     if (stored.size() != std::size(kSizes) * std::size(kFills)) return 1;
     // 36 items, 7 to a container: the fallback placed the rest.
     if (containers != 6) return 2;
