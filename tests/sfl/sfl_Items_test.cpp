@@ -297,12 +297,18 @@ TEST(SimpleItems, ShortWriteWhileFillingFailsWith28851AndLeaksNoRecord) {
 
   int items = sfl_OpenItems().InUseCount();
   int32_t open = sfl_Handle2Record(b.bh)->IntItemsOpen;
+  std::vector<uint8_t> map = FreeMapOf(b.bh);
+  sfl_FileHeader fh = FileHeaderOf(b.bh);
   os_ShortNth(os_Op::Pwrite, static_cast<unsigned>(writes - 1), 100);
   EXPECT_EQ(ReasonOf([&] { sfl_StoreBasicItem(b.bh, nullptr, 10000, &ref, 0); }),
             SFL_R_SHORT_WRITE);
   os_ClearFaults();
   EXPECT_EQ(sfl_OpenItems().InUseCount(), items);
   EXPECT_EQ(sfl_Handle2Record(b.bh)->IntItemsOpen, open);
+  // The slot and the run it had taken are given back.
+  EXPECT_EQ(FreeMapOf(b.bh), map);
+  EXPECT_EQ(FileHeaderOf(b.bh).UsedItems, fh.UsedItems);
+  EXPECT_EQ(FileHeaderOf(b.bh).InUseItms, fh.InUseItms);
 
   // A short write while copying from a source fails the same way.
   sfl_ItemRef source = SourceFile(Pattern(10000, 6));
@@ -314,6 +320,30 @@ TEST(SimpleItems, ShortWriteWhileFillingFailsWith28851AndLeaksNoRecord) {
   os_ClearFaults();
   EXPECT_EQ(sfl_OpenItems().InUseCount(), items);
   sfl_CloseFile(b.bh);
+}
+
+TEST(SimpleItems, StoreFromAMissingSourceLeavesTheFileAsItWas) {
+  Box b = NewBox();
+  sfl_ItemRef first{};
+  sfl_CloseItem(sfl_StoreBasicItem(b.bh, nullptr, 10, &first, 0));
+  std::vector<uint8_t> map = FreeMapOf(b.bh);
+  sfl_FileHeader fh = FileHeaderOf(b.bh);
+  sfl_CloseFile(b.bh);
+
+  sfl_ItemRef missing = SourceFile(Pattern(10, 1));
+  char path[PATH_MAX];
+  im_GetRealFileName(&missing, path, sizeof path);
+  ASSERT_EQ(unlink(path), 0);
+  sfl_ItemRef ref{};
+  EXPECT_NE(ReasonOf([&] { sfl_AddItemToFile(&b.ref, 0, 0, &missing, 0, &ref); }), 0);
+  EXPECT_FALSE(OpenHere(b.ref));  // the call opened the file and closed it again
+
+  int32_t bh = sfl_OpenSfl(&b.ref, 0);
+  EXPECT_EQ(FreeMapOf(bh), map);
+  EXPECT_EQ(FileHeaderOf(bh).UsedItems, fh.UsedItems);
+  EXPECT_EQ(FileHeaderOf(bh).InUseItms, fh.InUseItms);
+  EXPECT_EQ(Slot(bh, 2).Valid, 0u);
+  sfl_CloseFile(bh);
 }
 
 TEST(SimpleItems, CopySimpleItemPlacesDataUnderAGivenHeader) {
@@ -354,6 +384,16 @@ TEST(SimpleItems, CopySimpleItemPlacesDataUnderAGivenHeader) {
   std::vector<uint8_t> want(data.begin() + 900, data.end());
   want.resize(300, 0);
   EXPECT_EQ(ReadAll(h2), want);
+
+  // A copy that fails gives its run back.
+  std::vector<uint8_t> map = FreeMapOf(b.bh);
+  int items = sfl_OpenItems().InUseCount();
+  os_ShortNth(os_Op::Pwrite, 2, 10);  // after the map update, the first data write
+  EXPECT_EQ(ReasonOf([&] { sfl_CopySimpleItem(b.bh, headerOff, -1, 0, 5000, 0); }),
+            SFL_R_SHORT_WRITE);
+  os_ClearFaults();
+  EXPECT_EQ(FreeMapOf(b.bh), map);
+  EXPECT_EQ(sfl_OpenItems().InUseCount(), items);
   sfl_CloseItem(h);
   sfl_CloseItem(h2);
   sfl_CloseFile(b.bh);

@@ -188,6 +188,43 @@ TEST_F(ItemHandles, BadHandlesFailWith28867InGroup3) {
   EXPECT_EQ(sfl_OpenItems().InUseCount(), 1);
 }
 
+TEST_F(ItemHandles, HandleConversionReopensAShutDescriptor) {
+  Box b = NewBox();
+  sfl_ItemRef ref{};
+  int32_t h = Store(b, 100, &ref);
+  char c = 'q';
+  sfl_WriteSimpleData(h, 3, 1, &c);
+  sfl_DeActivate(h);
+  ASSERT_EQ(sfl_Handle2Record(b.bh)->FileDes, -1);
+  sfl_ItemRec* item = sfl_ItemHandle2Record(h);
+  EXPECT_GE(item->BaseRecord->FileDes, 0);
+  char got = 0;
+  EXPECT_EQ(sfl_ReadSimpleData(h, 3, 1, &got), 1);
+  EXPECT_EQ(got, 'q');
+  sfl_CloseItem(h);
+  sfl_CloseFile(b.bh);
+}
+
+TEST_F(ItemHandles, InternalOpenOfAnUnwrittenSlotGivesItsRecordBack) {
+  Box b = NewBox();
+  sfl_BaseRec* rec = sfl_Handle2Record(b.bh);
+  int items = sfl_OpenItems().InUseCount();
+  int32_t open = rec->IntItemsOpen;
+  sfl_ItemRec* item = nullptr;
+  EXPECT_EQ(ReasonOf([&] { sfl_IntOpenItem(rec, b.bh, 6, &item); }), SFL_R_BAD_ITEM_HEADER);
+  EXPECT_EQ(sfl_OpenItems().InUseCount(), items);
+  EXPECT_EQ(rec->IntItemsOpen, open);
+  sfl_ItemRef ref{};
+  sfl_CloseItem(Store(b, 10, &ref));
+  int32_t h = sfl_IntOpenItem(rec, b.bh, 1, &item);
+  EXPECT_EQ(sfl_ItemHandle2Record(h), item);
+  EXPECT_EQ(item->RefFlags, static_cast<uint16_t>(b.ref.Flags | 1));
+  EXPECT_EQ(item->OpenRefs, 1);
+  EXPECT_EQ(rec->IntItemsOpen, open + 1);
+  sfl_CloseItem(h);
+  sfl_CloseFile(b.bh);
+}
+
 TEST_F(ItemHandles, FreedRecordKeepsItsCacheBuffersOnly) {
   int32_t h = -1;
   sfl_ItemRec* r = sfl_GetNewItemEntry(&h);
@@ -658,6 +695,31 @@ TEST_F(ItemHandles, DeletionWhileAnotherProcessHoldsTheFileIsPending) {
   EXPECT_EQ(FileHeaderOf(bh).Flags & ITEM_PEND_DEL, 0u);
   EXPECT_EQ(sfl_ItemExists(&keep), 1);
   sfl_CloseFile(bh);
+}
+
+// ---- sync events --------------------------------------------------------------------------
+
+// With every change flushed, the flushes count the sync events raised.
+TEST_F(ItemHandles, EachChangeReportsItsSyncEvent) {
+  setenv("SFL_ALL_SYNC_IO", "1", 1);
+  Box b = NewBox();
+  sfl_ItemRef ref{};
+  int32_t h = Store(b, 10, &ref);
+  sfl_OpenItem(&ref, 1);
+  auto flushes = [](const std::function<void()>& fn) {
+    uint64_t before = os_CallCount(os_Op::Fdatasync);
+    fn();
+    return os_CallCount(os_Op::Fdatasync) - before;
+  };
+  EXPECT_EQ(flushes([&] { sfl_Attach2OpenItem(h); }), 1u);
+  EXPECT_EQ(flushes([&] { sfl_DetachOpenItem(h); }), 1u);
+  EXPECT_EQ(flushes([&] { sfl_ChangeTime(h, 7); }), 1u);
+  EXPECT_EQ(flushes([&] { struct stat st; sfl_FStatItem(h, &st); }), 0u);
+  EXPECT_EQ(flushes([&] { sfl_ItemWillNotChange(h); sfl_ItemMayChange(h); }), 0u);
+  EXPECT_EQ(flushes([&] { sfl_DeleteItem(h); }), 1u);  // pending: open twice
+  EXPECT_EQ(flushes([&] { sfl_CloseItem(h); }), 0u);   // not the last close
+  EXPECT_EQ(flushes([&] { sfl_CloseItem(h); }), 1u);   // the last close; the deletion stays pending
+  sfl_CloseFile(b.bh);
 }
 
 // ---- freezing ---------------------------------------------------------------------------

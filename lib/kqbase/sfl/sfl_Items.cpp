@@ -109,6 +109,30 @@ int32_t OpenNewItem(sfl_BaseRec* rec, int32_t baseHandle, const sfl_ItemRef* ref
   return handle;
 }
 
+// Undoes a store that failed half way: returns its run of blocks and its
+// item slot, so that a failed store leaves the file as it found it.
+void GiveBack(sfl_BaseRec* rec, int32_t slot, uint32_t offset, uint32_t blocks) {
+  if (blocks > 0) sfl_FreeFreeBlocks(rec, offset, blocks);
+  if (slot < 1) return;
+  sfl_ItemRec taken;  // stands for the slot; never enters the table
+  taken.BaseRecord = rec;
+  taken.ItemNum = static_cast<uint32_t>(slot);
+  taken.HeaderOff = rec->ITableOff + static_cast<uint32_t>(slot) * SFL_ITEM_HEADER_SIZE;
+  sfl_Held lock;
+  lock.Header(rec, SFL_LOCK_EXCL);
+  sfl_IntDeleteItem(&taken);
+}
+
+// Runs GiveBack on the error path, keeping the escape that caused it.
+void GiveBackQuietly(sfl_BaseRec* rec, int32_t slot, uint32_t offset, uint32_t blocks) {
+  er_StatusKeeper keep;
+  try {
+    GiveBack(rec, slot, offset, blocks);
+  } catch (const er_Escape&) {
+    er_Accept(5);
+  }
+}
+
 }  // namespace
 
 int32_t sfl_StoreBasicItem(int32_t baseHandle, const sfl_ItemRef* source, uint32_t size,
@@ -125,42 +149,49 @@ int32_t sfl_StoreItemAtPosition(int32_t baseHandle, const sfl_ItemRef* source, u
   int32_t slot = sfl_GetFreeItemSlot(rec, 0, wantedItem);
   if (slot < 1) return -1;
 
-  int srcFd = source != nullptr ? im_OpenItem(source) : -1;
-  FdGuard srcGuard(srcFd);
-  if (srcFd >= 0 && size == 0) {
-    struct stat st;
-    if (os_fstat(srcFd, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
-    size = static_cast<uint32_t>(st.st_size);
-  }
-
-  sfl_ItemRef ref{};
-  ref.Domain = rec->Domain;
-  ref.Flags = static_cast<uint16_t>((rec->RefFlags & ~SFL_ITEM_NUM_MASK) |
-                                    (static_cast<uint32_t>(slot) & SFL_ITEM_NUM_MASK));
-  ref.SubDomain = rec->SubDomain;
-  ref.FileId = rec->FileId;
-  std::copy(std::begin(rec->Name), std::end(rec->Name), ref.Name);
-  if (out != nullptr) *out = ref;
-
   uint32_t blocks = 0;
-  uint32_t offset = sfl_GetFreeSpaceNew(rec, size, &blocks);
+  uint32_t offset = 0;
+  try {
+    int srcFd = source != nullptr ? im_OpenItem(source) : -1;
+    FdGuard srcGuard(srcFd);
+    if (srcFd >= 0 && size == 0) {
+      struct stat st;
+      if (os_fstat(srcFd, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
+      size = static_cast<uint32_t>(st.st_size);
+    }
 
-  Chunk buf;
-  uint32_t done = srcFd >= 0 ? CopyIn(rec, buf, srcFd, offset, size) : 0;
-  if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
-  sfl_ConsiderSync(rec, nullptr, SFL_EV_STORED);
+    sfl_ItemRef ref{};
+    ref.Domain = rec->Domain;
+    ref.Flags = static_cast<uint16_t>((rec->RefFlags & ~SFL_ITEM_NUM_MASK) |
+                                      (static_cast<uint32_t>(slot) & SFL_ITEM_NUM_MASK));
+    ref.SubDomain = rec->SubDomain;
+    ref.FileId = rec->FileId;
+    std::copy(std::begin(rec->Name), std::end(rec->Name), ref.Name);
+    if (out != nullptr) *out = ref;
 
-  sfl_ItemRec* item = nullptr;
-  int32_t handle = OpenNewItem(rec, baseHandle, &ref, static_cast<uint32_t>(slot),
-                               rec->ITableOff + static_cast<uint32_t>(slot) * SFL_ITEM_HEADER_SIZE,
-                               offset, size, blocks, &item);
-  rec->NewlyCreated = 0;
-  sfl_ConsiderSync(rec, item, SFL_EV_NEW_ITEM);
-  return handle;
+    offset = sfl_GetFreeSpaceNew(rec, size, &blocks);
+
+    Chunk buf;
+    uint32_t done = srcFd >= 0 ? CopyIn(rec, buf, srcFd, offset, size) : 0;
+    if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
+    sfl_ConsiderSync(rec, nullptr, SFL_EV_STORED);
+
+    sfl_ItemRec* item = nullptr;
+    int32_t handle = OpenNewItem(rec, baseHandle, &ref, static_cast<uint32_t>(slot),
+                                 rec->ITableOff + static_cast<uint32_t>(slot) * SFL_ITEM_HEADER_SIZE,
+                                 offset, size, blocks, &item);
+    rec->NewlyCreated = 0;
+    sfl_ConsiderSync(rec, item, SFL_EV_NEW_ITEM);
+    return handle;
+  } catch (const er_Escape&) {
+    GiveBackQuietly(rec, slot, offset, blocks);
+    throw;
+  }
 }
 
 int32_t sfl_AddItemToFile(const sfl_ItemRef* file, uint32_t size, uint32_t noZeroFill,
                           const sfl_ItemRef* source, int32_t passOn, sfl_ItemRef* out) {
+  ER_TRACE_PROC("sfl_AddItemToFile");
   sfl_ItemRef fileRef = *file;
   fileRef.Flags = static_cast<uint16_t>(fileRef.Flags & ~SFL_ITEM_NUM_MASK);
   sfl_BaseRec* rec = nullptr;
@@ -196,6 +227,7 @@ int32_t sfl_AddItemToFile(const sfl_ItemRef* file, uint32_t size, uint32_t noZer
 int32_t sfl_StoreItemWithOpenItem(int32_t itemHandle, uint32_t size, uint32_t noZeroFill,
                                   const sfl_ItemRef* source, int32_t passOn1, sfl_ItemRef* out,
                                   int32_t passOn2) {
+  ER_TRACE_PROC("sfl_StoreItemWithOpenItem");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   int32_t handle = sfl_StoreBasicItem(item->BaseHandle, source, size, out, noZeroFill);
   if (handle != -1) return handle;
@@ -208,27 +240,35 @@ void sfl_AssociateItemWithBase(int32_t itemHandle) {
 
 int32_t sfl_CopySimpleItem(int32_t baseHandle, uint32_t headerOffset, int32_t sourceFd,
                            uint32_t sourceOffset, uint32_t size, uint32_t noZeroFill) {
+  ER_TRACE_PROC("sfl_CopySimpleItem");
   sfl_BaseRec* rec = sfl_Handle2Record(baseHandle);
   sfl_PtrEnsureBaseFileOpen(rec);
   uint32_t blocks = 0;
   uint32_t offset = sfl_GetFreeSpaceNew(rec, size, &blocks);
 
-  Chunk buf;
-  uint32_t done = 0;
-  if (sourceFd != -1) {
-    if (os_lseek(sourceFd, static_cast<off_t>(sourceOffset), SEEK_SET) < 0)
-      ER_RAISE(ER_GROUP_OS, errno);
-    done = CopyIn(rec, buf, sourceFd, offset, size);
-  }
-  if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
+  try {
+    Chunk buf;
+    uint32_t done = 0;
+    if (sourceFd != -1) {
+      if (os_lseek(sourceFd, static_cast<off_t>(sourceOffset), SEEK_SET) < 0)
+        ER_RAISE(ER_GROUP_OS, errno);
+      done = CopyIn(rec, buf, sourceFd, offset, size);
+    }
+    if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
 
-  int32_t handle =
-      OpenNewItem(rec, baseHandle, nullptr, 0, headerOffset, offset, size, blocks, nullptr);
-  rec->NewlyCreated = 0;
-  return handle;
+    int32_t handle =
+        OpenNewItem(rec, baseHandle, nullptr, 0, headerOffset, offset, size, blocks, nullptr);
+    rec->NewlyCreated = 0;
+    return handle;
+  } catch (const er_Escape&) {
+    // The header slot is the caller's; only the run is given back.
+    GiveBackQuietly(rec, 0, offset, blocks);
+    throw;
+  }
 }
 
 int32_t sfl_ReadSimpleData(int32_t itemHandle, uint32_t position, uint32_t length, void* buffer) {
+  ER_TRACE_PROC("sfl_ReadSimpleData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   // The range check is on the 32-bit sum.
   if (static_cast<uint32_t>(position + length) > item->Size) SFL_RAISE(SFL_R_RANGE);
@@ -238,6 +278,7 @@ int32_t sfl_ReadSimpleData(int32_t itemHandle, uint32_t position, uint32_t lengt
 
 int32_t sfl_WriteSimpleData(int32_t itemHandle, uint32_t position, uint32_t length,
                             const void* buffer) {
+  ER_TRACE_PROC("sfl_WriteSimpleData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   if (static_cast<uint32_t>(position + length) > item->Size) SFL_RAISE(SFL_R_RANGE);
   ssize_t n = sfl_PWrite(item->BaseRecord, buffer, length, uint64_t{item->Offset} + position);
@@ -246,6 +287,7 @@ int32_t sfl_WriteSimpleData(int32_t itemHandle, uint32_t position, uint32_t leng
 }
 
 int32_t sfl_ReadSerialData(int32_t itemHandle, void* buffer, uint32_t length) {
+  ER_TRACE_PROC("sfl_ReadSerialData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   if ((item->Flags & BLOCKED_ITEM) != 0) SFL_RAISE(SFL_R_BLOCKED);
   if (uint64_t{item->CurrPos} + length > item->Size) length = item->Size - item->CurrPos;
@@ -255,6 +297,7 @@ int32_t sfl_ReadSerialData(int32_t itemHandle, void* buffer, uint32_t length) {
 }
 
 int32_t sfl_WriteSerialData(int32_t itemHandle, const void* buffer, uint32_t length) {
+  ER_TRACE_PROC("sfl_WriteSerialData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   if ((item->Flags & BLOCKED_ITEM) != 0) SFL_RAISE(SFL_R_BLOCKED);
   // A serial write never grows the item.
@@ -265,6 +308,7 @@ int32_t sfl_WriteSerialData(int32_t itemHandle, const void* buffer, uint32_t len
 }
 
 int64_t sfl_seek(int32_t itemHandle, int64_t offset, int32_t whence) {
+  ER_TRACE_PROC("sfl_seek");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   if ((item->Flags & BLOCKED_ITEM) != 0) SFL_RAISE(SFL_R_BLOCKED);
   const int64_t pos = item->CurrPos;
@@ -334,6 +378,7 @@ void sfl_TruncateSimItem(int32_t itemHandle, uint32_t newSize) {
 }
 
 void sfl_AppendToSimpleItem(sfl_ItemRec* item, uint32_t length, const void* buffer) {
+  ER_TRACE_PROC("sfl_AppendToSimpleItem");
   sfl_BaseRec* rec = item->BaseRecord;
   sfl_PtrEnsureBaseFileOpen(rec);
   sfl_Held lock;
@@ -361,6 +406,7 @@ void sfl_AppendToSimpleItem(sfl_ItemRec* item, uint32_t length, const void* buff
 }
 
 sfl_ItemMap* sfl_mapItem(int32_t handleOrFd, sfl_ItemMap* map) {
+  ER_TRACE_PROC("sfl_mapItem");
   int fd = handleOrFd;
   sfl_ItemRec* item = nullptr;
   if (handleOrFd >= SFL_ITEM_HANDLE_FIRST) {

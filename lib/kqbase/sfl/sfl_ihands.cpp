@@ -244,6 +244,7 @@ void sfl_CloseItem(int32_t itemHandle) {
 }
 
 uint32_t sfl_Attach2OpenItem(int32_t itemHandle) {
+  ER_TRACE_PROC("sfl_Attach2OpenItem");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   sfl_ItemHeader h;
   {
@@ -259,6 +260,7 @@ uint32_t sfl_Attach2OpenItem(int32_t itemHandle) {
 }
 
 uint32_t sfl_DetachOpenItem(int32_t itemHandle) {
+  ER_TRACE_PROC("sfl_DetachOpenItem");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   sfl_ItemHeader h;
   {
@@ -290,6 +292,7 @@ uint32_t sfl_DetachItem(const sfl_ItemRef* ref) {
 }
 
 void sfl_FStatItem(int32_t itemHandle, struct stat* st) {
+  ER_TRACE_PROC("sfl_FStatItem");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   if (os_fstat(item->BaseRecord->FileDes, st) != 0) ER_RAISE(ER_GROUP_OS, errno);
   sfl_ItemHeader h;
@@ -312,6 +315,7 @@ void sfl_StatItem(const sfl_ItemRef* ref, struct stat* st) {
 }
 
 int32_t sfl_ItemExists(const sfl_ItemRef* ref) {
+  ER_TRACE_PROC("sfl_ItemExists");
   try {
     int32_t handle = OpenItemRef(ref, 1, 1);
     sfl_CloseItem(handle);
@@ -323,6 +327,7 @@ int32_t sfl_ItemExists(const sfl_ItemRef* ref) {
 }
 
 void sfl_ChangeTime(int32_t itemHandle, uint32_t when) {
+  ER_TRACE_PROC("sfl_ChangeTime");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   {
     sfl_Held lock;
