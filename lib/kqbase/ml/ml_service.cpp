@@ -226,7 +226,8 @@ void sweep(Server& s) {
 }
 
 // Serves one pair until a stop signal, the loss of its queue, or
-// `keepGoing` (asked once per tick period) says to stop.
+// `keepGoing` (asked at every tick, and once per tick period under load)
+// says to stop.
 template <typename KeepGoing>
 void serve(Server& s, KeepGoing keepGoing) {
   std::vector<uint8_t> buf(4 + kMaxText);
@@ -250,13 +251,14 @@ void serve(Server& s, KeepGoing keepGoing) {
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+    const bool tick = n >= 0 && static_cast<int32_t>(sfl_GetU32(buf.data())) == ML_MSG_TICK;
     if (n >= 0) handle(s, buf.data(), n);
     int64_t now = nowMs();
     if (now >= s.nextSweepMs) {
       sweep(s);
       s.nextSweepMs = now + kSweepMs;
     }
-    if (now >= nextCheck) {
+    if (tick || now >= nextCheck) {
       nextCheck = now + kTickMs;
       if (!keepGoing()) return;
     }
@@ -266,12 +268,16 @@ void serve(Server& s, KeepGoing keepGoing) {
 void ticker(const std::vector<int>& requestQueues, int32_t mainPid) {
   uint8_t tick[4];
   sfl_PutU32(tick, ML_MSG_TICK);
-  while (!g_stop && pidAlive(mainPid)) {
+  for (;;) {
     std::this_thread::sleep_for(std::chrono::milliseconds(kTickMs));
+    // Decided before sending, so that the serving processes get one more
+    // tick after the main process has gone and notice it.
+    const bool last = g_stop || !pidAlive(mainPid);
     for (int q : requestQueues) {
       // A full queue needs no tick: its server is awake anyway.
       if (os_msgsnd(q, tick, 0, IPC_NOWAIT) != 0 && (errno == EINVAL || errno == EIDRM)) return;
     }
+    if (last) return;
   }
 }
 
