@@ -630,6 +630,39 @@ TEST_F(ItemHandles, DeletionAloneIsImmediate) {
   sfl_CloseFile(b.bh);
 }
 
+TEST_F(ItemHandles, DeletingABlockedItemReleasesItsTree) {
+  Box b = NewBox();
+  sfl_ItemRef keep = StoreClosed(b, 10);
+  sfl_ItemRef ref{};
+  int32_t h = sfl_CreateBlockedItem(b.bh, &ref);  // attach count 0
+  sfl_ItemRec* item = sfl_ItemHandle2Record(h);
+  sfl_BaseRec* rec = item->BaseRecord;
+  // A one-leaf tree holding one block, laid down by hand.
+  uint32_t units = 0;
+  uint32_t block = sfl_GetFreeSpaceNew(rec, 1000, &units);
+  sfl_IndexRecord root = sfl_NewIndexRecord();
+  root.Used = 1;
+  root.EverUsed = 1;
+  root.ParentOff = item->HeaderOff;
+  root.Entries[0] = {block, 1000};
+  sfl_WriteAnIndex(item, item->Offset, root);
+  const uint32_t rootOff = item->Offset;
+  sfl_DeleteItem(h);
+  EXPECT_EQ(Slot(b.bh, static_cast<int>(sfl_ItemNumOf(ref))).InUse, 0u);
+  EXPECT_EQ(FileHeaderOf(b.bh).UsedItems, 1u);
+  sfl_CloseItem(h);
+  // The root's and the block's space are both free again.
+  sfl_ItemRef r1{}, r2{};
+  int32_t a = Store(b, 384, &r1);
+  int32_t c = Store(b, 1000, &r2);
+  EXPECT_EQ(sfl_ItemHandle2Record(a)->Offset, rootOff);
+  EXPECT_EQ(sfl_ItemHandle2Record(c)->Offset, block);
+  sfl_CloseItem(a);
+  sfl_CloseItem(c);
+  EXPECT_EQ(sfl_ItemExists(&keep), 1);
+  sfl_CloseFile(b.bh);
+}
+
 TEST_F(ItemHandles, DeletionOfAnItemOpenTwiceIsPending) {
   Box b = NewBox();
   sfl_ItemRef ref{};
