@@ -343,6 +343,18 @@ TEST_F(Blocked, PlacementRefusals) {
   EXPECT_TRUE(LockableElsewhere(Rec(h)->HeaderOff, SFL_ITEM_HEADER_SIZE));
 }
 
+TEST_F(Blocked, ABlockOfNoBytesGetsANumberButNoSpace) {
+  const int32_t h = NewItem();
+  Place(h, 2, 1);
+  const Bytes map = Map();
+  EXPECT_EQ(sfl_GetNewBlock(h, 0, 1, nullptr), 2);
+  EXPECT_EQ(Map(), map);
+  const sfl_IndexRecord root = RootOf(h);
+  EXPECT_EQ(root.EverUsed, 3u);
+  EXPECT_EQ(root.Entries[2].SectionOffSet, 0u);
+  EXPECT_EQ(root.Entries[2].SectionSize, 0u);
+}
+
 // ---- freeing and finding ---------------------------------------------------------------------
 
 TEST_F(Blocked, FreeRefusals) {

@@ -239,10 +239,10 @@ static int sfl_SearchBranchForFreeEntry(Placement& p, uint32_t off, sfl_IndexRec
       if (r.Used < kFan) ++r.Used;
       if (r.EverUsed < s + 1) r.EverUsed = s + 1;
       sfl_WriteAnIndex(p.item, off, r);
-      if (p.blockOff != 0) {
-        p.placed = true;
-        p.blockNum = first;
-      }
+      // The new leaf's first number is the result even when there was no
+      // block to enter (a request for no bytes has no place).
+      p.placed = true;
+      p.blockNum = first;
       return kPlaced;
     }
     bool childFull = false;
@@ -283,10 +283,8 @@ static bool sfl_TraveseForFreeBlock(Placement& p, uint32_t off, uint32_t level, 
       const uint32_t first =
           sfl_InsertNewIndexLevel(p.item, off, r, *p.header, p.blockOff, p.blockSize, true);
       p.headerChanged = true;
-      if (p.blockOff != 0) {
-        p.placed = true;
-        p.blockNum = first;
-      }
+      p.placed = true;
+      p.blockNum = first;
     } else {
       *full = true;
     }
