@@ -513,6 +513,25 @@ TEST_F(ColdStoreFilesTest, FrozenFileIsRevivedByTheNextItemOpen) {
   sfl_CloseItem(item);
 }
 
+TEST_F(ColdStoreFilesTest, RevivalThatCannotRecordTheInterestLeavesTheFileCold) {
+  const sfl_ItemRef itemRef = CreateWithItem();
+  sfl_ItemRef fileRef = itemRef;
+  fileRef.Flags = static_cast<uint16_t>(fileRef.Flags & ~SFL_ITEM_NUM_MASK);
+  ASSERT_EQ(FilesInColdStore, 1);
+  os_FailNth(os_Op::Msgrcv, 1, EIO);  // the interest service's answer is lost
+  sfl_BaseRec* rec = nullptr;
+  Raised r = RaisedBy([&] { sfl_CheckFileAccessed(&fileRef, &rec, nullptr, 1, nullptr); });
+  os_ClearFaults();
+  EXPECT_NE(r.reason, 0);
+  EXPECT_EQ(FilesInColdStore, 1);
+  sfl_BaseRec* cold = nullptr;
+  for (size_t i = 0; i < sfl_OpenFiles().HighWater(); ++i)
+    if (sfl_OpenFiles().At(i)->InUse) cold = sfl_OpenFiles().At(i);
+  ASSERT_NE(cold, nullptr);
+  EXPECT_EQ(cold->InColdStore, 1u);
+  EXPECT_EQ(cold->ExternalOpens, 0);
+}
+
 // ---- activation -----------------------------------------------------------------------------
 
 TEST_F(ColdStoreFilesTest, DeactivatingTheLastActiveItemShutsTheFile) {

@@ -131,11 +131,13 @@ int32_t sfl_CheckFileAccessed(const sfl_ItemRef* ref, sfl_BaseRec** recOut, int3
         closeForGood(rec);
         return 0;
       }
+      // The interest goes first: if it cannot be recorded the record stays
+      // cold and counted, as it was.
+      sfl_RecordBaseInterest(rec);
       rec->InColdStore = 0;
       --FilesInColdStore;
       ++rec->ExternalOpens;
       rec->OpenMode = 1;
-      sfl_RecordBaseInterest(rec);
       if (revived != nullptr) *revived = 1;
     }
     if (recOut != nullptr) *recOut = rec;
