@@ -136,6 +136,8 @@ int os_kill(pid_t pid, int sig);
 pid_t os_fork();
 pid_t os_waitpid(pid_t pid, int* status, int options);
 pid_t os_setsid();
+// The target descriptor stays open across exec: this is how a starting
+// service puts its standard input, output and error in place.
 int os_dup2(int from, int to);
 
 #endif  // KQ_OS_H
