@@ -151,6 +151,8 @@ int32_t sfl_StoreItemAtPosition(int32_t baseHandle, const sfl_ItemRef* source, u
 
   uint32_t blocks = 0;
   uint32_t offset = 0;
+  sfl_ItemRec* item = nullptr;
+  int32_t handle = -1;
   try {
     int srcFd = source != nullptr ? im_OpenItem(source) : -1;
     FdGuard srcGuard(srcFd);
@@ -176,17 +178,17 @@ int32_t sfl_StoreItemAtPosition(int32_t baseHandle, const sfl_ItemRef* source, u
     if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
     sfl_ConsiderSync(rec, nullptr, SFL_EV_STORED);
 
-    sfl_ItemRec* item = nullptr;
-    int32_t handle = OpenNewItem(rec, baseHandle, &ref, static_cast<uint32_t>(slot),
-                                 rec->ITableOff + static_cast<uint32_t>(slot) * SFL_ITEM_HEADER_SIZE,
-                                 offset, size, blocks, &item);
-    rec->NewlyCreated = 0;
-    sfl_ConsiderSync(rec, item, SFL_EV_NEW_ITEM);
-    return handle;
+    handle = OpenNewItem(rec, baseHandle, &ref, static_cast<uint32_t>(slot),
+                         rec->ITableOff + static_cast<uint32_t>(slot) * SFL_ITEM_HEADER_SIZE,
+                         offset, size, blocks, &item);
   } catch (const er_Escape&) {
     GiveBackQuietly(rec, slot, offset, blocks);
     throw;
   }
+  // From here on the item exists and is open: nothing is given back.
+  rec->NewlyCreated = 0;
+  sfl_ConsiderSync(rec, item, SFL_EV_NEW_ITEM);
+  return handle;
 }
 
 int32_t sfl_AddItemToFile(const sfl_ItemRef* file, uint32_t size, uint32_t noZeroFill,
@@ -246,6 +248,7 @@ int32_t sfl_CopySimpleItem(int32_t baseHandle, uint32_t headerOffset, int32_t so
   uint32_t blocks = 0;
   uint32_t offset = sfl_GetFreeSpaceNew(rec, size, &blocks);
 
+  int32_t handle = -1;
   try {
     Chunk buf;
     uint32_t done = 0;
@@ -256,15 +259,14 @@ int32_t sfl_CopySimpleItem(int32_t baseHandle, uint32_t headerOffset, int32_t so
     }
     if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
 
-    int32_t handle =
-        OpenNewItem(rec, baseHandle, nullptr, 0, headerOffset, offset, size, blocks, nullptr);
-    rec->NewlyCreated = 0;
-    return handle;
+    handle = OpenNewItem(rec, baseHandle, nullptr, 0, headerOffset, offset, size, blocks, nullptr);
   } catch (const er_Escape&) {
     // The header slot is the caller's; only the run is given back.
     GiveBackQuietly(rec, 0, offset, blocks);
     throw;
   }
+  rec->NewlyCreated = 0;
+  return handle;
 }
 
 int32_t sfl_ReadSimpleData(int32_t itemHandle, uint32_t position, uint32_t length, void* buffer) {
