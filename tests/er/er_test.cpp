@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <unistd.h>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -193,6 +194,25 @@ TEST_F(ErTest, TracingFollowsTheSubsystemLevel) {
   EXPECT_NE(enter, std::string::npos);
   EXPECT_NE(exit, std::string::npos);
   EXPECT_LT(enter, exit);
+}
+
+// The trace level is read from configuration when the library is loaded:
+// the test runs itself again with the key set and checks the level there.
+TEST(ErStartup, TraceLevelIsReadFromConfigurationAtLoad) {
+  if (std::getenv("ER_TEST_STARTUP_CHILD") != nullptr) {
+    EXPECT_EQ(er_SubSystemLoggingLevel, 12);
+    return;
+  }
+  EXPECT_EQ(er_SubSystemLoggingLevel, 0);
+  int rc = sfltest::RunInChild([] {
+    setenv("ER_TEST_STARTUP_CHILD", "1", 1);
+    setenv("SFL_TRACE_LEVEL", "12", 1);
+    const char* args[] = {"er_test", "--gtest_filter=ErStartup.TraceLevelIsReadFromConfigurationAtLoad",
+                          nullptr};
+    ::execv("/proc/self/exe", const_cast<char* const*>(args));
+    return 98;  // exec failed
+  });
+  EXPECT_EQ(rc, 0);
 }
 
 void RaiseInC(void* ctx) { er_RaiseC(ER_GROUP_SFL, *static_cast<int*>(ctx), "c.c", 7); }

@@ -11,9 +11,19 @@
 
 namespace {
 
-bool g_loaded = false;
-std::map<std::string, std::string> g_file;
-std::deque<std::string> g_envCopies;  // stable storage for returned env values
+// Built on first use and never destroyed: lookups run from load-time
+// constructors (the trace level) before this file's globals would exist,
+// and from handlers at exit after they would be gone.
+struct State {
+  bool loaded = false;
+  std::map<std::string, std::string> file;
+  std::deque<std::string> envCopies;  // stable storage for returned env values
+};
+
+State& state() {
+  static State* s = new State;
+  return *s;
+}
 
 std::string trim(const std::string& s) {
   size_t b = s.find_first_not_of(" \t\r");
@@ -23,8 +33,9 @@ std::string trim(const std::string& s) {
 }
 
 void loadFile() {
-  g_loaded = true;
-  g_file.clear();
+  State& st = state();
+  st.loaded = true;
+  st.file.clear();
   const char* path = std::getenv("SFL_CONFIG");
   if (path == nullptr || *path == '\0') return;
   int fd = os_open(path, O_RDONLY);
@@ -43,7 +54,7 @@ void loadFile() {
     if (line.empty() || line[0] == '#') continue;
     size_t eq = line.find('=');
     if (eq == std::string::npos) continue;
-    g_file[trim(line.substr(0, eq))] = trim(line.substr(eq + 1));
+    st.file[trim(line.substr(0, eq))] = trim(line.substr(eq + 1));
   }
 }
 
@@ -51,20 +62,22 @@ void loadFile() {
 
 const char* cust_GetCustomiseInfo(const char* key) {
   if (key == nullptr) return nullptr;
+  State& st = state();
   if (const char* v = std::getenv(key)) {
     // Copy: the caller may keep the pointer while the environment changes.
-    for (const std::string& s : g_envCopies)
+    // One copy per distinct value, kept for good (a deque never moves them).
+    for (const std::string& s : st.envCopies)
       if (s == v) return s.c_str();
-    if (g_envCopies.size() > 256) g_envCopies.clear();
-    g_envCopies.emplace_back(v);
-    return g_envCopies.back().c_str();
+    st.envCopies.emplace_back(v);
+    return st.envCopies.back().c_str();
   }
-  if (!g_loaded) loadFile();
-  auto it = g_file.find(key);
-  return it == g_file.end() ? nullptr : it->second.c_str();
+  if (!st.loaded) loadFile();
+  auto it = st.file.find(key);
+  return it == st.file.end() ? nullptr : it->second.c_str();
 }
 
 void cust_Reload() {
-  g_loaded = false;
-  g_file.clear();
+  State& st = state();
+  st.loaded = false;
+  st.file.clear();
 }

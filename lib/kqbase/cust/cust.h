@@ -4,8 +4,9 @@
 #ifndef KQ_CUST_H
 #define KQ_CUST_H
 
-// Returns the value of `key`, or null when the key is absent. The pointer
-// stays valid until cust_Reload.
+// Returns the value of `key`, or null when the key is absent. A value from
+// the environment stays valid for the life of the process, one from the
+// file until cust_Reload.
 const char* cust_GetCustomiseInfo(const char* key);
 // Forgets what was read from the configuration file (tests change it).
 void cust_Reload();

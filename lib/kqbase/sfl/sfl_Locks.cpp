@@ -134,8 +134,8 @@ int32_t sfl_UnLockAnIndex(sfl_ItemRec* item, uint32_t offset) {
 int32_t sfl_LockSflItem(int32_t itemHandle, int32_t mode, int16_t whence, int64_t offset,
                         int64_t length) {
   ER_TRACE_PROC("sfl_LockSflItem");
-  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   if (whence != 0) ER_RAISE(ER_GROUP_CALL, 38);
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   // A negative end is let through unchecked; only ends at or above zero are
   // held to the item's size and to 32 bits.
   const int64_t end = static_cast<int64_t>(static_cast<uint64_t>(offset) + static_cast<uint64_t>(length));
