@@ -284,6 +284,13 @@ TEST_F(LocksTest, NonZeroWhenceRaises38InGroupOne) {
   EXPECT_EQ(r.group, ER_GROUP_CALL);
   EXPECT_EQ(r.reason, 38);
   EXPECT_EQ(item_->LockCount, 0);
+  // The whence is looked at before the handle.
+  r = RaisedBy([&] { sfl_LockSflItem(7999, SFL_LOCK_EXCL, 2, 0, 10); });
+  EXPECT_EQ(r.group, ER_GROUP_CALL);
+  EXPECT_EQ(r.reason, 38);
+  r = RaisedBy([&] { sfl_LockSflItem(7999, SFL_LOCK_EXCL, 0, 0, 10); });
+  EXPECT_EQ(r.group, ER_GROUP_TABLE);
+  EXPECT_EQ(r.reason, SFL_R_BAD_HANDLE);
 }
 
 TEST_F(LocksTest, RangeHeldElsewhereIsRefusedAtOnce) {
