@@ -172,14 +172,14 @@ sfl_ItemRef ParseRef(const std::string& text) {
 sfl_ItemRef ParseItemRef(const std::string& text) {
   sfl_ItemRef ref = ParseRef(text);
   if (ItemNumber(ref) == 0)
-    throw UsageError{"'" + text + "' names a container; add ':<item>' to name one of its items"};
+    throw UsageError{"names a container; add ':<item>' to name one of its items"};
   return ref;
 }
 
 sfl_ItemRef ParseContainerRef(const std::string& text) {
   sfl_ItemRef ref = ParseRef(text);
   if (ItemNumber(ref) != 0)
-    throw UsageError{"'" + text + "' names an item; give the container (without ':<item>')"};
+    throw UsageError{"names an item; give its container (without ':<item>')"};
   return ref;
 }
 
