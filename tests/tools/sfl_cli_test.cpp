@@ -623,6 +623,26 @@ TEST(SflCliAttach, CountsAndTheLastDetachDeletes) {
   EXPECT_FAILS(Sfl({"attach", c + ":6"}), 1);
 }
 
+TEST(SflCliAttach, LibraryWarningsOnlyWithVerbose) {
+  // A blocked item starts with attach count 0: detaching it makes the library
+  // log a warning (28859) to standard error when no log file is set.
+  const std::string c = NewContainer({"-"});
+  const std::string quiet = Lines(Sfl({"blocks", "append", c}, "q\n").out)[0];
+  const std::string loud = Lines(Sfl({"blocks", "append", c}, "l\n").out)[0];
+  const std::string bin = BinDir() + "/bin/sfl";
+  Outcome q = Exec({bin, "detach", quiet}, "", "", {}, {"SFL_LOG_FILE", "SFL_LOG_LEVEL"});
+  EXPECT_OK(q);
+  EXPECT_EQ(q.out, "0\n");
+  Outcome l = Exec({bin, "-v", "detach", loud}, "", "", {}, {"SFL_LOG_FILE", "SFL_LOG_LEVEL"});
+  EXPECT_EQ(l.status, 0);
+  EXPECT_EQ(l.out, "0\n");
+  EXPECT_NE(l.err.find("28859"), std::string::npos) << l.err;
+  // A log level the user configured is respected.
+  const std::string set = Lines(Sfl({"blocks", "append", c}, "s\n").out)[0];
+  Outcome e = Exec({bin, "detach", set}, "", "", {{"SFL_LOG_LEVEL", "5"}}, {"SFL_LOG_FILE"});
+  EXPECT_NE(e.err.find("28859"), std::string::npos) << e.err;
+}
+
 TEST(SflCliTruncate, WithinTheReservedBlocksOnly) {
   const std::string c = NewContainer();
   const std::string item = Put(c, std::string(200, 'z'));  // two 128-byte blocks reserved
