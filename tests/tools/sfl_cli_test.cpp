@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "sfl.h"
+#include "sfl_records.h"
 #include "test_env.h"
 
 namespace {
@@ -749,6 +750,30 @@ TEST(SflCliBlocks, AppendListReadFree) {
   Outcome text = Sfl({"blocks", "list", item});
   EXPECT_OK(text);
   EXPECT_NE(text.out.find("3 blocks, 19 bytes, index depth 0"), std::string::npos) << text.out;
+}
+
+TEST(SflCliBlocks, TheFirstAppendLeavesAWellFormedLeafRoot) {
+  const std::string c = NewContainer({"-"});
+  const std::string item = Lines(Sfl({"blocks", "append", c}, "0123456789\n").out)[0];
+  EXPECT_EQ(item, c + ":2");
+  Json st = ParseJson(Sfl({"stat", item, "--json"}).out);
+  const std::string path = st["path"].str.substr(0, st["path"].str.rfind(':'));
+  const std::string file = ReadFile(path);
+  const size_t off = static_cast<size_t>(st["offset"].num);
+  ASSERT_GE(file.size(), off + SFL_INDEX_SIZE);
+  sfl_IndexBytes raw{};
+  std::memcpy(raw.data(), file.data() + off, raw.size());
+  const sfl_IndexRecord root = sfl_DecodeIndex(raw);
+  EXPECT_EQ(root.Magic, SFL_MAGIC);
+  EXPECT_EQ(root.Type, SFL_TYPE_INDEX);
+  EXPECT_EQ(root.Depth, 0u);
+  EXPECT_EQ(root.ParentOff, SFL_TABLE_OFFSET + 2 * SFL_ITEM_HEADER_SIZE);  // item 2's header
+  EXPECT_EQ(root.Used, 1u);
+  EXPECT_EQ(root.EverUsed, 1u);
+  EXPECT_EQ(root.BaseBlockNum, 0u);
+  EXPECT_EQ(root.Entries[0].SectionSize, 11u);
+  EXPECT_EQ(file.substr(root.Entries[0].SectionOffSet, 11), "0123456789\n");
+  EXPECT_EQ(root.Entries[1].SectionOffSet, 0u);
 }
 
 TEST(SflCliBlocks, ChunksOfAFileGrowTheTree) {

@@ -19,20 +19,30 @@ constexpr uint32_t kMaxDepth = 6;
 constexpr size_t kIndexSize = 384;
 constexpr uint32_t kMagic = 12345678;
 constexpr uint32_t kIndexType = 18;
-constexpr uint32_t kTableOffset = 128;
+constexpr uint32_t kTableOffsetField = 24;  // in the file header
+constexpr uint32_t kParentField = 24;       // in an index record
 constexpr uint32_t kItemHeaderSize = 64;
 
-// The raw 384 bytes of a blocked item's root record, read from the container
-// file. Throws Failure when they cannot be read.
-std::string ReadRootBytes(const sfl_ItemRef& ref, uint32_t offset) {
+// Raw bytes of the container file. Throws Failure when they cannot be read.
+std::string ReadRaw(const sfl_ItemRef& ref, uint32_t offset, size_t len) {
   const std::string path = RefPath(ContainerOf(ref));
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) throw Failure{path + ": " + std::strerror(errno)};
-  std::string raw(kIndexSize, '\0');
+  std::string raw(len, '\0');
   ssize_t n = pread(fd, raw.data(), raw.size(), offset);
   close(fd);
-  if (n != static_cast<ssize_t>(raw.size())) throw Failure{"cannot read the item's index root"};
+  if (n != static_cast<ssize_t>(raw.size())) throw Failure{"cannot read the container file"};
   return raw;
+}
+
+std::string ReadRootBytes(const sfl_ItemRef& ref, uint32_t offset) {
+  return ReadRaw(ref, offset, kIndexSize);
+}
+
+uint32_t GetLe32(const std::string& buf, size_t at) {
+  uint32_t v = 0;
+  for (int i = 3; i >= 0; --i) v = (v << 8) | static_cast<uint8_t>(buf[at + static_cast<size_t>(i)]);
+  return v;
 }
 
 bool AllZero(const std::string& bytes) {
@@ -68,7 +78,8 @@ void PrepareBlankRoot(const Container& c, const sfl_ItemRef& ref, int32_t handle
   std::string leaf(kIndexSize, '\0');
   PutLe32(&leaf, 0, kMagic);
   PutLe32(&leaf, 4, kIndexType);
-  PutLe32(&leaf, 24, kTableOffset + ItemNumber(ref) * kItemHeaderSize);  // parent: the header
+  const uint32_t table = GetLe32(ReadRaw(ref, kTableOffsetField, 4), 0);
+  PutLe32(&leaf, kParentField, table + ItemNumber(ref) * kItemHeaderSize);  // parent: the header
   const std::string path = RefPath(ContainerOf(ref));
   int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
   if (fd < 0) throw Failure{path + ": " + std::strerror(errno)};
