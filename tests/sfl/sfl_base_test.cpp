@@ -614,12 +614,23 @@ TEST_F(BaseTest, EscapeDuringCloseReleasesTheHeaderLock) {
 
 // ---- two processes ------------------------------------------------------------------
 
+// A one-way channel between the test and a child. Each side closes the end
+// it does not use, so that a side that dies or fails early is seen as end of
+// file by the other instead of leaving it waiting.
 struct Pipe {
   int fd[2] = {-1, -1};
   Pipe() { EXPECT_EQ(pipe(fd), 0); }
   ~Pipe() {
-    close(fd[0]);
-    close(fd[1]);
+    CloseRead();
+    CloseWrite();
+  }
+  void CloseRead() {
+    if (fd[0] >= 0) close(fd[0]);
+    fd[0] = -1;
+  }
+  void CloseWrite() {
+    if (fd[1] >= 0) close(fd[1]);
+    fd[1] = -1;
   }
   void Send(char c) { EXPECT_EQ(write(fd[1], &c, 1), 1); }
   char Receive() {
@@ -628,12 +639,121 @@ struct Pipe {
   }
 };
 
+// The ends each side keeps: the test writes `toChild` and reads `toParent`.
+void ChildEnds(Pipe& toChild, Pipe& toParent) {
+  toChild.CloseWrite();
+  toParent.CloseRead();
+}
+void ParentEnds(Pipe& toChild, Pipe& toParent) {
+  toChild.CloseRead();
+  toParent.CloseWrite();
+}
+
+TEST_F(BaseTest, ItemDeletedAtOnceLeavesAnEmptyFileThatIsRemoved) {
+  int32_t h = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+  const std::string path = PathOf(h);
+  sfl_ItemRef itemRef{};
+  int32_t item = sfl_StoreBasicItem(h, nullptr, 700, &itemRef, 0);
+  EXPECT_EQ(sfl_DetachOpenItem(item), 0u);
+  sfl_CloseItem(item);  // alone with the file: the deletion is immediate
+  EXPECT_EQ(U32At(path, 20) & ITEM_PEND_DEL, 0u);
+  EXPECT_TRUE(Exists(path));
+  sfl_CloseFile(h);
+  EXPECT_FALSE(Exists(path));
+}
+
+TEST_F(BaseTest, ShortMapWriteAtCreationIsNotLookedAt) {
+  // Header, table, then the map: the third positioned write comes up short
+  // and the creation goes on regardless.
+  os_ShortNth(os_Op::Pwrite, 3, 10);
+  int32_t h = -1;
+  EXPECT_EQ(EscapeOf([&] { h = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0); }), std::make_pair(0, 0));
+  ASSERT_GE(h, SFL_BASE_HANDLE_FIRST);
+  EXPECT_EQ(FileBytes(PathOf(h)).size(), 640u + 10u);
+  EXPECT_NE(sfl_Handle2Record(h)->FreeMapItem, nullptr);
+}
+
+// ---- the compaction decision at close --------------------------------------------------
+
+std::vector<std::pair<int, int>> g_logged;
+void Collect(int level, int group, int reason, const char*) { g_logged.push_back({level, reason}); }
+
+bool CompactionTried() {
+  for (auto& l : g_logged)
+    if (l.second == SFL_R_NOT_BUILT) return l.first == 5;
+  return false;
+}
+
+// Closes a one-item container created with `flags` (after marking it as
+// needing compaction) and reports whether a compaction was attempted.
+bool CloseNeedingCompaction(int32_t type, int32_t flags) {
+  int32_t h = sfl_CreateSfl(0, type, flags);
+  StoreItem(h, 300);
+  OrU32(PathOf(h), 20, NEED_COMPACTION);
+  g_logged.clear();
+  er_LogHook old = er_SetLogHook(Collect);
+  sfl_CloseFile(h);
+  er_SetLogHook(old);
+  return CompactionTried();
+}
+
+TEST_F(BaseTest, FileNeedingCompactionIsKeptSinceCompactionIsNotBuilt) {
+  int32_t h = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+  StoreItem(h, 300);
+  const std::string path = PathOf(h);
+  OrU32(path, 20, NEED_COMPACTION);
+  sfl_BaseRec* rec = sfl_Handle2Record(h);
+  EXPECT_EQ(sfl_AnalyseFreeMap(rec), 0u);
+  g_logged.clear();
+  er_LogHook old = er_SetLogHook(Collect);
+  sfl_CloseFile(h);
+  er_SetLogHook(old);
+  EXPECT_TRUE(CompactionTried());
+  // Abandoned: the file is kept as it was and goes to the cold store.
+  EXPECT_TRUE(Exists(path));
+  EXPECT_EQ(rec->InColdStore, 1u);
+  EXPECT_NE(U32At(path, 20) & NEED_COMPACTION, 0u);
+}
+
+TEST_F(BaseTest, CompactionNeverTriedForTemporaryOrAsynchronousFiles) {
+  EXPECT_TRUE(CloseNeedingCompaction(SFL_TYPE_DATA_ITEM, 0));
+  EXPECT_FALSE(CloseNeedingCompaction(SFL_TYPE_TEMP_ITEM, 0));
+  EXPECT_FALSE(CloseNeedingCompaction(SFL_TYPE_DATA_ITEM, ASYNCHRONOUS));
+  EXPECT_FALSE(CloseNeedingCompaction(SFL_TYPE_DATA_ITEM, SINGLE_FILE));
+}
+
+TEST_F(BaseTest, CompactionNotTriedWhileAnotherProcessHoldsTheFile) {
+  int32_t h = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+  StoreItem(h, 300);
+  const sfl_ItemRef ref = RefOf(h);
+  OrU32(PathOf(h), 20, NEED_COMPACTION);
+  Pipe toChild, toParent;
+  int pid = sfltest::StartChild([&] {
+    ChildEnds(toChild, toParent);
+    int32_t o = sfl_OpenSfl(&ref, 0);
+    toParent.Send('o');
+    if (toChild.Receive() != 'c') return 2;
+    sfl_CloseFile(o);
+    return 0;
+  });
+  ParentEnds(toChild, toParent);
+  ASSERT_EQ(toParent.Receive(), 'o');
+  g_logged.clear();
+  er_LogHook old = er_SetLogHook(Collect);
+  sfl_CloseFile(h);
+  er_SetLogHook(old);
+  EXPECT_FALSE(CompactionTried());
+  toChild.Send('c');
+  EXPECT_EQ(sfltest::WaitChild(pid), 0);
+}
+
 TEST_F(BaseTest, TwoProcessesShareAFileAndTheLastCloseIsFinal) {
   int32_t h = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
   const sfl_ItemRef ref = RefOf(h);
   const std::string path = PathOf(h);
   Pipe toChild, toParent;
   int pid = sfltest::StartChild([&] {
+    ChildEnds(toChild, toParent);
     int32_t o = sfl_OpenSfl(&ref, 0);
     sfl_BaseRec* rec = sfl_Handle2Record(o);
     if (rec->ProcAccCount != 2) return 1;
@@ -646,6 +766,7 @@ TEST_F(BaseTest, TwoProcessesShareAFileAndTheLastCloseIsFinal) {
     sfl_CloseFile(o);
     return Exists(path) ? 5 : 0;
   });
+  ParentEnds(toChild, toParent);
   ASSERT_EQ(toParent.Receive(), 'o');
   sfl_BaseRec* rec = sfl_Handle2Record(h);
   sfl_CheckBaseInterest(rec);
@@ -667,6 +788,7 @@ TEST_F(BaseTest, DeletionDeferredByAnotherProcessIsReleasedByTheLastClose) {
   int32_t item = sfl_StoreBasicItem(h, nullptr, 1000, &itemRef, 0);
   Pipe toChild, toParent;
   int pid = sfltest::StartChild([&] {
+    ChildEnds(toChild, toParent);
     int32_t o = sfl_OpenSfl(&ref, 0);
     toParent.Send('o');
     if (toChild.Receive() != 'c') return 2;
@@ -676,6 +798,7 @@ TEST_F(BaseTest, DeletionDeferredByAnotherProcessIsReleasedByTheLastClose) {
     sfl_CloseFile(o);
     return Exists(path) ? 4 : 0;
   });
+  ParentEnds(toChild, toParent);
   ASSERT_EQ(toParent.Receive(), 'o');
   // Dropping the last attachment deletes the item at its close; the child's
   // interest makes that deletion wait.
