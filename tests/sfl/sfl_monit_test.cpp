@@ -284,6 +284,46 @@ TEST(MonitQueues, ServiceThatDiesAfterSetupRaises380WhenItsPairIsPicked) {
   EXPECT_EQ(0, WaitChild(client));
 }
 
+TEST(MonitQueues, FailedSetupIsRetriedByTheNextCall) {
+  autostartOff();
+  Pipe failed, published;
+  int client = StartChild([&] {
+    sfl_BaseRec rec;
+    fillBase(&rec, makeRef(1, 1));
+    if (escapeOf([&] { sfl_GetQueue(nullptr, nullptr, nullptr, nullptr, nullptr); }) != kNotAvailable) return 1;
+    failed.signal();
+    if (!published.wait()) return 2;
+    int32_t pairs = 0, pid = 0;
+    sfl_ItemRef ref = makeRef(1, 1);
+    sfl_GetQueue(&ref, nullptr, nullptr, &pairs, &pid);
+    return pairs == 3 && pid == getppid() ? 0 : 3;
+  });
+  ASSERT_TRUE(failed.wait());
+  FakeService svc(2, 6);
+  published.signal();
+  EXPECT_EQ(0, WaitChild(client));
+}
+
+TEST(MonitQueues, ReplyQueueRemovedWhileWaitingIsAnOsEscape) {
+  autostartOff();
+  FakeService svc(0, 2);
+  const int req = svc.queues[0], rep = svc.queues[1];
+  // The service's side takes the request and then removes the reply queue.
+  int server = StartChild([&] {
+    alarm(20);
+    uint8_t buf[4 + 8192];
+    if (msgrcv(req, buf, 8192, 0, 0) != ML_CHECK_LEN) return 1;
+    return msgctl(rep, IPC_RMID, nullptr) == 0 ? 0 : 2;
+  });
+  EXPECT_EQ(0, RunInChild([] {
+    sfl_BaseRec rec;
+    fillBase(&rec, makeRef(1, 1));
+    int got = escapeOf([&] { sfl_CheckBaseInterest(&rec); });
+    return got == ER_GROUP_OS * 100000 + EIDRM || got == ER_GROUP_OS * 100000 + EINVAL ? 0 : 1;
+  }));
+  EXPECT_EQ(0, WaitChild(server));
+}
+
 // ---- sending ---------------------------------------------------------------------------------
 
 TEST(MonitSend, FullQueueIsRetriedForAboutFifteenSecondsThen3533) {
