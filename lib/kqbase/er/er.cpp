@@ -175,6 +175,16 @@ const char* er_ReasonText(int group, int reason) {
     }
   }
   if (group == ER_GROUP_MONIT && reason == 380) return "interest service not available";
+  if (group == ER_GROUP_CONFIG) {
+    switch (reason) {
+      case 4401: return "unsafe name tag in item reference";
+      case 4402: return "malformed item reference text";
+      case 4403: return "name is not a file of the item store";
+      case 4404: return "buffer too small for the name";
+      case 4405: return "no unique file number found";
+      default: break;
+    }
+  }
   if (reason == 3533) return "interest request could not be sent";
   switch (reason) {
     case 28850: return "no free item slot for a blocked item";
