@@ -110,6 +110,10 @@ std::unique_ptr<BlockLog> NewSflLog(const std::string& dir, Durability d);
 
 // Per-process setup a system needs before its first call (environment keys).
 void PrepareSfl(const std::string& dir, Durability d);
+// The library's os_ counters by kind, and their growth since a snapshot
+// added to a run's figures as "os_<kind>".
+std::vector<uint64_t> SflCallSnapshot();
+void AddSflCallFigures(Figures& f, const std::vector<uint64_t>& before);
 
 // ---- the measured run (child side) -------------------------------------------------
 // Runs one workload ("W1", "W2", "W3", "W3build", or "idle" / "idleread",

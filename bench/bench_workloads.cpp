@@ -63,6 +63,7 @@ Figures RunW1(const std::string& system, Durability d, const std::string& dir, c
 
   Figures f;
   int64_t calls0 = store->OwnCallCount();
+  std::vector<uint64_t> kinds0 = SflCallSnapshot();
   double t0 = Now();
   StoreAll(*store, s.messages, in);
   double t1 = Now();
@@ -79,6 +80,7 @@ Figures RunW1(const std::string& system, Durability d, const std::string& dir, c
   for (int m = 0; m < s.messages; m += 2, ++deleted) store->Delete(m);
   double t4 = Now();
   int64_t calls1 = store->OwnCallCount();
+  if (system == "sfl") AddSflCallFigures(f, kinds0);
   store.reset();
   f["disk_end"] = static_cast<double>(DiskBytes(dir));
 
@@ -179,6 +181,7 @@ Figures RunW2(const std::string& system, Durability d, const std::string& dir, c
   std::vector<int64_t> ids(s.blocks);
   Figures f;
   int64_t calls0 = log->OwnCallCount();
+  std::vector<uint64_t> kinds0 = SflCallSnapshot();
   double payload = 0;
   double t0 = Now();
   for (int i = 0; i < s.blocks; ++i) {
@@ -209,6 +212,7 @@ Figures RunW2(const std::string& system, Durability d, const std::string& dir, c
   }
   double t4 = Now();
   int64_t calls1 = log->OwnCallCount();
+  if (system == "sfl") AddSflCallFigures(f, kinds0);
   log.reset();
   f["disk_end"] = static_cast<double>(DiskBytes(dir));
   f["t_store"] = t1 - t0;
