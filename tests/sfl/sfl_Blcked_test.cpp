@@ -186,6 +186,32 @@ TEST_F(Blocked, CreatedItemHasZeroRootAndFailsTheIndexCheck) {
   sfl_CloseItem(h);
 }
 
+TEST_F(Blocked, FormattingAZeroRootMakesTheItemUsableOnce) {
+  const int32_t h = sfl_CreateBlockedItem(base_, nullptr);
+  const uint32_t root = Rec(h)->Offset;
+  EXPECT_EQ(sfl_FormatBlockedRoot(h), 1);
+  const sfl_IndexRecord leaf = Index(root);
+  EXPECT_EQ(leaf.Magic, SFL_MAGIC);
+  EXPECT_EQ(leaf.Type, SFL_TYPE_INDEX);
+  EXPECT_EQ(leaf.Depth, 0u);
+  EXPECT_EQ(leaf.Used, 0u);
+  EXPECT_EQ(leaf.ParentOff, Rec(h)->HeaderOff);
+
+  uint8_t d[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+  EXPECT_EQ(sfl_GetNewBlock(h, 8, 1, d), 0);
+  // A root that already is an index record is left alone.
+  const Bytes after = Raw(root, SFL_INDEX_SIZE);
+  EXPECT_EQ(sfl_FormatBlockedRoot(h), 0);
+  EXPECT_EQ(Raw(root, SFL_INDEX_SIZE), after);
+  uint8_t back[8] = {};
+  EXPECT_EQ(sfl_ReadBlockedData(h, 0, 8, back), 8u);
+  EXPECT_EQ(std::memcmp(back, d, 8), 0);
+  // Simple items have no root to format.
+  EXPECT_EQ(ReasonOf([&] { sfl_FormatBlockedRoot(parent_); }), Sfl(SFL_R_NOT_BLOCKED));
+  EXPECT_TRUE(LockableElsewhere(Rec(h)->HeaderOff, SFL_ITEM_HEADER_SIZE));
+  sfl_CloseItem(h);
+}
+
 TEST_F(Blocked, NoFreeSlotRaises28850AndTakesNoSpace) {
   for (int i = 0; i < 6; ++i) ASSERT_GE(sfl_CreateBlockedItem(base_, nullptr), SFL_ITEM_HANDLE_FIRST);
   const Bytes before = Map();
@@ -694,18 +720,11 @@ TEST_F(Blocked, AReaderInAnotherProcessWaitsSharedAndSeesWhatWasWritten) {
 
 // ---- releasing whole trees ------------------------------------------------------------------------
 
-// Gives a created item a usable tree: an empty leaf record at its root.
-void FormatRoot(int fd, uint32_t root) {
-  sfl_IndexBytes b;
-  sfl_EncodeIndex(sfl_NewIndexRecord(), b);
-  ASSERT_EQ(::pwrite(fd, b.data(), b.size(), root), static_cast<ssize_t>(b.size()));
-}
-
 TEST_F(Blocked, DeletingABlockedItemReleasesItsWholeTree) {
   const Bytes before = Map();
   sfl_ItemRef ref{};
   const int32_t h = sfl_CreateBlockedItem(base_, &ref);
-  FormatRoot(fd_, Rec(h)->Offset);
+  ASSERT_EQ(sfl_FormatBlockedRoot(h), 1);
   for (uint32_t b = 0; b < 70; ++b) {
     Bytes d = Pattern(b, 0, 150 + b);
     ASSERT_EQ(sfl_WriteBlockedData(h, b * 3, 150 + b, d.data()), static_cast<int32_t>(150 + b));
@@ -732,7 +751,7 @@ TEST_F(Blocked, APendingDeletionReleasesTheTreeAtTheLastClose) {
   const Bytes before = Map();
   sfl_ItemRef ref{};
   const int32_t h = sfl_CreateBlockedItem(base_, &ref);
-  FormatRoot(fd_, Rec(h)->Offset);
+  ASSERT_EQ(sfl_FormatBlockedRoot(h), 1);
   for (uint32_t b = 0; b < 50; ++b) {
     Bytes d = Pattern(b, 0, 200);
     ASSERT_GE(sfl_GetNewBlock(h, 200, 1, d.data()), 0);

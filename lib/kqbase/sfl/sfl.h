@@ -226,6 +226,11 @@ SFL_API int32_t sfl_fileno(int32_t streamHandle);
 
 /* ---- blocked items ------------------------------------------------------------------ */
 SFL_API int32_t sfl_CreateBlockedItem(int32_t baseHandle, sfl_ItemRef* out);
+/* sfl_CreateBlockedItem lays the new item's root down as zeros, which the
+   index check refuses; this turns such a root into an empty leaf so that
+   blocks can be placed. Returns 1 when it wrote the root, 0 when the root
+   already was an index record. */
+SFL_API int32_t sfl_FormatBlockedRoot(int32_t itemHandle);
 SFL_API int32_t sfl_GetNewBlock(int32_t itemHandle, int32_t size, int32_t mode, const void* data);
 SFL_API void sfl_FreeBlock(int32_t itemHandle, uint32_t block, int32_t unused);
 SFL_API int32_t sfl_IntPower(uint32_t base, uint32_t exponent);

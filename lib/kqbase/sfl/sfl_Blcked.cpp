@@ -774,3 +774,28 @@ extern "C" int32_t sfl_CreateBlockedItem(int32_t baseHandle, sfl_ItemRef* out) {
   sfl_ConsiderSync(rec, item, SFL_EV_NEW_ITEM);
   return handle;
 }
+
+// A root still as sfl_CreateBlockedItem laid it down (all zeros) becomes an
+// empty leaf whose parent is the item's header. Done under the item header's
+// exclusive lock, like every other change of the tree.
+extern "C" int32_t sfl_FormatBlockedRoot(int32_t itemHandle) {
+  ER_TRACE_PROC("sfl_FormatBlockedRoot");
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  if ((item->Flags & BLOCKED_ITEM) == 0) SFL_RAISE(SFL_R_NOT_BLOCKED);
+  sfl_Held lock;
+  lock.ItemHeader(item, SFL_LOCK_EXCL);
+  sfl_ItemHeader header;
+  sfl_ReadItemHeader(item, &header);
+  if (header.IndexDepth != 0 || header.FileOffset == 0) return 0;
+  sfl_IndexBytes raw{};
+  const ssize_t n = sfl_PRead(item->BaseRecord, raw.data(), raw.size(), header.FileOffset);
+  if (n < 0 || static_cast<size_t>(n) != raw.size()) SFL_RAISE(SFL_R_SHORT_READ);
+  for (uint8_t b : raw)
+    if (b != 0) return 0;
+  sfl_IndexRecord root = sfl_NewIndexRecord();
+  root.ParentOff = item->HeaderOff;
+  sfl_WriteAnIndex(item, header.FileOffset, root);
+  lock.Unlock();
+  sfl_ConsiderSync(nullptr, item, SFL_EV_INDEX_WRITTEN);
+  return 1;
+}
