@@ -27,6 +27,7 @@ struct Sizes {
   int blocks = 50000;       // W2 appends and random reads
   int readers = 4;          // W3 processes
   int readsPerReader = 5000;
+  bool measureDisk = true;  // off in traced runs: the walk makes calls of its own
 };
 
 constexpr int kPartsPerMessage = 5;

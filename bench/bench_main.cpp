@@ -69,15 +69,29 @@ std::vector<std::string> SystemsFor(const std::string& w) {
   return {"sfl", "files", "sqlite"};
 }
 
-Sizes SizesFor(const Options& o, Durability d, double extra) {
+// Sizes of the timed runs of a workload. W3 only reads, so the flushing
+// mode does not shrink its store or its reads.
+Sizes SizesFor(const Options& o, const std::string& w, Durability d) {
   Sizes s;
-  double k = o.scale * extra * (d == Durability::Sync ? o.syncScale : 1.0);
-  double kb = o.scale * extra * (d == Durability::Sync ? o.syncBlockScale : 1.0);
+  bool shrink = d == Durability::Sync && w != "W3";
+  double k = o.scale * (shrink ? o.syncScale : 1.0);
+  double kb = o.scale * (shrink ? o.syncBlockScale : 1.0);
   s.messages = std::max(10, static_cast<int>(std::lround(s.messages * k)));
   s.blocks = std::max(100, static_cast<int>(std::lround(s.blocks * kb)));
-  // Readers do not write, so the flushing mode does not shrink W3's reads.
-  double rk = o.scale * extra;
-  s.readsPerReader = std::max(50, static_cast<int>(std::lround(s.readsPerReader * rk)));
+  s.readsPerReader = std::max(50, static_cast<int>(std::lround(s.readsPerReader * o.scale)));
+  return s;
+}
+
+// Sizes of the untimed strace pass: the timed sizes, capped at a fraction
+// of the full ones (tracing slows every call down).
+Sizes StraceSizes(const Options& o, const Sizes& timed) {
+  Sizes full;
+  Sizes s = timed;
+  auto cap = [&](int v, int f) { return std::min(v, std::max(10, static_cast<int>(std::lround(f * o.scale * o.straceScale)))); };
+  s.messages = cap(timed.messages, full.messages);
+  s.blocks = cap(timed.blocks, full.blocks);
+  s.readsPerReader = cap(timed.readsPerReader, full.readsPerReader);
+  s.measureDisk = false;
   return s;
 }
 
@@ -85,7 +99,7 @@ std::vector<std::string> RunArgs(const std::string& w, const std::string& sys, D
                                  const std::string& dir, const Sizes& s) {
   return {"--run", w, sys, DurabilityName(d), "--dir", dir,
           "--messages", std::to_string(s.messages), "--blocks", std::to_string(s.blocks),
-          "--reads", std::to_string(s.readsPerReader)};
+          "--reads", std::to_string(s.readsPerReader), "--disk", s.measureDisk ? "1" : "0"};
 }
 
 // Starts argv with stdout to a pipe; returns the child's output, exit status
@@ -242,7 +256,7 @@ int Driver(const Options& o) {
   for (const auto& w : o.workloads) {
     for (Durability d : modes) {
       std::vector<std::string> systems = SystemsFor(w);
-      Sizes s = SizesFor(o, d, 1.0);
+      Sizes s = SizesFor(o, w, d);
       std::fprintf(stderr, "%s %s: messages %d, blocks %d, reads/reader %d\n", w.c_str(),
                    DurabilityName(d), s.messages, s.blocks, s.readsPerReader);
       // W3 reads a store built once per system (untimed, not flushed).
@@ -272,7 +286,7 @@ int Driver(const Options& o) {
         // A service started under strace -f would be traced (and waited
         // for) too: make sure one is running first.
         if (ml_EnsureService(ml_OnDemandOptions()) != 0) Fail("no interest service");
-        Sizes ss = SizesFor(o, d, o.straceScale);
+        Sizes ss = StraceSizes(o, s);
         for (const auto& sys : systems) {
           StraceRun sr;
           sr.workload = w;
@@ -448,6 +462,7 @@ int Child(int argc, char** argv) {
     else if (k == "--messages") s.messages = std::atoi(argv[i + 1]);
     else if (k == "--blocks") s.blocks = std::atoi(argv[i + 1]);
     else if (k == "--reads") s.readsPerReader = std::atoi(argv[i + 1]);
+    else if (k == "--disk") s.measureDisk = std::atoi(argv[i + 1]) != 0;
   }
   if (dir.empty()) Fail("--run needs --dir");
   Durability d = mode == "sync" ? Durability::Sync : Durability::Async;

@@ -419,9 +419,12 @@ class Worker {
       if (Below(2) == 0) {
         got = static_cast<uint32_t>(sfl_ReadSimpleData(h, 0, snap.size, buf.data()));
       } else {
+        // Never ask for more than the buffer holds: the slot may hold a
+        // bigger item by now.
         int32_t r;
         while (got < snap.size &&
-               (r = sfl_ReadSerialData(h, buf.data() + got, 1 + Below(6000))) > 0) {
+               (r = sfl_ReadSerialData(h, buf.data() + got,
+                                       std::min<uint32_t>(1 + Below(6000), snap.size - got))) > 0) {
           got += static_cast<uint32_t>(r);
         }
       }
