@@ -324,6 +324,42 @@ TEST(MonitQueues, ReplyQueueRemovedWhileWaitingIsAnOsEscape) {
   EXPECT_EQ(0, WaitChild(server));
 }
 
+TEST(MonitQueues, ConfigurationOpenedByTheCallerIsLeftOpen) {
+  autostartOff();
+  FakeService svc(0, 2);
+  EXPECT_EQ(0, RunInChild([] {
+    if (ml_OpenCfgFile(2) != 0) return 1;
+    sfl_GetQueue(nullptr, nullptr, nullptr, nullptr, nullptr);
+    if (ml_OpenCfgFile(2) != 1) return 2;  // still open: it was not ours to close
+    ml_CloseCfgFile();
+    return 0;
+  }));
+  EXPECT_EQ(0, RunInChild([] {
+    sfl_GetQueue(nullptr, nullptr, nullptr, nullptr, nullptr);
+    if (ml_OpenCfgFile(2) != 0) return 1;  // closed again after the setup
+    ml_CloseCfgFile();
+    return 0;
+  }));
+}
+
+TEST(MonitQueues, ForkedChildSetsUpItsOwnTable) {
+  autostartOff();
+  FakeService svc(0, 2);
+  const int rep = svc.queues[1];
+  sfl_GetQueue(nullptr, nullptr, nullptr, nullptr, nullptr);
+  os_ResetCallCounts();
+  sfl_GetQueue(nullptr, nullptr, nullptr, nullptr, nullptr);
+  EXPECT_EQ(0u, os_CallCount(os_Op::Msgctl));  // the table is kept
+  EXPECT_EQ(0, RunInChild([&] {
+    // A reply left for this child's pid is drained by the child's own setup.
+    put(rep, getpid(), {1, 2, 3});
+    os_ResetCallCounts();
+    sfl_GetQueue(nullptr, nullptr, nullptr, nullptr, nullptr);
+    if (os_CallCount(os_Op::Msgctl) != 1) return 1;
+    return depth(rep) == 0 ? 0 : 2;
+  }));
+}
+
 // ---- sending ---------------------------------------------------------------------------------
 
 TEST(MonitSend, FullQueueIsRetriedForAboutFifteenSecondsThen3533) {
