@@ -132,6 +132,19 @@ TEST_F(Monitor, PublishesItsPairsAndStopsCleanlyOnSigterm) {
   for (int32_t a : st.Additional) EXPECT_TRUE(eventually([&] { return ml_CheckPid(a) == 0; }));
 }
 
+TEST_F(Monitor, SigtermToTheWholeGroupIsACleanStop) {
+  pid_t pid = StartService({"--pairs", "3"});
+  ASSERT_GT(pid, 0);
+  ml_State st;
+  ASSERT_TRUE(ml_ReadState(RunDir(), &st));
+  // As a service manager does: every process of the service at once.
+  for (int32_t a : st.Additional) kill(a, SIGTERM);
+  kill(pid, SIGTERM);
+  EXPECT_EQ(0, exitOf(pid));
+  for (int32_t q : st.Context) EXPECT_FALSE(queueExists(q));
+  EXPECT_FALSE(std::filesystem::exists(ml_StatePath(RunDir())));
+}
+
 TEST_F(Monitor, SecondInstanceIsRefused) {
   ASSERT_GT(StartService(), 0);
   int code = -1;

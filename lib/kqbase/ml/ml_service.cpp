@@ -424,6 +424,7 @@ int ml_RunService(const ml_ServiceOptions& opts) {
     s.replyQueue = queues[1];
     s.shared = shared;
     serve(s, [&] {
+      if (g_stop) return false;  // a stop of the whole group is not a failure
       for (pid_t& c : children) {
         int status = 0;
         if (c > 0 && os_waitpid(c, &status, WNOHANG) == c) {
