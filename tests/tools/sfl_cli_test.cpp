@@ -352,6 +352,30 @@ TEST(SflCliUsage, BadCommandLinesExitWithTwoAndOneLine) {
       {"blocks", "read", c + ":1", "5-2"}, // empty range
       {"service", "restart"},              // unknown action
       {"service"},                         // missing action
+      // Every other command, at least once:
+      {"create", "--bogus"},
+      {"put"},
+      {"stat"},
+      {"stat", c},
+      {"rm"},
+      {"rm", c},
+      {"attach"},
+      {"attach", c + ":1", "extra"},
+      {"detach", c},
+      {"truncate", c + ":1"},
+      {"cat"},
+      {"lines"},
+      {"lines", c + ":1", c + ":1"},
+      {"write", c + ":1"},
+      {"blocks", "append"},
+      {"blocks", "append", c, "-", "--lines", "--chunk", "3"},
+      {"blocks", "append", c, "-", "--chunk", "0"},
+      {"blocks", "list", c},
+      {"blocks", "read", c},
+      {"blocks", "free", c + ":1"},
+      {"blocks", "free", c + ":1", "x"},
+      {"service", "start", "--pairs", "0"},
+      {"service", "start", "--pairs", "9"},
   };
   for (const auto& args : bad) {
     std::string shown;

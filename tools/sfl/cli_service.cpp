@@ -78,22 +78,22 @@ int RunProgram(const std::vector<std::string>& argv) {
 bool Alive(int32_t pid) { return kill(pid, 0) == 0 || errno == EPERM; }
 
 int Start(const Args& a) {
+  std::vector<std::string> argv = {MonitorProgram()};
+  if (a.Has("pairs")) {
+    const uint64_t pairs = ParseNumber(a.Get("pairs"), "pair count", 4);
+    if (pairs == 0) throw UsageError{"the pair count is 1 to 4"};
+    argv.push_back("--pairs");
+    argv.push_back(std::to_string(pairs));
+  }
+  if (a.Has("idle-seconds")) {
+    argv.push_back("--idle-seconds");
+    argv.push_back(std::to_string(ParseNumber(a.Get("idle-seconds"), "idle time", 86400ull * 365)));
+  }
   ServiceInfo info;
   if (FindService(&info)) {
     std::printf("already running: pid %d, %d queue pair%s\n", info.pid, info.pairs,
                 info.pairs == 1 ? "" : "s");
     return kExitOk;
-  }
-  std::vector<std::string> argv = {MonitorProgram()};
-  if (a.Has("pairs")) {
-    argv.push_back("--pairs");
-    const uint64_t pairs = ParseNumber(a.Get("pairs"), "pair count", 4);
-    if (pairs == 0) throw UsageError{"the pair count is 1 to 4"};
-    argv.push_back(std::to_string(pairs));
-  }
-  if (a.Has("idle-seconds")) {
-    argv.push_back("--idle-seconds");
-    argv.push_back(std::to_string(ParseNumber(a.Get("idle-seconds"), "idle time", INT32_MAX)));
   }
   int rc = RunProgram(argv);
   if (rc != 0) throw Failure{argv[0] + " exited with status " + std::to_string(rc)};
