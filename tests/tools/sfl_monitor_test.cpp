@@ -283,15 +283,29 @@ TEST_F(Monitor, EntryCapRefusesFurtherRecords) {
 }
 
 TEST_F(Monitor, KilledMainProcessTakesTheOthersAndTheQueuesDown) {
-  pid_t pid = StartService({"--pairs", "2"});
-  ASSERT_GT(pid, 0);
-  ml_State st;
-  ASSERT_TRUE(ml_ReadState(RunDir(), &st));
-  ASSERT_EQ(0, kill(pid, SIGKILL));
-  EXPECT_EQ(128 + SIGKILL, exitOf(pid));
-  EXPECT_TRUE(eventually([&] { return ml_CheckPid(st.Additional[0]) == 0; }));
-  for (int32_t q : st.Context) EXPECT_TRUE(eventually([&] { return !queueExists(q); })) << q;
-  EXPECT_FALSE(ml_ServiceAlive(RunDir(), st));
+  for (const char* pairs : {"1", "2"}) {
+    pid_t pid = StartService({"--pairs", pairs});
+    ASSERT_GT(pid, 0);
+    ml_State st;
+    ASSERT_TRUE(ml_ReadState(RunDir(), &st));
+    // A client waiting for its reply when the main process is killed.
+    int waiter = StartChild([&] {
+      alarm(20);
+      uint8_t buf[4 + 16];
+      try {
+        os_msgrcv(st.Context[1], buf, 16, getpid(), 0);
+      } catch (const er_Escape& e) {
+        return e.group() == ER_GROUP_OS ? 0 : 1;
+      }
+      return 2;
+    });
+    ASSERT_EQ(0, kill(pid, SIGKILL));
+    EXPECT_EQ(128 + SIGKILL, exitOf(pid));
+    for (int32_t a : st.Additional) EXPECT_TRUE(eventually([&] { return ml_CheckPid(a) == 0; }));
+    for (int32_t q : st.Context) EXPECT_TRUE(eventually([&] { return !queueExists(q); })) << q;
+    EXPECT_EQ(0, WaitChild(waiter));  // woken by the removal, not left waiting
+    EXPECT_FALSE(ml_ServiceAlive(RunDir(), st));
+  }
   // A later start cleans up after it and serves.
   unsetenv("SFL_MONITOR_AUTOSTART");
   EXPECT_EQ(0, RunInChild([] {

@@ -265,25 +265,31 @@ void serve(Server& s, KeepGoing keepGoing) {
   }
 }
 
-void ticker(const std::vector<int>& requestQueues, int32_t mainPid) {
+void removeQueues(const std::vector<int>& queues) {
+  for (int q : queues)
+    if (q >= 0) os_msgctl(q, IPC_RMID, nullptr);
+}
+
+// Ticks the request queues until stopped. Should the main process vanish
+// (killed outright), it takes every queue down: a client waiting for a reply
+// then gets an error instead of waiting forever, and the other serving
+// processes wake and end.
+void ticker(const std::vector<int>& queues, int pairs, int32_t mainPid) {
   uint8_t tick[4];
   sfl_PutU32(tick, ML_MSG_TICK);
   for (;;) {
     std::this_thread::sleep_for(std::chrono::milliseconds(kTickMs));
-    // Decided before sending, so that the serving processes get one more
-    // tick after the main process has gone and notice it.
-    const bool last = g_stop || !pidAlive(mainPid);
-    for (int q : requestQueues) {
-      // A full queue needs no tick: its server is awake anyway.
-      if (os_msgsnd(q, tick, 0, IPC_NOWAIT) != 0 && (errno == EINVAL || errno == EIDRM)) return;
+    if (g_stop) return;
+    if (!pidAlive(mainPid)) {
+      logLine("main process %d gone; removing the queues", static_cast<int>(mainPid));
+      removeQueues(queues);
+      return;
     }
-    if (last) return;
+    for (int i = 0; i < pairs; ++i) {
+      // A full queue needs no tick: its server is awake anyway.
+      if (os_msgsnd(queues[2 * i], tick, 0, IPC_NOWAIT) != 0 && (errno == EINVAL || errno == EIDRM)) return;
+    }
   }
-}
-
-void removeQueues(const std::vector<int>& queues) {
-  for (int q : queues)
-    if (q >= 0) os_msgctl(q, IPC_RMID, nullptr);
 }
 
 int makeQueue(int gid) {
@@ -354,8 +360,6 @@ int ml_RunService(const ml_ServiceOptions& opts) {
     }
     queues.push_back(q);
   }
-  std::vector<int> requestQueues;
-  for (int i = 0; i < pairs; ++i) requestQueues.push_back(queues[2 * i]);
 
   void* mem = os_mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (mem == MAP_FAILED) {
@@ -400,7 +404,7 @@ int ml_RunService(const ml_ServiceOptions& opts) {
     }
   }
   if (!forkFailed) {
-    pid_t pid = runChild([&] { ticker(requestQueues, mainPid); });
+    pid_t pid = runChild([&] { ticker(queues, pairs, mainPid); });
     if (pid > 0) children.push_back(pid);
   }
 
