@@ -168,10 +168,11 @@ class Output {
 // ---- blocked items ------------------------------------------------------------
 // Reads one block whole, however long it is.
 std::string ReadWholeBlock(int32_t item, uint32_t block);
-// Calls `fn` for every block of a blocked item in order, skipping freed and
-// never-written numbers. `info` is the item's slot.
+// Calls `fn` for every block of a blocked item numbered `first` to `last`, in
+// order, skipping freed and never-written numbers. `info` is the item's slot.
 void ForEachBlock(int32_t item, const sfl_ItemRef& ref, const sfl_ItemInfo& info,
-                  const std::function<void(uint32_t, const std::string&)>& fn);
+                  const std::function<void(uint32_t, const std::string&)>& fn,
+                  uint32_t first = 0, uint32_t last = UINT32_MAX);
 
 }  // namespace cli
 

@@ -224,9 +224,10 @@ int RunRead(const Args& a) {
     const std::string data = ReadWholeBlock(b.item.handle(), range.first);
     out.Write(data.data(), data.size());
   } else {
-    ForEachBlock(b.item.handle(), b.ref, b.info, [&](uint32_t n, const std::string& data) {
-      if (n >= range.first && n <= range.last) out.Write(data.data(), data.size());
-    });
+    ForEachBlock(
+        b.item.handle(), b.ref, b.info,
+        [&](uint32_t, const std::string& data) { out.Write(data.data(), data.size()); },
+        range.first, range.last);
   }
   b.Close();
   out.Finish();
@@ -289,7 +290,8 @@ std::string ReadWholeBlock(int32_t item, uint32_t block) {
 }
 
 void ForEachBlock(int32_t item, const sfl_ItemRef& ref, const sfl_ItemInfo& info,
-                  const std::function<void(uint32_t, const std::string&)>& fn) {
+                  const std::function<void(uint32_t, const std::string&)>& fn, uint32_t first,
+                  uint32_t last) {
   const uint32_t indexDepth = info.IndexDepth;
   // A root still as the library laid it down (zeros) holds no blocks.
   if (indexDepth == 0 && AllZero(ReadRootBytes(ref, info.FileOffset))) return;
@@ -299,7 +301,8 @@ void ForEachBlock(int32_t item, const sfl_ItemRef& ref, const sfl_ItemInfo& info
   uint64_t capacity = 1;
   for (uint32_t i = 0; i <= std::min(indexDepth, kMaxDepth); ++i) capacity *= kFanOut;
   capacity = std::min<uint64_t>(capacity, uint64_t{UINT32_MAX} + 1);
-  for (uint64_t n = 0; n < capacity;) {
+  const uint64_t end = std::min<uint64_t>(capacity, uint64_t{last} + 1);
+  for (uint64_t n = first; n < end;) {
     std::string data;
     try {
       data = ReadWholeBlock(item, static_cast<uint32_t>(n));
