@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -819,6 +820,39 @@ TEST(SflCliBlocks, ChunksOfAFileGrowTheTree) {
   const std::string back = sfltest::TestDir() + "/chunks.back";
   EXPECT_OK(Sfl({"get", item, "-o", back}));
   EXPECT_EQ(ReadFile(back), data);
+}
+
+TEST(SflCliBlocks, ADeeperTreeListsAndReadsInOrder) {
+  const std::string c = NewContainer();
+  std::string input;
+  for (int i = 1; i <= 1100; ++i) input += std::to_string(i) + "\n";  // block n holds n+1
+  Outcome ap = Sfl({"blocks", "append", c}, input);
+  EXPECT_OK(ap);
+  const std::string item = Lines(ap.out)[0];
+  EXPECT_EQ(Lines(ap.out)[1], "blocks 0-1099 (1100 appended)");
+  EXPECT_OK(Sfl({"blocks", "free", item, "0", "500", "1099"}));
+
+  Json j = ParseJson(Sfl({"blocks", "list", item, "--json"}).out);
+  EXPECT_EQ(j["index_depth"].num, 2);  // more than 32 x 32 blocks
+  ASSERT_EQ(j["count"].num, 1097);
+  ASSERT_EQ(j["blocks"].items.size(), 1097u);
+  std::vector<int> numbers;
+  for (const Json& b : j["blocks"].items) numbers.push_back(static_cast<int>(b["block"].num));
+  EXPECT_EQ(numbers.front(), 1);
+  EXPECT_EQ(numbers.back(), 1098);
+  EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end()));
+  EXPECT_EQ(std::count(numbers.begin(), numbers.end(), 500), 0);
+  EXPECT_EQ(j["blocks"].items[0]["size"].num, 2);     // "2\n"
+  EXPECT_EQ(j["blocks"].items[1096]["size"].num, 5);  // "1099\n"
+
+  EXPECT_EQ(Sfl({"blocks", "read", item, "498-502"}).out, "499\n500\n502\n503\n");
+  EXPECT_EQ(Sfl({"blocks", "read", item, "1023-1025"}).out, "1024\n1025\n1026\n");
+  EXPECT_EQ(Sfl({"blocks", "read", item, "1050"}).out, "1051\n");
+  EXPECT_FAILS(Sfl({"blocks", "read", item, "500"}), 1);
+  std::string expected;
+  for (int i = 1; i <= 1100; ++i)
+    if (i != 1 && i != 501 && i != 1100) expected += std::to_string(i) + "\n";
+  EXPECT_EQ(Sfl({"get", item}).out, expected);
 }
 
 TEST(SflCliBlocks, RefusedOnSimpleItemsAndForSimpleCommands) {

@@ -168,9 +168,17 @@ class Output {
 // ---- blocked items ------------------------------------------------------------
 // Reads one block whole, however long it is.
 std::string ReadWholeBlock(int32_t item, uint32_t block);
+// The blocks of a blocked item numbered `first` to `last`, in order, with
+// their lengths; freed and never-written numbers are not listed.
+struct BlockEntry {
+  uint32_t number;
+  uint32_t size;
+};
+std::vector<BlockEntry> ListBlocks(int32_t item, const sfl_ItemRef& ref, uint32_t first = 0,
+                                   uint32_t last = UINT32_MAX);
 // Calls `fn` for every block of a blocked item numbered `first` to `last`, in
-// order, skipping freed and never-written numbers. `info` is the item's slot.
-void ForEachBlock(int32_t item, const sfl_ItemRef& ref, const sfl_ItemInfo& info,
+// order, skipping freed and never-written numbers.
+void ForEachBlock(int32_t item, const sfl_ItemRef& ref,
                   const std::function<void(uint32_t, const std::string&)>& fn,
                   uint32_t first = 0, uint32_t last = UINT32_MAX);
 

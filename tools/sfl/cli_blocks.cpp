@@ -11,8 +11,6 @@
 namespace cli {
 namespace {
 
-constexpr int kEmptyEntry = 28875;   // a freed or never-written block (or branch)
-constexpr int kOutsideIndex = 28876; // past the entries a leaf ever used, or the tree
 constexpr uint32_t kFanOut = 32;
 constexpr uint32_t kMaxDepth = 6;
 
@@ -22,6 +20,10 @@ constexpr uint32_t kIndexType = 18;
 constexpr uint32_t kTableOffsetField = 24;  // in the file header
 constexpr uint32_t kParentField = 24;       // in an index record
 constexpr uint32_t kItemHeaderSize = 64;
+constexpr uint32_t kItemHeaderType = 17;
+constexpr uint32_t kHeaderFileOffsetField = 24;  // in an item header
+constexpr uint32_t kHeaderIndexDepthField = 28;
+constexpr uint32_t kEntriesField = 32;           // in an index record: 32 x {offset, size}
 
 // Raw bytes of the container file. Throws Failure when they cannot be read.
 std::string ReadRaw(const sfl_ItemRef& ref, uint32_t offset, size_t len) {
@@ -90,9 +92,6 @@ void PrepareBlankRoot(const Container& c, const sfl_ItemRef& ref, int32_t handle
     throw Failure{std::string("cannot write the item's index root: ") + std::strerror(err)};
 }
 
-bool IsEscape(const er_Escape& e, int reason) {
-  return e.group() == ER_GROUP_SFL && e.reason() == reason;
-}
 
 struct BlockedItem {
   sfl_ItemRef ref;
@@ -108,6 +107,55 @@ struct BlockedItem {
   void Close() {
     item.Close();
     container.Close();
+  }
+};
+
+// An index record's fields, decoded from its little-endian bytes.
+struct IndexNode {
+  uint32_t depth = 0;
+  uint32_t offsets[kFanOut] = {};
+  uint32_t sizes[kFanOut] = {};
+};
+
+IndexNode DecodeNode(const std::string& raw, uint32_t at) {
+  if (GetLe32(raw, 0) != kMagic || GetLe32(raw, 4) != kIndexType)
+    throw Failure{"bad index record at offset " + std::to_string(at)};
+  IndexNode node;
+  node.depth = GetLe32(raw, 8);
+  for (uint32_t e = 0; e < kFanOut; ++e) {
+    node.offsets[e] = GetLe32(raw, kEntriesField + 8 * e);
+    node.sizes[e] = GetLe32(raw, kEntriesField + 8 * e + 4);
+  }
+  return node;
+}
+
+uint64_t Span(uint32_t depth) {  // block numbers under one entry of a record of this depth
+  uint64_t span = 1;
+  for (uint32_t i = 0; i < depth; ++i) span *= kFanOut;
+  return span;
+}
+
+struct TreeWalk {
+  int fd;
+  uint64_t first, last;
+  std::vector<BlockEntry>* out;
+
+  void Visit(uint32_t off, uint32_t depth, uint64_t base) {
+    std::string raw(kIndexSize, '\0');
+    if (pread(fd, raw.data(), raw.size(), off) != static_cast<ssize_t>(raw.size()))
+      throw Failure{"cannot read the index record at offset " + std::to_string(off)};
+    const IndexNode node = DecodeNode(raw, off);
+    if (node.depth != depth) throw Failure{"index record at offset " + std::to_string(off) + " has the wrong depth"};
+    const uint64_t span = Span(depth);
+    for (uint32_t e = 0; e < kFanOut; ++e) {
+      if (node.offsets[e] == 0) continue;  // an empty entry
+      const uint64_t lo = base + e * span;
+      if (lo > last || lo + span - 1 < first) continue;
+      if (depth > 0)
+        Visit(node.offsets[e], depth - 1, lo);
+      else
+        out->push_back({static_cast<uint32_t>(lo), node.sizes[e]});
+    }
   }
 };
 
@@ -225,7 +273,7 @@ int RunRead(const Args& a) {
     out.Write(data.data(), data.size());
   } else {
     ForEachBlock(
-        b.item.handle(), b.ref, b.info,
+        b.item.handle(), b.ref,
         [&](uint32_t, const std::string& data) { out.Write(data.data(), data.size()); },
         range.first, range.last);
   }
@@ -237,26 +285,23 @@ int RunRead(const Args& a) {
 int RunList(const Args& a) {
   sfl_ItemRef ref = ParseItemRef(a.positional[0]);
   BlockedItem b(ref);
-  std::vector<std::pair<uint32_t, size_t>> blocks;
-  ForEachBlock(b.item.handle(), b.ref, b.info, [&](uint32_t n, const std::string& data) {
-    blocks.emplace_back(n, data.size());
-  });
+  const std::vector<BlockEntry> blocks = ListBlocks(b.item.handle(), ref);
   b.Close();
   uint64_t total = 0;
-  for (const auto& [n, size] : blocks) total += size;
+  for (const BlockEntry& e : blocks) total += e.size;
   if (a.Has("json")) {
     std::string s = "{\"item\": " + JsonString(RefText(ref)) +
                     ", \"index_depth\": " + std::to_string(b.info.IndexDepth) +
                     ", \"count\": " + std::to_string(blocks.size()) +
                     ", \"bytes\": " + std::to_string(total) + ", \"blocks\": [";
     for (size_t i = 0; i < blocks.size(); ++i)
-      s += std::string(i == 0 ? "" : ", ") + "{\"block\": " + std::to_string(blocks[i].first) +
-           ", \"size\": " + std::to_string(blocks[i].second) + "}";
+      s += std::string(i == 0 ? "" : ", ") + "{\"block\": " + std::to_string(blocks[i].number) +
+           ", \"size\": " + std::to_string(blocks[i].size) + "}";
     std::printf("%s]}\n", s.c_str());
     return kExitOk;
   }
   std::printf("%8s %10s\n", "BLOCK", "SIZE");
-  for (const auto& [n, size] : blocks) std::printf("%8u %10zu\n", n, size);
+  for (const BlockEntry& e : blocks) std::printf("%8u %10u\n", e.number, e.size);
   std::printf("%zu blocks, %llu bytes, index depth %u\n", blocks.size(),
               static_cast<unsigned long long>(total), b.info.IndexDepth);
   return kExitOk;
@@ -289,38 +334,58 @@ std::string ReadWholeBlock(int32_t item, uint32_t block) {
   }
 }
 
-void ForEachBlock(int32_t item, const sfl_ItemRef& ref, const sfl_ItemInfo& info,
+std::vector<BlockEntry> ListBlocks(int32_t item, const sfl_ItemRef& ref, uint32_t first,
+                                   uint32_t last) {
+  // The library has no call that enumerates a tree's blocks (a read of every
+  // possible number would be one failed read per empty number, a million for
+  // a tree of depth 3). The tree is walked in the file instead, under the
+  // item header's shared lock, which every change of the tree excludes.
+  const std::string path = RefPath(ContainerOf(ref));
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) throw Failure{path + ": " + std::strerror(errno)};
+  struct Closer {
+    int fd;
+    ~Closer() { close(fd); }
+  } closer{fd};
+  sfl_ItemRec* rec = sfl_ItemHandle2Record(item);
+  struct Unlock {
+    sfl_ItemRec* rec;
+    int held;
+    ~Unlock() {
+      if (!held) return;
+      try {
+        sfl_UnLockItemHeader(rec);
+      } catch (const er_Escape&) {
+        er_Clear();
+      }
+    }
+  } lock{rec, sfl_LockItemHeader(rec, SFL_LOCK_SHARED)};
+  // The root and depth as they are now, under the lock.
+  const uint32_t table = GetLe32(ReadRaw(ref, kTableOffsetField, 4), 0);
+  const std::string header = ReadRaw(ref, table + ItemNumber(ref) * kItemHeaderSize, kItemHeaderSize);
+  if (GetLe32(header, 0) != kMagic || GetLe32(header, 4) != kItemHeaderType)
+    throw Failure{"the item's header is not valid"};
+  const uint32_t root = GetLe32(header, kHeaderFileOffsetField);
+  const uint32_t depth = GetLe32(header, kHeaderIndexDepthField);
+  if (depth > kMaxDepth) throw Failure{"the item's index is deeper than the library allows"};
+  std::vector<BlockEntry> blocks;
+  // A root still as the library laid it down (zeros) holds no blocks.
+  if (depth == 0 && AllZero(ReadRootBytes(ref, root))) return blocks;
+  TreeWalk walk{fd, first, last, &blocks};
+  walk.Visit(root, depth, 0);
+  return blocks;
+}
+
+void ForEachBlock(int32_t item, const sfl_ItemRef& ref,
                   const std::function<void(uint32_t, const std::string&)>& fn, uint32_t first,
                   uint32_t last) {
-  const uint32_t indexDepth = info.IndexDepth;
-  // A root still as the library laid it down (zeros) holds no blocks.
-  if (indexDepth == 0 && AllZero(ReadRootBytes(ref, info.FileOffset))) return;
-  // The tree covers 32^(depth+1) block numbers. Freed and never-written
-  // numbers read as empty entries; a number past the entries its leaf ever
-  // used ends that leaf, so the walk skips to the next one.
-  uint64_t capacity = 1;
-  for (uint32_t i = 0; i <= std::min(indexDepth, kMaxDepth); ++i) capacity *= kFanOut;
-  capacity = std::min<uint64_t>(capacity, uint64_t{UINT32_MAX} + 1);
-  const uint64_t end = std::min<uint64_t>(capacity, uint64_t{last} + 1);
-  for (uint64_t n = first; n < end;) {
-    std::string data;
-    try {
-      data = ReadWholeBlock(item, static_cast<uint32_t>(n));
-    } catch (const er_Escape& e) {
-      if (IsEscape(e, kEmptyEntry)) {
-        er_Clear();
-        ++n;
-        continue;
-      }
-      if (IsEscape(e, kOutsideIndex)) {
-        er_Clear();
-        n = (n / kFanOut + 1) * kFanOut;
-        continue;
-      }
-      throw;
-    }
-    fn(static_cast<uint32_t>(n), data);
-    ++n;
+  for (const BlockEntry& b : ListBlocks(item, ref, first, last)) {
+    std::string data(b.size, '\0');
+    uint32_t n = sfl_ReadBlockedData(item, b.number, b.size, data.data());
+    if (n != b.size)
+      throw Failure{"block " + std::to_string(b.number) + " read short (" + std::to_string(n) +
+                    " of " + std::to_string(b.size) + " bytes)"};
+    fn(b.number, data);
   }
 }
 
