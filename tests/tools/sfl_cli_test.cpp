@@ -69,8 +69,8 @@ std::string SourceRoot() {
 // Runs `program args...` with `input` on standard input; `cwd` and extra
 // environment changes apply to the child only.
 Outcome Exec(const std::vector<std::string>& argv, const std::string& input = "",
-         const std::string& cwd = "", const std::map<std::string, std::string>& env = {},
-         const std::vector<std::string>& unset = {}) {
+             const std::string& cwd = "", const std::map<std::string, std::string>& env = {},
+             const std::vector<std::string>& unset = {}) {
   static int seq = 0;
   const std::string base = sfltest::TestDir() + "/run" + std::to_string(++seq);
   WriteFile(base + ".in", input);
@@ -130,19 +130,19 @@ size_t LineCount(const std::string& s) {
 }
 
 // A failed command: the given status and exactly one line on standard error.
-#define EXPECT_FAILS(run, code)                                   \
-  do {                                                            \
-    const Outcome& r_ = (run);                                        \
-    EXPECT_EQ(r_.status, (code)) << r_.out << r_.err;             \
-    EXPECT_EQ(LineCount(r_.err), 1u) << r_.err;                   \
-    EXPECT_EQ(r_.err.compare(0, 3, "sfl"), 0) << r_.err;          \
+#define EXPECT_FAILS(run, code)                          \
+  do {                                                   \
+    const Outcome& r_ = (run);                           \
+    EXPECT_EQ(r_.status, (code)) << r_.out << r_.err;    \
+    EXPECT_EQ(LineCount(r_.err), 1u) << r_.err;          \
+    EXPECT_EQ(r_.err.compare(0, 3, "sfl"), 0) << r_.err; \
   } while (0)
 
-#define EXPECT_OK(run)                                        \
-  do {                                                        \
-    const Outcome& r_ = (run);                                    \
-    EXPECT_EQ(r_.status, 0) << r_.out << r_.err;              \
-    EXPECT_EQ(r_.err, "");                                    \
+#define EXPECT_OK(run)                           \
+  do {                                           \
+    const Outcome& r_ = (run);                   \
+    EXPECT_EQ(r_.status, 0) << r_.out << r_.err; \
+    EXPECT_EQ(r_.err, "");                       \
   } while (0)
 
 // Creates a container; returns its reference.
@@ -151,7 +151,8 @@ std::string NewContainer(const std::vector<std::string>& extra = {}) {
   args.insert(args.end(), extra.begin(), extra.end());
   Outcome r = Sfl(args);
   EXPECT_EQ(r.status, 0) << r.err;
-  return Lines(r.out).empty() ? std::string() : Lines(r.out)[0].substr(0, Lines(r.out)[0].find(' '));
+  return Lines(r.out).empty() ? std::string()
+                              : Lines(r.out)[0].substr(0, Lines(r.out)[0].find(' '));
 }
 
 std::string Put(const std::string& container, const std::string& data) {
@@ -212,15 +213,22 @@ class JsonParser {
         if (p_ >= s_.size()) return false;
         char e = s_[p_++];
         switch (e) {
-          case 'n': out->push_back('\n'); break;
-          case 't': out->push_back('\t'); break;
-          case 'r': out->push_back('\r'); break;
+          case 'n':
+            out->push_back('\n');
+            break;
+          case 't':
+            out->push_back('\t');
+            break;
+          case 'r':
+            out->push_back('\r');
+            break;
           case 'u':
             if (p_ + 4 > s_.size()) return false;
             out->push_back(static_cast<char>(std::stoi(s_.substr(p_, 4), nullptr, 16)));
             p_ += 4;
             break;
-          default: out->push_back(e);
+          default:
+            out->push_back(e);
         }
       } else if (static_cast<unsigned char>(c) < 0x20) {
         return false;  // raw control characters are not JSON
@@ -249,7 +257,10 @@ class JsonParser {
         if (p_ >= s_.size() || s_[p_++] != ':') return false;
         if (!Value(&v->fields[key])) return false;
         Space();
-        if (p_ < s_.size() && s_[p_] == ',') { ++p_; continue; }
+        if (p_ < s_.size() && s_[p_] == ',') {
+          ++p_;
+          continue;
+        }
         if (p_ < s_.size() && s_[p_] == '}') return ++p_, true;
         return false;
       }
@@ -263,7 +274,10 @@ class JsonParser {
         v->items.emplace_back();
         if (!Value(&v->items.back())) return false;
         Space();
-        if (p_ < s_.size() && s_[p_] == ',') { ++p_; continue; }
+        if (p_ < s_.size() && s_[p_] == ',') {
+          ++p_;
+          continue;
+        }
         if (p_ < s_.size() && s_[p_] == ']') return ++p_, true;
         return false;
       }
@@ -272,8 +286,15 @@ class JsonParser {
       v->kind = Json::String;
       return Str(&v->str);
     }
-    if (Lit("true")) { v->kind = Json::Bool; v->b = true; return true; }
-    if (Lit("false")) { v->kind = Json::Bool; return true; }
+    if (Lit("true")) {
+      v->kind = Json::Bool;
+      v->b = true;
+      return true;
+    }
+    if (Lit("false")) {
+      v->kind = Json::Bool;
+      return true;
+    }
     if (Lit("null")) return true;
     size_t start = p_;
     if (s_[p_] == '-') ++p_;
@@ -297,17 +318,16 @@ Json ParseJson(const std::string& text) {
 
 // ---- help and usage ---------------------------------------------------------------------
 
-const char* const kCommands[] = {"create",      "put",         "get",         "ls",
-                                 "stat",        "rm",          "attach",      "detach",
-                                 "truncate",    "cat",         "lines",       "write",
-                                 "service"};
+const char* const kCommands[] = {"create", "put",      "get", "ls",    "stat",  "rm",     "attach",
+                                 "detach", "truncate", "cat", "lines", "write", "service"};
 const char* const kBlockCommands[] = {"append", "read", "list", "free"};
 
 TEST(SflCliHelp, OverviewDocumentsTheTextFormAndEveryCommand) {
   Outcome r = Sfl({"--help"});
   EXPECT_OK(r);
   EXPECT_NE(r.out.find("DOMAIN.SUBDOMAIN.FILEID[.NAME][:ITEM]"), std::string::npos);
-  for (const char* c : kCommands) EXPECT_NE(r.out.find(std::string("  ") + c + " "), std::string::npos) << c;
+  for (const char* c : kCommands)
+    EXPECT_NE(r.out.find(std::string("  ") + c + " "), std::string::npos) << c;
   for (const char* c : kBlockCommands)
     EXPECT_NE(r.out.find(std::string("blocks ") + c), std::string::npos) << c;
   EXPECT_EQ(Sfl({"help"}).out, r.out);
@@ -328,31 +348,32 @@ TEST(SflCliHelp, EveryCommandHasHelp) {
   }
   Outcome b = Sfl({"blocks", "--help"});
   EXPECT_OK(b);
-  for (const char* c : kBlockCommands) EXPECT_NE(b.out.find(std::string("sfl blocks ") + c), std::string::npos);
+  for (const char* c : kBlockCommands)
+    EXPECT_NE(b.out.find(std::string("sfl blocks ") + c), std::string::npos);
 }
 
 TEST(SflCliUsage, BadCommandLinesExitWithTwoAndOneLine) {
   const std::string c = NewContainer({"-"});
   const std::vector<std::vector<std::string>> bad = {
-      {},                                  // no command
-      {"frobnicate"},                      // unknown command
-      {"--bogus", "ls", c},                // unknown global option
-      {"ls"},                              // missing operand
-      {"ls", c, "extra"},                  // one operand too many
-      {"ls", c, "--nope"},                 // unknown option
-      {"get", c},                          // a container where an item is needed
-      {"put", c + ":1"},                   // an item where a container is needed
-      {"get", "not-a-reference"},          // neither text form nor path
-      {"get", "1.2"},                      // text form cut short
-      {"truncate", c + ":1", "-5"},        // not a size
-      {"truncate", c + ":1", "12x"},       // not a size
-      {"write", c + ":1", "99999999999"},  // offset out of range
-      {"get", c + ":1", "-o"},             // option without its value
-      {"blocks"},                          // no blocks command
-      {"blocks", "shuffle", c + ":1"},     // unknown blocks command
-      {"blocks", "read", c + ":1", "5-2"}, // empty range
-      {"service", "restart"},              // unknown action
-      {"service"},                         // missing action
+      {},                                   // no command
+      {"frobnicate"},                       // unknown command
+      {"--bogus", "ls", c},                 // unknown global option
+      {"ls"},                               // missing operand
+      {"ls", c, "extra"},                   // one operand too many
+      {"ls", c, "--nope"},                  // unknown option
+      {"get", c},                           // a container where an item is needed
+      {"put", c + ":1"},                    // an item where a container is needed
+      {"get", "not-a-reference"},           // neither text form nor path
+      {"get", "1.2"},                       // text form cut short
+      {"truncate", c + ":1", "-5"},         // not a size
+      {"truncate", c + ":1", "12x"},        // not a size
+      {"write", c + ":1", "99999999999"},   // offset out of range
+      {"get", c + ":1", "-o"},              // option without its value
+      {"blocks"},                           // no blocks command
+      {"blocks", "shuffle", c + ":1"},      // unknown blocks command
+      {"blocks", "read", c + ":1", "5-2"},  // empty range
+      {"service", "restart"},               // unknown action
+      {"service"},                          // missing action
       // Every other command, at least once:
       {"create", "--bogus"},
       {"put"},
@@ -497,11 +518,13 @@ TEST(SflCliPutGet, FailuresAreOneLineWithTheReason) {
 
 TEST(SflCliPutGet, AFullContainerRefusesTheEighthItem) {
   const std::string c = NewContainer();
-  for (int i = 1; i <= 7; ++i) EXPECT_EQ(Put(c, "item " + std::to_string(i)), c + ":" + std::to_string(i));
+  for (int i = 1; i <= 7; ++i)
+    EXPECT_EQ(Put(c, "item " + std::to_string(i)), c + ":" + std::to_string(i));
   Outcome r = Sfl({"put", c, "-"}, "one too many");
   EXPECT_FAILS(r, 1);
   EXPECT_NE(r.err.find("full"), std::string::npos) << r.err;
-  for (int i = 1; i <= 7; ++i) EXPECT_EQ(Sfl({"get", c + ":" + std::to_string(i)}).out, "item " + std::to_string(i));
+  for (int i = 1; i <= 7; ++i)
+    EXPECT_EQ(Sfl({"get", c + ":" + std::to_string(i)}).out, "item " + std::to_string(i));
 }
 
 TEST(SflCliPutGet, GlobalStoreOptionChoosesTheRoot) {
@@ -683,7 +706,8 @@ TEST(SflCliTruncate, WithinTheReservedBlocksOnly) {
   EXPECT_EQ(ParseJson(Sfl({"stat", item, "--json"}).out)["size"].num, 256);
 }
 
-// ---- streams: write, cat, lines ------------------------------------------------------------------
+// ---- streams: write, cat, lines
+// ------------------------------------------------------------------
 
 TEST(SflCliWrite, OverwritesInsideTheItemAndNeverGrowsIt) {
   const std::string c = NewContainer();
@@ -713,7 +737,8 @@ TEST(SflCliCat, ItemsAndPlainFiles) {
 TEST(SflCliLines, NumberedLinesStopAtTheItemsEnd) {
   const std::string c = NewContainer();
   std::string text;
-  for (int i = 1; i <= 40; ++i) text += std::string(static_cast<size_t>(i * 5), 'a' + i % 26) + "\n";
+  for (int i = 1; i <= 40; ++i)
+    text += std::string(static_cast<size_t>(i * 5), 'a' + i % 26) + "\n";
   const std::string long1 = std::string(9000, 'L') + "\n";  // longer than one read
   const std::string item = Put(c, text + long1 + "last, without newline");
   Put(c, "NEXT ITEM\nMORE\n");  // stored right behind it
@@ -732,7 +757,8 @@ TEST(SflCliLines, NumberedLinesStopAtTheItemsEnd) {
   EXPECT_EQ(Sfl({"lines", plain}).out, "     1\tx\n     2\ty\n");
 }
 
-// ---- blocked items ----------------------------------------------------------------------------------
+// ---- blocked items
+// ----------------------------------------------------------------------------------
 
 TEST(SflCliBlocks, AppendListReadFree) {
   const std::string c = NewContainer();
@@ -871,7 +897,8 @@ TEST(SflCliBlocks, RefusedOnSimpleItemsAndForSimpleCommands) {
   EXPECT_EQ(j["count"].num, 1);
 }
 
-// ---- the interest service ---------------------------------------------------------------------------
+// ---- the interest service
+// ---------------------------------------------------------------------------
 
 TEST(SflCliService, StartStatusStop) {
   Outcome none = Sfl({"service", "status"});
@@ -906,17 +933,19 @@ TEST(SflCliService, StartStatusStop) {
   EXPECT_FAILS(Sfl({"service", "status", "--pairs", "2"}), 2);
 }
 
-// ---- the demo -----------------------------------------------------------------------------------------
+// ---- the demo
+// -----------------------------------------------------------------------------------------
 
 TEST(SflDemo, RunsCleanlyOnTheDefaultStore) {
   const std::string cwd = sfltest::TestDir() + "/demo";
   fs::create_directories(cwd);
-  Outcome r = Exec({"/bin/sh", SourceRoot() + "/tools/demo.sh", BinDir()}, "", cwd, {},
-               {"SFL_STORE_ROOT"});
+  Outcome r =
+      Exec({"/bin/sh", SourceRoot() + "/tools/demo.sh", BinDir()}, "", cwd, {}, {"SFL_STORE_ROOT"});
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_NE(r.out.find("demo: success"), std::string::npos) << r.out;
   EXPECT_NE(r.out.find("matches random.bin (200000 bytes)"), std::string::npos) << r.out;
-  EXPECT_TRUE(fs::is_directory(cwd + "/sfl-store"));  // the default store, under the current directory
+  EXPECT_TRUE(
+      fs::is_directory(cwd + "/sfl-store"));  // the default store, under the current directory
   EXPECT_EQ(r.err, "");
 }
 

@@ -31,8 +31,8 @@ struct Failure {
 };
 
 struct OptSpec {
-  const char* name;    // long name without dashes, e.g. "json"
-  char shortName;      // 0 when there is none
+  const char* name;  // long name without dashes, e.g. "json"
+  char shortName;    // 0 when there is none
   bool takesValue;
   const char* help;
 };
@@ -49,13 +49,13 @@ struct Args {
 };
 
 struct Command {
-  const char* name;       // "put", or "blocks read" for a subcommand
-  const char* synopsis;   // arguments after the name
-  const char* summary;    // one line for the command list
-  const char* details;    // the body of `--help`
+  const char* name;      // "put", or "blocks read" for a subcommand
+  const char* synopsis;  // arguments after the name
+  const char* summary;   // one line for the command list
+  const char* details;   // the body of `--help`
   std::vector<OptSpec> options;
   int minArgs;
-  int maxArgs;            // -1: no limit
+  int maxArgs;  // -1: no limit
   int (*run)(const Args&);
 };
 
@@ -96,7 +96,8 @@ class Container {
  public:
   explicit Container(const sfl_ItemRef& ref);
   // Takes over a container the library already opened (creation).
-  Container(const sfl_ItemRef& ref, int32_t adoptedBase) : ref_(ContainerOf(ref)), base_(adoptedBase) {}
+  Container(const sfl_ItemRef& ref, int32_t adoptedBase)
+      : ref_(ContainerOf(ref)), base_(adoptedBase) {}
   ~Container();
   Container(const Container&) = delete;
   Container& operator=(const Container&) = delete;
@@ -137,9 +138,9 @@ class Item {
 // ---- output -----------------------------------------------------------------
 std::string FormatTime(uint32_t seconds);  // ISO 8601, UTC
 std::vector<std::string> ItemFlagNames(uint32_t flags);
-std::string JoinFlags(uint32_t flags);     // "BLOCKED_ITEM|DELETED", or "-"
+std::string JoinFlags(uint32_t flags);  // "BLOCKED_ITEM|DELETED", or "-"
 std::string JsonString(const std::string& s);
-std::string JsonFlags(uint32_t flags);     // ["BLOCKED_ITEM", ...]
+std::string JsonFlags(uint32_t flags);  // ["BLOCKED_ITEM", ...]
 
 // ---- input and output -------------------------------------------------------
 void WriteAll(int fd, const void* data, size_t len);
@@ -166,6 +167,12 @@ class Output {
 };
 
 // ---- blocked items ------------------------------------------------------------
+// The library lays a new blocked item's root down as 384 zero bytes, which
+// its own index check refuses on the first read. Turns such a root into an
+// empty leaf so that blocks can be placed; leaves any other root alone.
+void PrepareBlankRoot(const Container& c, const sfl_ItemRef& ref, int32_t handle);
+// Whether the item's root is still as the library laid it down (no blocks).
+bool RootIsBlank(const sfl_ItemRef& ref, const sfl_ItemInfo& info);
 // Reads one block whole, however long it is.
 std::string ReadWholeBlock(int32_t item, uint32_t block);
 // The blocks of a blocked item numbered `first` to `last`, in order, with
@@ -179,8 +186,8 @@ std::vector<BlockEntry> ListBlocks(int32_t item, const sfl_ItemRef& ref, uint32_
 // Calls `fn` for every block of a blocked item numbered `first` to `last`, in
 // order, skipping freed and never-written numbers.
 void ForEachBlock(int32_t item, const sfl_ItemRef& ref,
-                  const std::function<void(uint32_t, const std::string&)>& fn,
-                  uint32_t first = 0, uint32_t last = UINT32_MAX);
+                  const std::function<void(uint32_t, const std::string&)>& fn, uint32_t first = 0,
+                  uint32_t last = UINT32_MAX);
 
 }  // namespace cli
 

@@ -1,13 +1,14 @@
 // The tool's shared helpers: argument parsing, naming items by reference or
 // path, scoped container and item handles, and output formatting.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
-#include <unistd.h>
 
 #include "cli.h"
 
@@ -84,7 +85,8 @@ bool PathToRef(const std::string& text, sfl_ItemRef* out) {
   const std::string rootText = StoreRootText();
   const std::string root = Canonical(rootText);
   const std::string real = Canonical(file);
-  if (root.empty() || real.empty() || real.compare(0, root.size() + 1, root + "/") != 0) return false;
+  if (root.empty() || real.empty() || real.compare(0, root.size() + 1, root + "/") != 0)
+    return false;
   const std::string rebuilt = rootText + real.substr(root.size()) + suffix;
   return Accepts([&] { im_FName2ItemRef(rebuilt.c_str(), out); });
 }
@@ -160,7 +162,8 @@ const std::string& Subject() { return g_subject; }
 
 sfl_ItemRef ParseRef(const std::string& text) {
   sfl_ItemRef ref{};
-  if (!text.empty() && (Accepts([&] { im_FormItemRef(text.c_str(), &ref); }) || PathToRef(text, &ref))) {
+  if (!text.empty() &&
+      (Accepts([&] { im_FormItemRef(text.c_str(), &ref); }) || PathToRef(text, &ref))) {
     SetSubject(RefText(ref));
     return ref;
   }
@@ -245,8 +248,8 @@ std::vector<sfl_ItemInfo> Container::Slots() const {
 sfl_ItemInfo Container::UsedSlot(uint32_t item) const {
   std::vector<sfl_ItemInfo> slots = Slots();
   if (item >= slots.size())
-    throw Failure{"the container has " + std::to_string(slots.size()) + " slots; there is no item " +
-                  std::to_string(item)};
+    throw Failure{"the container has " + std::to_string(slots.size()) +
+                  " slots; there is no item " + std::to_string(item)};
   if (!slots[item].InUse) throw Failure{"no such item (slot " + std::to_string(item) + " is free)"};
   return slots[item];
 }
@@ -316,11 +319,21 @@ std::string JsonString(const std::string& s) {
   std::string out = "\"";
   for (unsigned char c : s) {
     switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\n': out += "\\n"; break;
-      case '\t': out += "\\t"; break;
-      case '\r': out += "\\r"; break;
+      case '"':
+        out += "\\\"";
+        break;
+      case '\\':
+        out += "\\\\";
+        break;
+      case '\n':
+        out += "\\n";
+        break;
+      case '\t':
+        out += "\\t";
+        break;
+      case '\r':
+        out += "\\r";
+        break;
       default:
         if (c < 0x20) {
           char buf[8];

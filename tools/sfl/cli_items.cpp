@@ -1,12 +1,13 @@
 // Commands on containers and simple items: create, put, get, ls, stat, rm,
 // attach, detach and truncate.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <memory>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "cli.h"
 
@@ -221,8 +222,7 @@ int RunLs(const Args& a) {
            ", \"valid\": " + (it.Valid ? "true" : "false") +
            ", \"size\": " + std::to_string(it.FileSize) +
            ", \"blocks\": " + std::to_string(it.UsedBlocks) +
-           ", \"attach\": " + std::to_string(it.AccCount) +
-           ", \"flags\": " + JsonFlags(it.Flags) +
+           ", \"attach\": " + std::to_string(it.AccCount) + ", \"flags\": " + JsonFlags(it.Flags) +
            ", \"changed\": " + JsonString(FormatTime(it.ChangeDate)) +
            ", \"changed_epoch\": " + std::to_string(it.ChangeDate) +
            ", \"offset\": " + std::to_string(it.FileOffset) +
@@ -241,8 +241,10 @@ int RunLs(const Args& a) {
     if (!shown(it)) continue;
     std::string flags = JoinFlags(it.Flags);
     if (it.ItemNum == 0) flags += " (free map)";
-    if (!it.InUse) flags += " (free slot)";
-    else if (!it.Valid) flags += " (header not written)";
+    if (!it.InUse)
+      flags += " (free slot)";
+    else if (!it.Valid)
+      flags += " (header not written)";
     std::printf("%4u %12u %8u %6u  %-20s  %s\n", it.ItemNum, it.FileSize, it.UsedBlocks,
                 it.AccCount, FormatTime(it.ChangeDate).c_str(), flags.c_str());
   }
@@ -269,9 +271,8 @@ int RunStat(const Args& a) {
               ", \"size\": " + std::to_string(static_cast<uint64_t>(st.st_size)) +
               ", \"blocks\": " + std::to_string(info.UsedBlocks) +
               ", \"attach\": " + std::to_string(static_cast<uint64_t>(st.st_nlink)) +
-              ", \"flags\": " + JsonFlags(info.Flags) +
-              ", \"changed\": " + JsonString(FormatTime(changed)) +
-              ", \"changed_epoch\": " + std::to_string(changed) +
+              ", \"flags\": " + JsonFlags(info.Flags) + ", \"changed\": " +
+              JsonString(FormatTime(changed)) + ", \"changed_epoch\": " + std::to_string(changed) +
               ", \"offset\": " + std::to_string(info.FileOffset) +
               ", \"index_depth\": " + std::to_string(info.IndexDepth) + "}");
     return kExitOk;
@@ -330,7 +331,8 @@ int RunTruncate(const Args& a) {
 
 const std::vector<Command>& ItemCommands() {
   static const std::vector<Command> kCommands = {
-      {"create", "[--single] [--async] [--temp] [file|-]...",
+      {"create",
+       "[--single] [--async] [--temp] [file|-]...",
        "create a container; print its reference and path",
        "Creates a new container in the store and prints one line: its reference and its\n"
        "path. Files named after the options are stored in it as items 1, 2, ... and\n"
@@ -340,42 +342,83 @@ const std::vector<Command>& ItemCommands() {
        {{"single", 0, false, "a single-item file (one item, no free map)"},
         {"async", 0, false, "never flush this file (ASYNCHRONOUS)"},
         {"temp", 0, false, "a temporary container (domain 4, never compacted at close)"}},
-       0, -1, RunCreate},
-      {"put", "<container> [file|-]", "store a file (or standard input) as a new item",
+       0,
+       -1,
+       RunCreate},
+      {"put",
+       "<container> [file|-]",
+       "store a file (or standard input) as a new item",
        "Stores the file, or standard input when it is '-' or absent, as a new simple item\n"
        "of the container and prints the new item's reference.\n",
-       {}, 1, 2, RunPut},
-      {"get", "<item> [-o file]", "write an item's data to standard output or a file",
+       {},
+       1,
+       2,
+       RunPut},
+      {"get",
+       "<item> [-o file]",
+       "write an item's data to standard output or a file",
        "Writes the item's bytes to standard output, or to the file given with -o (removed\n"
        "again if the command fails). A blocked item is written as its blocks in order.\n",
-       {{"output", 'o', true, "write to this file instead of standard output"}}, 1, 1, RunGet},
-      {"ls", "<container> [--json] [--all]", "list the items of a container",
+       {{"output", 'o', true, "write to this file instead of standard output"}},
+       1,
+       1,
+       RunGet},
+      {"ls",
+       "<container> [--json] [--all]",
+       "list the items of a container",
        "Lists the items in use: item number, size in bytes, 128-byte blocks reserved,\n"
        "attach count, change time (UTC) and flags by name.\n",
        {{"json", 0, false, "print one JSON object"},
         {"all", 'a', false, "also show slot 0 (the free map) and free slots"}},
-       1, 1, RunLs},
-      {"stat", "<item> [--json]", "show one item's status",
+       1,
+       1,
+       RunLs},
+      {"stat",
+       "<item> [--json]",
+       "show one item's status",
        "Shows the item's reference, path, kind (simple or blocked), size, reserved\n"
        "128-byte blocks, attach count, change time, flags and data offset.\n",
-       {{"json", 0, false, "print one JSON object"}}, 1, 1, RunStat},
-      {"rm", "<item>...", "delete items",
+       {{"json", 0, false, "print one JSON object"}},
+       1,
+       1,
+       RunStat},
+      {"rm",
+       "<item>...",
+       "delete items",
        "Deletes each item. While another process has the container open, the item is\n"
        "marked DELETED and released by the container's last close. A container whose\n"
        "last item is released is removed.\n",
-       {}, 1, -1, RunRm},
-      {"attach", "<item>", "add an owner to an item; print the attach count",
+       {},
+       1,
+       -1,
+       RunRm},
+      {"attach",
+       "<item>",
+       "add an owner to an item; print the attach count",
        "Raises the item's attach count (the owners that hold it outside any open handle)\n"
        "and prints the new count.\n",
-       {}, 1, 1, RunAttach},
-      {"detach", "<item>", "drop an owner of an item; print the attach count",
+       {},
+       1,
+       1,
+       RunAttach},
+      {"detach",
+       "<item>",
+       "drop an owner of an item; print the attach count",
        "Lowers the item's attach count and prints the new count. An item whose count\n"
        "reaches 0 is deleted.\n",
-       {}, 1, 1, RunDetach},
-      {"truncate", "<item> <size>", "change a simple item's size within its reserved space",
+       {},
+       1,
+       1,
+       RunDetach},
+      {"truncate",
+       "<item> <size>",
+       "change a simple item's size within its reserved space",
        "Sets the item's size. The new size may be smaller or larger, but not beyond the\n"
        "128-byte blocks reserved when the item was stored; no space is freed.\n",
-       {}, 2, 2, RunTruncate},
+       {},
+       2,
+       2,
+       RunTruncate},
   };
   return kCommands;
 }

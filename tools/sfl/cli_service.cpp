@@ -2,6 +2,10 @@
 // processes hold which containers. It is normally started on demand by the
 // library; these commands manage it explicitly, through the sfl-monitor
 // program installed beside this one and the library's queue lookup.
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -9,9 +13,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "cli.h"
 
@@ -98,7 +99,8 @@ int Start(const Args& a) {
   int rc = RunProgram(argv);
   if (rc != 0) throw Failure{argv[0] + " exited with status " + std::to_string(rc)};
   if (!FindService(&info)) throw Failure{"the service did not come up"};
-  std::printf("started: pid %d, %d queue pair%s\n", info.pid, info.pairs, info.pairs == 1 ? "" : "s");
+  std::printf("started: pid %d, %d queue pair%s\n", info.pid, info.pairs,
+              info.pairs == 1 ? "" : "s");
   return kExitOk;
 }
 
@@ -126,7 +128,8 @@ int Status() {
     std::printf("not running\n");
     return kExitFailure;
   }
-  std::printf("running: pid %d, %d queue pair%s\n", info.pid, info.pairs, info.pairs == 1 ? "" : "s");
+  std::printf("running: pid %d, %d queue pair%s\n", info.pid, info.pairs,
+              info.pairs == 1 ? "" : "s");
   return kExitOk;
 }
 
@@ -145,7 +148,9 @@ int RunService(const Args& a) {
 
 const std::vector<Command>& ServiceCommands() {
   static const std::vector<Command> kCommands = {
-      {"service", "start|stop|status", "manage the interest service",
+      {"service",
+       "start|stop|status",
+       "manage the interest service",
        "The interest service counts the processes that hold each container. The library\n"
        "starts one on demand (it stops again after an idle time); 'start' runs one\n"
        "explicitly with the sfl-monitor program beside this one, 'stop' ends it, and\n"
@@ -153,7 +158,9 @@ const std::vector<Command>& ServiceCommands() {
        "run directory in SFL_RUN_DIR is meant.\n",
        {{"pairs", 0, true, "start: queue pairs (serving processes), 1 to 4"},
         {"idle-seconds", 0, true, "start: exit after this long idle (0: never)"}},
-       1, 1, RunService},
+       1,
+       1,
+       RunService},
   };
   return kCommands;
 }

@@ -129,19 +129,34 @@ int RunWrite(const Args& a) {
 
 const std::vector<Command>& StreamCommands() {
   static const std::vector<Command> kCommands = {
-      {"cat", "<item|file>...", "write items or plain files to standard output, as streams",
+      {"cat",
+       "<item|file>...",
+       "write items or plain files to standard output, as streams",
        "Reads each operand through the library's stream layer: an item (by reference or\n"
        "item name) within its bounds, anything else as a plain file.\n",
-       {}, 1, -1, RunCat},
-      {"lines", "<item|file> [--count]", "print the lines of an item or file, numbered",
+       {},
+       1,
+       -1,
+       RunCat},
+      {"lines",
+       "<item|file> [--count]",
+       "print the lines of an item or file, numbered",
        "Reads the operand line by line through the stream layer and prints each line\n"
        "with its number.\n",
-       {{"count", 'c', false, "print only the number of lines"}}, 1, 1, RunLines},
-      {"write", "<item> <offset>", "overwrite part of a simple item with standard input",
+       {{"count", 'c', false, "print only the number of lines"}},
+       1,
+       1,
+       RunLines},
+      {"write",
+       "<item> <offset>",
+       "overwrite part of a simple item with standard input",
        "Writes standard input into the item from the byte offset on, through an item\n"
        "stream. The item never grows: input that would pass its end is refused and\n"
        "nothing is written.\n",
-       {}, 2, 2, RunWrite},
+       {},
+       2,
+       2,
+       RunWrite},
   };
   return kCommands;
 }

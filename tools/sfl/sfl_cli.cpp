@@ -56,7 +56,8 @@ void PrintOverview() {
 
 void PrintBlocksHelp() {
   std::printf("usage: sfl blocks <append|read|list|free> ...\n\ncommands on blocked items:\n");
-  for (const Command& c : cli::BlockCommands()) std::printf("  sfl %s %s\n      %s\n", c.name, c.synopsis, c.summary);
+  for (const Command& c : cli::BlockCommands())
+    std::printf("  sfl %s %s\n      %s\n", c.name, c.synopsis, c.summary);
 }
 
 const Command* Find(const std::string& name) {
@@ -162,7 +163,8 @@ int Main(int argc, char** argv) {
 int main(int argc, char** argv) {
   try {
     int rc = Main(argc, argv);
-    if (std::fflush(stdout) != 0) return Report("", "write error on standard output", cli::kExitFailure);
+    if (std::fflush(stdout) != 0)
+      return Report("", "write error on standard output", cli::kExitFailure);
     return rc;
   } catch (const cli::UsageError& e) {
     return Report("", e.message, cli::kExitUsage);
