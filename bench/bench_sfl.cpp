@@ -10,7 +10,7 @@
 
 #include "bench.h"
 #include "os.h"
-#include "sfl_int.h"
+#include "sfl.h"
 
 namespace bench {
 namespace {
@@ -119,14 +119,9 @@ class SflLog : public BlockLog {
   SflLog() {
     base_ = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
     item_ = sfl_CreateBlockedItem(base_, &ref_);
-    // The new root is laid down as zeros, which index reads refuse: make
-    // it an empty leaf under the item header before the first block.
-    sfl_ItemRec* rec = sfl_ItemHandle2Record(item_);
-    sfl_Held lock;
-    lock.ItemHeader(rec, SFL_LOCK_EXCL);
-    sfl_IndexRecord root = sfl_NewIndexRecord();
-    root.ParentOff = rec->HeaderOff;
-    sfl_WriteAnIndex(rec, rec->Offset, root);
+    // The new root is laid down as zeros, which index reads refuse: it
+    // becomes an empty leaf before the first block.
+    sfl_FormatBlockedRoot(item_);
   }
   ~SflLog() override {
     sfl_CloseItem(item_);

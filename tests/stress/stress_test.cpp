@@ -22,7 +22,7 @@
 // item (index records and data blocks of blocked items) occupy. Last, every
 // live item reads back intact and every deleted item is gone.
 //
-// Sizes: SFL_STRESS_PROCS (default 8) workers, SFL_STRESS_OPS (default 1500)
+// Sizes: SFL_STRESS_PROCS (default 8) workers, SFL_STRESS_OPS (default 2500)
 // operations each; SFL_STRESS_SEED changes the random choices.
 #include <atomic>
 #include <cerrno>
@@ -209,18 +209,6 @@ class Locked {
   int c_, n_;
 };
 
-// A new blocked item's root is laid down as zeros, which the index reads
-// refuse, so its creator turns it into an empty leaf whose parent is the
-// item header before the first block, under the header's exclusive lock.
-void InitRoot(int32_t h) {
-  sfl_ItemRec* rec = sfl_ItemHandle2Record(h);
-  sfl_Held lock;
-  lock.ItemHeader(rec, SFL_LOCK_EXCL);
-  sfl_IndexRecord root = sfl_NewIndexRecord();
-  root.ParentOff = rec->HeaderOff;
-  sfl_WriteAnIndex(rec, rec->Offset, root);
-}
-
 // ---- a worker ----------------------------------------------------------------------------
 class Worker {
  public:
@@ -330,7 +318,9 @@ class Worker {
         sfl_CloseFile(base);
         return;
       }
-      InitRoot(h);
+      // The new root is laid down as zeros, which index reads refuse: it
+      // becomes an empty leaf before the first block.
+      if (sfl_FormatBlockedRoot(h) != 1) Failed("root of a new blocked item was not blank");
       fresh.blocked = 1;
       fresh.acc = 0;  // a blocked item starts without owners
       uint32_t first = 1 + Below(4);
@@ -839,7 +829,7 @@ int VerifyAll() {
 
 TEST(Stress, ProcessesShareContainers) {
   const int procs = EnvInt("SFL_STRESS_PROCS", 8);
-  const int ops = EnvInt("SFL_STRESS_OPS", 1500);
+  const int ops = EnvInt("SFL_STRESS_OPS", 2500);
   const uint64_t seed = static_cast<uint64_t>(EnvInt("SFL_STRESS_SEED", 20261122));
 
   g_regPath = sfltest::TestDir() + "/registry";
