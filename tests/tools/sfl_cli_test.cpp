@@ -454,6 +454,16 @@ TEST(SflCliCreate, OptionsAndFilesGiven) {
   ASSERT_EQ(j["items"].items.size(), 1u);
   EXPECT_EQ(j["items"].items[0]["size"].num, 11);
 
+  // --async marks the file ASYNCHRONOUS in its header (flags word at byte 20).
+  Outcome as = Sfl({"create", "--async", a});
+  EXPECT_OK(as);
+  const std::string asyncPath = Lines(as.out)[0].substr(Lines(as.out)[0].find(' ') + 1);
+  const std::string header = ReadFile(asyncPath).substr(0, 128);
+  ASSERT_EQ(header.size(), 128u);
+  EXPECT_EQ(static_cast<uint8_t>(header[20]) & ASYNCHRONOUS, ASYNCHRONOUS);
+  EXPECT_EQ(static_cast<uint8_t>(header[20]) & SINGLE_FILE, 0);
+  EXPECT_EQ(Sfl({"get", Lines(as.out)[1]}).out, "first file\n");
+
   // A missing input fails before anything is created.
   const size_t before = std::distance(fs::recursive_directory_iterator(sfltest::StoreRoot()),
                                       fs::recursive_directory_iterator());
