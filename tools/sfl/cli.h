@@ -167,10 +167,6 @@ class Output {
 };
 
 // ---- blocked items ------------------------------------------------------------
-// The library lays a new blocked item's root down as 384 zero bytes, which
-// its own index check refuses on the first read. Turns such a root into an
-// empty leaf so that blocks can be placed; leaves any other root alone.
-void PrepareBlankRoot(const Container& c, const sfl_ItemRef& ref, int32_t handle);
 // Whether the item's root is still as the library laid it down (no blocks).
 bool RootIsBlank(const sfl_ItemRef& ref, const sfl_ItemInfo& info);
 // Reads one block whole, however long it is.

@@ -111,7 +111,9 @@ int RunAppend(const Args& a) {
   }
   Item item = Item::Adopt(handle);
   SetSubject(RefText(itemRef));
-  PrepareBlankRoot(c, itemRef, handle);
+  // A new blocked item's root is laid down blank; it becomes an empty leaf
+  // before the first block goes in (an existing root is left as it is).
+  sfl_FormatBlockedRoot(handle);
   int64_t first = -1, last = -1;
   for (const std::string& b : blocks) {
     int32_t n = sfl_GetNewBlock(handle, static_cast<int32_t>(b.size()), /*append=*/1, b.data());

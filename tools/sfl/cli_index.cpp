@@ -1,8 +1,7 @@
 // The tool's direct view of a blocked item's index in the container file:
-// preparing a root the library left blank, and listing a tree's blocks. The
-// library offers no call for either; both work under the item header lock
-// that every change of the tree takes, and all block data still moves
-// through the library.
+// listing a tree's blocks, for which the library offers no call. It reads
+// under the item header lock that every change of the tree takes; all block
+// data still moves through the library.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -21,7 +20,6 @@ constexpr size_t kIndexSize = 384;
 constexpr uint32_t kMagic = 12345678;
 constexpr uint32_t kIndexType = 18;
 constexpr uint32_t kTableOffsetField = 24;  // in the file header
-constexpr uint32_t kParentField = 24;       // in an index record
 constexpr uint32_t kItemHeaderSize = 64;
 constexpr uint32_t kItemHeaderType = 17;
 constexpr uint32_t kHeaderFileOffsetField = 24;  // in an item header
@@ -52,10 +50,6 @@ uint32_t GetLe32(const std::string& buf, size_t at) {
 
 bool AllZero(const std::string& bytes) {
   return bytes.find_first_not_of('\0') == std::string::npos;
-}
-
-void PutLe32(std::string* buf, size_t at, uint32_t v) {
-  for (size_t i = 0; i < 4; ++i) (*buf)[at + i] = static_cast<char>((v >> (8 * i)) & 0xff);
 }
 
 // Holds an item's header lock, taken through the library, for a scope.
@@ -187,31 +181,6 @@ void ForEachBlock(int32_t item, const sfl_ItemRef& ref,
                     " of " + std::to_string(b.size) + " bytes)"};
     fn(b.number, data);
   }
-}
-
-// The library lays a new blocked item's root down as 384 zero bytes, which
-// its own index check refuses on the first read, so no block could ever be
-// placed. Before appending, the tool turns such a root into an empty leaf
-// (magic, type 18, depth 0, parent = the item's header), under the item
-// header's exclusive lock that every change of the tree takes.
-void PrepareBlankRoot(const Container& c, const sfl_ItemRef& ref, int32_t handle) {
-  const sfl_ItemInfo info = c.UsedSlot(ItemNumber(ref));
-  if (info.IndexDepth != 0 || info.FileOffset == 0) return;
-  HeaderLock lock(handle, SFL_LOCK_EXCL);
-  if (!AllZero(ReadRootBytes(ref, info.FileOffset))) return;
-  std::string leaf(kIndexSize, '\0');
-  PutLe32(&leaf, 0, kMagic);
-  PutLe32(&leaf, 4, kIndexType);
-  const uint32_t table = GetLe32(ReadRaw(ref, kTableOffsetField, 4), 0);
-  PutLe32(&leaf, kParentField, table + ItemNumber(ref) * kItemHeaderSize);  // parent: the header
-  const std::string path = RefPath(ContainerOf(ref));
-  int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-  if (fd < 0) throw Failure{path + ": " + std::strerror(errno)};
-  ssize_t n = pwrite(fd, leaf.data(), leaf.size(), info.FileOffset);
-  int err = errno;
-  close(fd);
-  if (n != static_cast<ssize_t>(leaf.size()))
-    throw Failure{std::string("cannot write the item's index root: ") + std::strerror(err)};
 }
 
 bool RootIsBlank(const sfl_ItemRef& ref, const sfl_ItemInfo& info) {
