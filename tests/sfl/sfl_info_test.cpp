@@ -1,4 +1,4 @@
-// Tests of sfl_ListItems: the slots it reports for containers and
+// Tests of sfl_ListItems and sfl_ListBlocks. sfl_ListItems: the slots it reports for containers and
 // single-item files, its bounds, a slot taken but never written, and that
 // it leaves no header lock behind on success or on a short table.
 #include <fcntl.h>
@@ -189,6 +189,54 @@ TEST(SflListItems, BadHandleAndShortTable) {
   EXPECT_EQ(ReasonOf([&] { sfl_ListItems(base, info, 8); }), 28871);
   EXPECT_FALSE(HeaderLockedElsewhere(path));
   EXPECT_EQ(sfl_ListItems(base, info, 3), 8);  // the slots that are still there
+}
+
+}  // namespace
+
+namespace {
+
+// ---- sfl_ListBlocks -------------------------------------------------------------------------
+
+TEST(SflListBlocks, ReportsTheBlocksOfARangeInOrderAcrossLevels) {
+  int32_t base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+  sfl_ItemRef ref{};
+  int32_t h = sfl_CreateBlockedItem(base, &ref);
+  // A root still all zeros holds nothing.
+  EXPECT_EQ(sfl_ListBlocks(h, 0, UINT32_MAX, nullptr, 0), 0u);
+  ASSERT_EQ(sfl_FormatBlockedRoot(h), 1);
+  EXPECT_EQ(sfl_ListBlocks(h, 0, UINT32_MAX, nullptr, 0), 0u);
+
+  std::vector<char> data(100, 'x');
+  // 40 appended blocks grow the tree to a second level; free two of them.
+  for (uint32_t i = 0; i < 40; ++i)
+    ASSERT_EQ(sfl_GetNewBlock(h, static_cast<int32_t>(10 + i), 1, data.data()),
+              static_cast<int32_t>(i));
+  sfl_FreeBlock(h, 3, 0);
+  sfl_FreeBlock(h, 35, 0);
+
+  std::vector<sfl_BlockInfo> all(64);
+  ASSERT_EQ(sfl_ListBlocks(h, 0, UINT32_MAX, all.data(), 64), 38u);
+  uint32_t expected = 0;
+  for (uint32_t i = 0; i < 38; ++i, ++expected) {
+    if (expected == 3 || expected == 35) ++expected;
+    EXPECT_EQ(all[i].Block, expected);
+    EXPECT_EQ(all[i].Size, 10 + expected);
+    EXPECT_NE(all[i].Offset, 0u);
+  }
+  // A range, and an array shorter than the count.
+  sfl_BlockInfo some[2];
+  EXPECT_EQ(sfl_ListBlocks(h, 30, 36, some, 2), 6u);
+  EXPECT_EQ(some[0].Block, 30u);
+  EXPECT_EQ(some[1].Block, 31u);
+  EXPECT_EQ(sfl_ListBlocks(h, 36, 30, some, 2), 0u);
+
+  // Simple items have no blocks to list.
+  sfl_ItemRef simple{};
+  int32_t s = sfl_StoreBasicItem(base, nullptr, 10, &simple, 0);
+  EXPECT_EQ(ReasonOf([&] { sfl_ListBlocks(s, 0, 10, nullptr, 0); }), 28853);
+  sfl_CloseItem(s);
+  sfl_CloseItem(h);
+  sfl_CloseFile(base);
 }
 
 }  // namespace

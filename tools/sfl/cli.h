@@ -167,8 +167,8 @@ class Output {
 };
 
 // ---- blocked items ------------------------------------------------------------
-// Whether the item's root is still as the library laid it down (no blocks).
-bool RootIsBlank(const sfl_ItemRef& ref, const sfl_ItemInfo& info);
+// Whether the blocked item holds no blocks at all.
+bool HoldsNoBlocks(int32_t item);
 // Reads one block whole, however long it is.
 std::string ReadWholeBlock(int32_t item, uint32_t block);
 // The blocks of a blocked item numbered `first` to `last`, in order, with
@@ -177,13 +177,11 @@ struct BlockEntry {
   uint32_t number;
   uint32_t size;
 };
-std::vector<BlockEntry> ListBlocks(int32_t item, const sfl_ItemRef& ref, uint32_t first = 0,
-                                   uint32_t last = UINT32_MAX);
+std::vector<BlockEntry> ListBlocks(int32_t item, uint32_t first = 0, uint32_t last = UINT32_MAX);
 // Calls `fn` for every block of a blocked item numbered `first` to `last`, in
 // order, skipping freed and never-written numbers.
-void ForEachBlock(int32_t item, const sfl_ItemRef& ref,
-                  const std::function<void(uint32_t, const std::string&)>& fn, uint32_t first = 0,
-                  uint32_t last = UINT32_MAX);
+void ForEachBlock(int32_t item, const std::function<void(uint32_t, const std::string&)>& fn,
+                  uint32_t first = 0, uint32_t last = UINT32_MAX);
 
 }  // namespace cli
 

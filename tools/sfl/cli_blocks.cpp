@@ -138,13 +138,13 @@ int RunRead(const Args& a) {
   BlockedItem b(ref);
   Output out(a.Get("output"));
   if (range.single) {
-    if (RootIsBlank(ref, b.info))
+    if (HoldsNoBlocks(b.item.handle()))
       throw Failure{"no block " + std::to_string(range.first) + ": the item holds no blocks yet"};
     const std::string data = ReadWholeBlock(b.item.handle(), range.first);
     out.Write(data.data(), data.size());
   } else {
     ForEachBlock(
-        b.item.handle(), b.ref,
+        b.item.handle(),
         [&](uint32_t, const std::string& data) { out.Write(data.data(), data.size()); },
         range.first, range.last);
   }
@@ -156,7 +156,7 @@ int RunRead(const Args& a) {
 int RunList(const Args& a) {
   sfl_ItemRef ref = ParseItemRef(a.positional[0]);
   BlockedItem b(ref);
-  const std::vector<BlockEntry> blocks = ListBlocks(b.item.handle(), ref);
+  const std::vector<BlockEntry> blocks = ListBlocks(b.item.handle());
   b.Close();
   uint64_t total = 0;
   for (const BlockEntry& e : blocks) total += e.size;

@@ -167,7 +167,7 @@ int RunGet(const Args& a) {
   Item item(ref);
   Output out(a.Get("output"));
   if (info.Flags & BLOCKED_ITEM) {
-    ForEachBlock(item.handle(), ref,
+    ForEachBlock(item.handle(),
                  [&](uint32_t, const std::string& data) { out.Write(data.data(), data.size()); });
   } else {
     struct stat st;

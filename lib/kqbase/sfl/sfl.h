@@ -98,6 +98,13 @@ typedef struct sfl_ItemInfo {
   uint32_t Flags;
 } sfl_ItemInfo;
 
+/* One block of a blocked item, as sfl_ListBlocks reports it. */
+typedef struct sfl_BlockInfo {
+  uint32_t Block;  /* block number */
+  uint32_t Offset; /* file offset of its data */
+  uint32_t Size;   /* its length in bytes */
+} sfl_BlockInfo;
+
 /* Exported globals. */
 SFL_API extern uint8_t* MemFreeMap;
 SFL_API extern uint32_t MemFreeMapSize;
@@ -231,6 +238,13 @@ SFL_API int32_t sfl_CreateBlockedItem(int32_t baseHandle, sfl_ItemRef* out);
    blocks can be placed. Returns 1 when it wrote the root, 0 when the root
    already was an index record. */
 SFL_API int32_t sfl_FormatBlockedRoot(int32_t itemHandle);
+/* Walks a blocked item's index under the item header's shared lock and
+   reports its blocks numbered `first` to `last` in ascending order, at most
+   `max` of them into `out` (which may be null). Returns how many there are
+   in the range, so a caller can size its array. A root still all zeros
+   holds no blocks. */
+SFL_API uint32_t sfl_ListBlocks(int32_t itemHandle, uint32_t first, uint32_t last,
+                                sfl_BlockInfo* out, uint32_t max);
 SFL_API int32_t sfl_GetNewBlock(int32_t itemHandle, int32_t size, int32_t mode, const void* data);
 SFL_API void sfl_FreeBlock(int32_t itemHandle, uint32_t block, int32_t unused);
 SFL_API int32_t sfl_IntPower(uint32_t base, uint32_t exponent);
