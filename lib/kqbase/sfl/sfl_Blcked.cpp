@@ -718,9 +718,7 @@ extern "C" int32_t sfl_CreateBlockedItem(int32_t baseHandle, sfl_ItemRef* out) {
   const int32_t slot = sfl_GetFreeItemSlot(rec, 1, -1);
   if (slot < 1) SFL_RAISE(SFL_R_NO_BLOCKED_SLOT);
 
-  sfl_ItemRef ref = sfl_RefOf(*rec);
-  ref.Flags = static_cast<uint16_t>((ref.Flags & ~SFL_ITEM_NUM_MASK) |
-                                    (static_cast<uint32_t>(slot) & SFL_ITEM_NUM_MASK));
+  const sfl_ItemRef ref = sfl_ItemRefIn(*rec, static_cast<uint32_t>(slot));
   if (out != nullptr) *out = ref;
 
   // The root is laid down as zeros, without magic or type: the item starts
@@ -737,11 +735,7 @@ extern "C" int32_t sfl_CreateBlockedItem(int32_t baseHandle, sfl_ItemRef* out) {
   try {
     item->BaseHandle = baseHandle;
     item->BaseRecord = rec;
-    item->Domain = ref.Domain;
-    item->RefFlags = ref.Flags;
-    item->SubDomain = ref.SubDomain;
-    item->FileId = ref.FileId;
-    std::memcpy(item->Name, ref.Name, sizeof item->Name);
+    sfl_SetRef(*item, ref);
     item->ItemNum = static_cast<uint32_t>(slot);
     item->HeaderOff = rec->ITableOff + static_cast<uint32_t>(slot) * SFL_ITEM_HEADER_SIZE;
     item->OpenRefs = 1;

@@ -70,13 +70,7 @@ int32_t OpenNewItem(sfl_BaseRec* rec, int32_t baseHandle, const sfl_ItemRef* ref
   try {
     item->BaseHandle = baseHandle;
     item->BaseRecord = rec;
-    if (ref != nullptr) {
-      item->Domain = ref->Domain;
-      item->RefFlags = ref->Flags;
-      item->SubDomain = ref->SubDomain;
-      item->FileId = ref->FileId;
-      std::copy(std::begin(ref->Name), std::end(ref->Name), item->Name);
-    }
+    if (ref != nullptr) sfl_SetRef(*item, *ref);
     item->ItemNum = itemNum;
     item->HeaderOff = headerOff;
     item->OpenRefs = 1;
@@ -162,13 +156,7 @@ int32_t sfl_StoreItemAtPosition(int32_t baseHandle, const sfl_ItemRef* source, u
       size = static_cast<uint32_t>(st.st_size);
     }
 
-    sfl_ItemRef ref{};
-    ref.Domain = rec->Domain;
-    ref.Flags = static_cast<uint16_t>((rec->RefFlags & ~SFL_ITEM_NUM_MASK) |
-                                      (static_cast<uint32_t>(slot) & SFL_ITEM_NUM_MASK));
-    ref.SubDomain = rec->SubDomain;
-    ref.FileId = rec->FileId;
-    std::copy(std::begin(rec->Name), std::end(rec->Name), ref.Name);
+    const sfl_ItemRef ref = sfl_ItemRefIn(*rec, static_cast<uint32_t>(slot));
     if (out != nullptr) *out = ref;
 
     offset = sfl_GetFreeSpaceNew(rec, size, &blocks);

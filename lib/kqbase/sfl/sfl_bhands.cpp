@@ -46,34 +46,6 @@ sfl_FilesTable& sfl_OpenFiles() {
 
 // ---- references -------------------------------------------------------------------
 
-sfl_ItemRef sfl_RefOf(const sfl_BaseRec& rec) {
-  sfl_ItemRef ref{};
-  ref.Domain = rec.Domain;
-  ref.Flags = rec.RefFlags;
-  ref.SubDomain = rec.SubDomain;
-  ref.FileId = rec.FileId;
-  std::memcpy(ref.Name, rec.Name, sizeof ref.Name);
-  return ref;
-}
-
-sfl_ItemRef sfl_RefOf(const sfl_ItemRec& item) {
-  sfl_ItemRef ref{};
-  ref.Domain = item.Domain;
-  ref.Flags = item.RefFlags;
-  ref.SubDomain = item.SubDomain;
-  ref.FileId = item.FileId;
-  std::memcpy(ref.Name, item.Name, sizeof ref.Name);
-  return ref;
-}
-
-void sfl_SetRef(sfl_BaseRec& rec, const sfl_ItemRef& ref) {
-  rec.Domain = ref.Domain;
-  rec.RefFlags = ref.Flags;
-  rec.SubDomain = ref.SubDomain;
-  rec.FileId = ref.FileId;
-  std::memcpy(rec.Name, ref.Name, sizeof rec.Name);
-}
-
 bool sfl_SameFile(const sfl_ItemRef& a, const sfl_ItemRef& b) {
   return a.FileId == b.FileId && a.SubDomain == b.SubDomain && a.Domain == b.Domain &&
          std::strncmp(a.Name, b.Name, sizeof a.Name) == 0;

@@ -18,20 +18,6 @@ sfl_ItemsTable& sfl_OpenItems() {
 
 namespace {
 
-// The item's own reference (its container's with the item number).
-sfl_ItemRef RefOfItem(const sfl_ItemRec& item) {
-  sfl_ItemRef ref{};
-  ref.Domain = item.Domain;
-  ref.Flags = item.RefFlags;
-  ref.SubDomain = item.SubDomain;
-  ref.FileId = item.FileId;
-  std::memcpy(ref.Name, item.Name, sizeof ref.Name);
-  return ref;
-}
-
-bool SameName(const char* a, const char* b) {
-  return std::strncmp(a, b, sizeof(sfl_ItemRef::Name)) == 0;
-}
 
 // Closes a container that an open of an item opened, unless closing the
 // item on the way already gave the file back.
@@ -138,9 +124,8 @@ int32_t sfl_CheckItemAccessed(const sfl_ItemRef* ref, sfl_ItemRec** item, int32_
   for (size_t i = 0; i < table.HighWater(); ++i) {
     sfl_ItemRec* r = table.At(i);
     if (r == nullptr || r->InUse != 1) continue;
-    if (r->FileId == ref->FileId && r->SubDomain == ref->SubDomain && r->Domain == ref->Domain &&
-        r->ItemNum == sfl_ItemNumOf(*ref) && r->BaseHandle == baseHandle &&
-        SameName(r->Name, ref->Name)) {
+    if (r->ItemNum == sfl_ItemNumOf(*ref) && r->BaseHandle == baseHandle &&
+        sfl_SameFile(sfl_RefOf(*r), *ref)) {
       if (item != nullptr) *item = r;
       if (itemHandle != nullptr) *itemHandle = sfl_ItemsTable::kFirst + static_cast<int32_t>(i);
       return 1;
@@ -204,7 +189,7 @@ void sfl_CloseItem(int32_t itemHandle) {
   if (--item->OpenRefs >= 1) return;
 
   if (item->LockCount > 0) {
-    sfl_ItemRef ref = RefOfItem(*item);
+    sfl_ItemRef ref = sfl_RefOf(*item);
     char name[PATH_MAX] = "";
     im_ItemRef2FName(&ref, name, sizeof name);
     ER_LOG(5, ER_GROUP_SFL, SFL_R_CLOSED_WITH_LOCKS, "item %s closed holding %d range locks",

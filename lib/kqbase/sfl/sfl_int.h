@@ -182,9 +182,32 @@ sfl_StreamRec* sfl_L3Handle2Record(int32_t streamHandle);
 void sfl_DeleteOL3Item(sfl_StreamRec* rec);
 
 // ---- references ---------------------------------------------------------------
-sfl_ItemRef sfl_RefOf(const sfl_BaseRec& rec);
-sfl_ItemRef sfl_RefOf(const sfl_ItemRec& item);
-void sfl_SetRef(sfl_BaseRec& rec, const sfl_ItemRef& ref);
+// Base-file and item-handle records both begin with a copy of a reference
+// under the same field names.
+template <class Rec>
+sfl_ItemRef sfl_RefOf(const Rec& rec) {
+  sfl_ItemRef ref{};
+  ref.Domain = rec.Domain;
+  ref.Flags = rec.RefFlags;
+  ref.SubDomain = rec.SubDomain;
+  ref.FileId = rec.FileId;
+  std::memcpy(ref.Name, rec.Name, sizeof ref.Name);
+  return ref;
+}
+template <class Rec>
+void sfl_SetRef(Rec& rec, const sfl_ItemRef& ref) {
+  rec.Domain = ref.Domain;
+  rec.RefFlags = ref.Flags;
+  rec.SubDomain = ref.SubDomain;
+  rec.FileId = ref.FileId;
+  std::memcpy(rec.Name, ref.Name, sizeof rec.Name);
+}
+// The reference of item `itemNum` of an open container.
+inline sfl_ItemRef sfl_ItemRefIn(const sfl_BaseRec& rec, uint32_t itemNum) {
+  sfl_ItemRef ref = sfl_RefOf(rec);
+  ref.Flags = static_cast<uint16_t>((ref.Flags & ~SFL_ITEM_NUM_MASK) | (itemNum & SFL_ITEM_NUM_MASK));
+  return ref;
+}
 // Same FileId, SubDomain, Domain and name tag (compared as strings).
 bool sfl_SameFile(const sfl_ItemRef& a, const sfl_ItemRef& b);
 inline uint32_t sfl_ItemNumOf(const sfl_ItemRef& ref) { return ref.Flags & SFL_ITEM_NUM_MASK; }

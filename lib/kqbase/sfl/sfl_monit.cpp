@@ -135,17 +135,6 @@ Answer exchange(const sfl_ItemRef& ref, const uint8_t* text, size_t textLen, int
   return a;
 }
 
-sfl_ItemRef refOf(uint16_t domain, uint16_t flags, uint32_t subDomain, uint32_t fileId,
-                  const char name[4]) {
-  sfl_ItemRef r;
-  r.Domain = domain;
-  r.Flags = flags;
-  r.SubDomain = subDomain;
-  r.FileId = fileId;
-  std::memcpy(r.Name, name, 4);
-  return r;
-}
-
 // Record, withdraw and check for a reference whose wire flags are given.
 Answer record(const sfl_ItemRef& ref, uint16_t wireFlags) {
   uint8_t text[ML_RECORD_LEN] = {};
@@ -168,14 +157,6 @@ Answer check(const sfl_ItemRef& ref, uint16_t wireFlags, uint32_t token) {
   sfl_PutU32(text + 16, static_cast<uint32_t>(os_getpid()));
   sfl_PutU32(text + 20, token);
   return exchange(ref, text, sizeof text, ML_MSG_CHECK, ML_CHECK_REPLY_LEN);
-}
-
-sfl_ItemRef baseRef(const sfl_BaseRec* rec) {
-  return refOf(rec->Domain, rec->RefFlags, rec->SubDomain, rec->FileId, rec->Name);
-}
-
-sfl_ItemRef itemRef(const sfl_ItemRec* item) {
-  return refOf(item->Domain, item->RefFlags, item->SubDomain, item->FileId, item->Name);
 }
 
 constexpr uint16_t fileFlags(uint16_t flags) {
@@ -219,7 +200,7 @@ void sfl_DoSendMsg(int32_t queue, const void* message, size_t textLength, int32_
 
 void sfl_RecordBaseInterest(sfl_BaseRec* rec) {
   ER_TRACE_PROC("sfl_RecordBaseInterest");
-  const sfl_ItemRef ref = baseRef(rec);
+  const sfl_ItemRef ref = sfl_RefOf(*rec);
   Answer a = record(ref, fileFlags(ref.Flags));
   rec->InterestToken = a.w0;
   rec->OtherInterest = a.w1;
@@ -228,7 +209,7 @@ void sfl_RecordBaseInterest(sfl_BaseRec* rec) {
 
 void sfl_ReleaseBaseInterest(sfl_BaseRec* rec) {
   ER_TRACE_PROC("sfl_ReleaseBaseInterest");
-  const sfl_ItemRef ref = baseRef(rec);
+  const sfl_ItemRef ref = sfl_RefOf(*rec);
   Answer a = withdraw(ref, fileFlags(ref.Flags), rec->InterestToken);
   rec->ProcAccCount = a.w0;
   rec->OtherInterest = a.w1;
@@ -236,7 +217,7 @@ void sfl_ReleaseBaseInterest(sfl_BaseRec* rec) {
 
 void sfl_CheckBaseInterest(sfl_BaseRec* rec) {
   ER_TRACE_PROC("sfl_CheckBaseInterest");
-  const sfl_ItemRef ref = baseRef(rec);
+  const sfl_ItemRef ref = sfl_RefOf(*rec);
   // The check sends the reference as it stands, item bits included.
   Answer a = check(ref, ref.Flags, rec->InterestToken);
   rec->ProcAccCount = a.w0;
@@ -245,7 +226,7 @@ void sfl_CheckBaseInterest(sfl_BaseRec* rec) {
 
 void sfl_RecordItemInterest(sfl_ItemRec* item) {
   ER_TRACE_PROC("sfl_RecordItemInterest");
-  const sfl_ItemRef ref = itemRef(item);
+  const sfl_ItemRef ref = sfl_RefOf(*item);
   Answer a = record(ref, ref.Flags);
   item->InterestToken = a.w0;
   item->OtherInterest = a.w1;
@@ -254,7 +235,7 @@ void sfl_RecordItemInterest(sfl_ItemRec* item) {
 
 void sfl_ReleaseItemInterest(sfl_ItemRec* item) {
   ER_TRACE_PROC("sfl_ReleaseItemInterest");
-  const sfl_ItemRef ref = itemRef(item);
+  const sfl_ItemRef ref = sfl_RefOf(*item);
   Answer a = withdraw(ref, ref.Flags, item->InterestToken);
   item->InterestCount = a.w0;
   item->OtherInterest = a.w1;
@@ -262,7 +243,7 @@ void sfl_ReleaseItemInterest(sfl_ItemRec* item) {
 
 void sfl_CheckItemInterest(sfl_ItemRec* item) {
   ER_TRACE_PROC("sfl_CheckItemInterest");
-  const sfl_ItemRef ref = itemRef(item);
+  const sfl_ItemRef ref = sfl_RefOf(*item);
   Answer a = check(ref, ref.Flags, item->InterestToken);
   item->InterestCount = a.w0;
   item->OtherInterest = a.w1;
