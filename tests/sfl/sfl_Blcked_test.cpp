@@ -18,22 +18,15 @@
 #include "sfl.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-template <class F>
-int ReasonOf(F fn) {
-  try {
-    fn();
-  } catch (const er_Escape& e) {
-    er_Clear();
-    return e.group() * 100000 + e.reason();
-  }
-  return 0;
-}
-constexpr int Sfl(int reason) { return 100 * 100000 + reason; }
+using sfltest::EscapeCodeOf;
+
+constexpr long Sfl(int reason) { return sfltest::EscapeCode(ER_GROUP_SFL, reason); }
 
 // Distinct contents for each block and version.
 Bytes Pattern(uint32_t block, uint32_t version, uint32_t len) {
@@ -42,40 +35,13 @@ Bytes Pattern(uint32_t block, uint32_t version, uint32_t len) {
   return b;
 }
 
-// Messages seen by the log hook.
-struct Logged {
-  int level, group, reason;
-};
-std::vector<Logged> g_logged;
-void Hook(int level, int group, int reason, const char*) { g_logged.push_back({level, group, reason}); }
-
-class Blocked : public ::testing::Test {
+class Blocked : public sfltest::ParentItemTest {
  protected:
-  void SetUp() override {
-    base_ = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
-    parent_ = sfl_StoreBasicItem(base_, nullptr, 512, &parentRef_, 0);
-    ASSERT_GE(parent_, SFL_ITEM_HANDLE_FIRST);
-    rec_ = sfl_Handle2Record(base_);
-    fd_ = rec_->FileDes;
-    sfl_GetSerFileItem(base_, &fileRef_);
-  }
-
   // A new internal blocked item whose header lies at `position` of the
   // parent; its tree starts as one empty leaf.
   int32_t NewItem(uint32_t position = 0) { return sfl_CreateIntBItem(parent_, 0, position, 0); }
-  sfl_ItemRec* Rec(int32_t h) { return sfl_ItemHandle2Record(h); }
 
-  Bytes Raw(uint64_t off, size_t len) {
-    Bytes b(len);
-    EXPECT_EQ(::pread(fd_, b.data(), len, static_cast<off_t>(off)), static_cast<ssize_t>(len));
-    return b;
-  }
-  Bytes RawUpTo(uint64_t off, size_t len) {
-    Bytes b(len);
-    ssize_t n = ::pread(fd_, b.data(), len, static_cast<off_t>(off));
-    b.resize(n < 0 ? 0 : static_cast<size_t>(n));
-    return b;
-  }
+  Bytes RawUpTo(uint64_t off, size_t len) { return sfltest::ReadUpTo(fd_, off, len); }
   sfl_IndexRecord Index(uint32_t off) {
     Bytes b = Raw(off, SFL_INDEX_SIZE);
     return sfl_DecodeIndex(std::span<const uint8_t, SFL_INDEX_SIZE>(b.data(), SFL_INDEX_SIZE));
@@ -85,18 +51,8 @@ class Blocked : public ::testing::Test {
     sfl_EncodeIndex(r, b);
     ASSERT_EQ(::pwrite(fd_, b.data(), b.size(), off), static_cast<ssize_t>(b.size()));
   }
-  sfl_ItemHeader Header(uint32_t off) {
-    Bytes b = Raw(off, SFL_ITEM_HEADER_SIZE);
-    return sfl_DecodeItemHeader(std::span<const uint8_t, SFL_ITEM_HEADER_SIZE>(b.data(), SFL_ITEM_HEADER_SIZE));
-  }
   sfl_ItemHeader HeaderOf(int32_t h) { return Header(Rec(h)->HeaderOff); }
   sfl_IndexRecord RootOf(int32_t h) { return Index(HeaderOf(h).FileOffset); }
-
-  // The on-disk free map.
-  Bytes Map() {
-    sfl_ItemHeader fm = Header(SFL_TABLE_OFFSET);
-    return Raw(fm.FileOffset, fm.FileSize);
-  }
 
   // Places `n` blocks of `len` bytes; returns their numbers.
   std::vector<int32_t> Place(int32_t h, uint32_t n, int mode, uint32_t len = 40) {
@@ -113,28 +69,6 @@ class Blocked : public ::testing::Test {
     b.resize(sfl_ReadBlockedData(h, block, len, b.data()));
     return b;
   }
-
-  std::string FilePath() {
-    char name[4096];
-    im_ItemRef2FName(&fileRef_, name, sizeof name);
-    return name;
-  }
-
-  // Whether another process can take an exclusive lock on the range at once
-  // (so that nothing in this process still holds it).
-  bool LockableElsewhere(uint32_t off, uint32_t len) {
-    const std::string path = FilePath();
-    return sfltest::RunInChild([&] {
-             int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-             if (fd < 0) return 2;
-             return os_TryLockPart(fd, OS_LOCK_EXCL | OS_LOCK_NOWAIT, 0, off, 0, len, 0) ? 0 : 1;
-           }) == 0;
-  }
-
-  int32_t base_ = -1, parent_ = -1;
-  sfl_BaseRec* rec_ = nullptr;
-  int fd_ = -1;
-  sfl_ItemRef parentRef_{}, fileRef_{};
 };
 
 // ---- powers ------------------------------------------------------------------------
@@ -178,10 +112,10 @@ TEST_F(Blocked, CreatedItemHasZeroRootAndFailsTheIndexCheck) {
 
   // The root carries no magic or type, so the first index read refuses it.
   uint8_t d[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-  EXPECT_EQ(ReasonOf([&] { sfl_GetNewBlock(h, 8, 1, d); }), Sfl(SFL_R_BAD_INDEX));
-  EXPECT_EQ(ReasonOf([&] { sfl_GetNewBlock(h, 8, 0, d); }), Sfl(SFL_R_BAD_INDEX));
-  EXPECT_EQ(ReasonOf([&] { sfl_WriteBlockedData(h, 0, 8, d); }), Sfl(SFL_R_BAD_INDEX));
-  EXPECT_EQ(ReasonOf([&] { sfl_ReadBlockedData(h, 0, 8, d); }), Sfl(SFL_R_BAD_INDEX));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_GetNewBlock(h, 8, 1, d); }), Sfl(SFL_R_BAD_INDEX));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_GetNewBlock(h, 8, 0, d); }), Sfl(SFL_R_BAD_INDEX));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_WriteBlockedData(h, 0, 8, d); }), Sfl(SFL_R_BAD_INDEX));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_ReadBlockedData(h, 0, 8, d); }), Sfl(SFL_R_BAD_INDEX));
   EXPECT_TRUE(LockableElsewhere(item->HeaderOff, SFL_ITEM_HEADER_SIZE));
   sfl_CloseItem(h);
 }
@@ -207,7 +141,7 @@ TEST_F(Blocked, FormattingAZeroRootMakesTheItemUsableOnce) {
   EXPECT_EQ(sfl_ReadBlockedData(h, 0, 8, back), 8u);
   EXPECT_EQ(std::memcmp(back, d, 8), 0);
   // Simple items have no root to format.
-  EXPECT_EQ(ReasonOf([&] { sfl_FormatBlockedRoot(parent_); }), Sfl(SFL_R_NOT_BLOCKED));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_FormatBlockedRoot(parent_); }), Sfl(SFL_R_NOT_BLOCKED));
   EXPECT_TRUE(LockableElsewhere(Rec(h)->HeaderOff, SFL_ITEM_HEADER_SIZE));
   sfl_CloseItem(h);
 }
@@ -216,7 +150,7 @@ TEST_F(Blocked, NoFreeSlotRaises28850AndTakesNoSpace) {
   for (int i = 0; i < 6; ++i) ASSERT_GE(sfl_CreateBlockedItem(base_, nullptr), SFL_ITEM_HANDLE_FIRST);
   const Bytes before = Map();
   sfl_ItemRef ref{};
-  EXPECT_EQ(ReasonOf([&] { sfl_CreateBlockedItem(base_, &ref); }), Sfl(SFL_R_NO_BLOCKED_SLOT));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_CreateBlockedItem(base_, &ref); }), Sfl(SFL_R_NO_BLOCKED_SLOT));
   EXPECT_EQ(Map(), before);
 }
 
@@ -320,14 +254,17 @@ TEST_F(Blocked, CachedLeafThatClaimsRoomButHasNoneIsCorrectedAndLogged) {
   leaf.Used = 30;  // damage: room claimed, none there
   PutIndex(leafOff, leaf);
 
-  g_logged.clear();
-  er_LogHook old = er_SetLogHook(Hook);
+  std::vector<sfltest::LogEntry> logged;
   Bytes d = Pattern(1, 1, 10);
-  const int32_t b = sfl_GetNewBlock(h, 10, 0, d.data());
-  er_SetLogHook(old);
+  int32_t b;
+  {
+    sfltest::LogCapture capture;
+    b = sfl_GetNewBlock(h, 10, 0, d.data());
+    logged = capture.Entries();
+  }
   EXPECT_EQ(b, 32);
   bool seen = false;
-  for (const Logged& l : g_logged)
+  for (const sfltest::LogEntry& l : logged)
     if (l.reason == SFL_R_CACHED_LEAF_FULL && l.group == ER_GROUP_SFL && l.level == 5) seen = true;
   EXPECT_TRUE(seen);
   EXPECT_EQ(Index(leafOff).Used, 32u);
@@ -350,7 +287,7 @@ TEST_F(Blocked, LevelAboveARootOfDepthSixRaises28899) {
   root.FreeMap = 0xFFFFFFFFu;
   PutIndex(hd.FileOffset, root);
   const int32_t h3 = sfl_OpenIntItem(parent_, 0, 0);  // no last leaf: search from the root
-  EXPECT_EQ(ReasonOf([&] { sfl_GetNewBlock(h3, 10, 0, d.data()); }), Sfl(SFL_R_TOO_DEEP));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_GetNewBlock(h3, 10, 0, d.data()); }), Sfl(SFL_R_TOO_DEEP));
   EXPECT_EQ(HeaderOf(h).IndexDepth, 6u);
   EXPECT_EQ(HeaderOf(h).FileOffset, hd.FileOffset);
   EXPECT_TRUE(LockableElsewhere(Rec(h3)->HeaderOff, SFL_ITEM_HEADER_SIZE));
@@ -360,11 +297,11 @@ TEST_F(Blocked, LevelAboveARootOfDepthSixRaises28899) {
 
 TEST_F(Blocked, PlacementRefusals) {
   uint8_t d[4] = {0};
-  EXPECT_EQ(ReasonOf([&] { sfl_GetNewBlock(parent_, 4, 1, d); }), Sfl(SFL_R_NOT_BLOCKED));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_GetNewBlock(parent_, 4, 1, d); }), Sfl(SFL_R_NOT_BLOCKED));
   const int32_t h = NewItem();
   // Block data that cannot be written whole.
   os_ShortNth(os_Op::Pwrite, 2, 3);  // the first write is the map's, the second the data
-  EXPECT_EQ(ReasonOf([&] { sfl_GetNewBlock(h, 4, 1, d); }), Sfl(SFL_R_SHORT_WRITE));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_GetNewBlock(h, 4, 1, d); }), Sfl(SFL_R_SHORT_WRITE));
   os_ClearFaults();
   EXPECT_TRUE(LockableElsewhere(Rec(h)->HeaderOff, SFL_ITEM_HEADER_SIZE));
 }
@@ -386,9 +323,9 @@ TEST_F(Blocked, ABlockOfNoBytesGetsANumberButNoSpace) {
 TEST_F(Blocked, FreeRefusals) {
   const int32_t h = NewItem();
   Place(h, 3, 1);
-  EXPECT_EQ(ReasonOf([&] { sfl_FreeBlock(h, 40, 0); }), Sfl(SFL_R_LEAF_INDEX));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_FreeBlock(h, 40, 0); }), Sfl(SFL_R_LEAF_INDEX));
   Place(h, 40, 1);  // depth 1, two children
-  EXPECT_EQ(ReasonOf([&] { sfl_FreeBlock(h, 100, 0); }), Sfl(SFL_R_BAD_SLOT));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_FreeBlock(h, 100, 0); }), Sfl(SFL_R_BAD_SLOT));
   // Freeing an empty entry rewrites it and changes nothing else.
   sfl_FreeBlock(h, 2, 0);
   const Bytes map = Map();
@@ -420,7 +357,7 @@ TEST_F(Blocked, FindBlockFromTheRootDividesByAWholeRecordsRange) {
   sfl_IndexRecord out;
   // Block 39 lies in the root's entry 1, but the descent divides by 1,024
   // and lands in entry 0's leaf, where 39 is out of range.
-  EXPECT_EQ(ReasonOf([&] { sfl_FindBlock(Rec(h2), 39, &out); }), Sfl(SFL_R_LEAF_INDEX));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_FindBlock(Rec(h2), 39, &out); }), Sfl(SFL_R_LEAF_INDEX));
   // Through the leaf touched last the same block is found.
   ASSERT_EQ(Read(h2, 39, 40), Pattern(39, 0, 40));
   EXPECT_EQ(sfl_FindBlock(Rec(h2), 39, &out), 7u);
@@ -451,7 +388,7 @@ TEST_F(Blocked, FindBlockFromTheRootAnswersWithTheBlocksDataOffset) {
   ASSERT_EQ(sfl_WriteBlockedData(h, 0, SFL_INDEX_SIZE, plain.data()),
             static_cast<int32_t>(SFL_INDEX_SIZE));
   const int32_t h3 = sfl_OpenIntItem(parent_, 0, 0);
-  EXPECT_EQ(ReasonOf([&] { sfl_FindBlock(Rec(h3), 5, &out); }), Sfl(SFL_R_BAD_INDEX));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_FindBlock(Rec(h3), 5, &out); }), Sfl(SFL_R_BAD_INDEX));
   sfl_CloseIntItem(h3);
   sfl_CloseIntItem(h2);
 }
@@ -463,13 +400,13 @@ TEST_F(Blocked, FindBlockInASingleLeafTree) {
   sfl_IndexRecord out;
   EXPECT_EQ(sfl_FindBlock(Rec(h2), 2, &out), 2u);
   EXPECT_EQ(out.Used, 3u);
-  EXPECT_EQ(ReasonOf([&] { sfl_FindBlock(Rec(h2), 32, &out); }), Sfl(SFL_R_BAD_SLOT));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_FindBlock(Rec(h2), 32, &out); }), Sfl(SFL_R_BAD_SLOT));
   // A root with no place at all (seen by a handle that has no last leaf).
   const int32_t h3 = sfl_OpenIntItem(parent_, 0, 0);
   sfl_ItemHeader hd = HeaderOf(h2);
   hd.FileOffset = 0;
   sfl_WriteInternalItemH(Rec(h2), Rec(h2)->HeaderOff, hd);
-  EXPECT_EQ(ReasonOf([&] { sfl_FindBlock(Rec(h3), 1, &out); }), Sfl(SFL_R_EMPTY_ENTRY));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_FindBlock(Rec(h3), 1, &out); }), Sfl(SFL_R_EMPTY_ENTRY));
   sfl_CloseIntItem(h3);
   sfl_CloseIntItem(h2);
 }
@@ -516,7 +453,7 @@ TEST_F(Blocked, WritingFarBlocksCreatesBranchesOnTheWay) {
   const int32_t h2 = sfl_OpenIntItem(parent_, 0, 0);
   EXPECT_EQ(Read(h2, 5000, 10), d);
   uint8_t b[4];
-  EXPECT_EQ(ReasonOf([&] { sfl_ReadBlockedData(h2, 5100, 4, b); }), Sfl(SFL_R_EMPTY_ENTRY));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_ReadBlockedData(h2, 5100, 4, b); }), Sfl(SFL_R_EMPTY_ENTRY));
   sfl_CloseIntItem(h2);
 }
 
@@ -550,12 +487,12 @@ TEST_F(Blocked, ReadingABlockNeverWritten) {
   sfl_WriteBlockedData(h, 5, 8, d.data());
   ASSERT_EQ(RootOf(h).EverUsed, 6u);
   uint8_t b[8];
-  EXPECT_EQ(ReasonOf([&] { sfl_ReadBlockedData(h, 3, 8, b); }), Sfl(SFL_R_EMPTY_ENTRY));
-  EXPECT_EQ(ReasonOf([&] { sfl_ReadBlockedData(h, 6, 8, b); }), Sfl(SFL_R_BAD_SLOT));
-  EXPECT_EQ(ReasonOf([&] { sfl_ReadBlockedData(h, 31, 8, b); }), Sfl(SFL_R_BAD_SLOT));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_ReadBlockedData(h, 3, 8, b); }), Sfl(SFL_R_EMPTY_ENTRY));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_ReadBlockedData(h, 6, 8, b); }), Sfl(SFL_R_BAD_SLOT));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_ReadBlockedData(h, 31, 8, b); }), Sfl(SFL_R_BAD_SLOT));
   // From the root, beyond the tree's range.
   const int32_t h2 = sfl_OpenIntItem(parent_, 0, 0);
-  EXPECT_EQ(ReasonOf([&] { sfl_ReadBlockedData(h2, 32, 8, b); }), Sfl(SFL_R_BAD_SLOT));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_ReadBlockedData(h2, 32, 8, b); }), Sfl(SFL_R_BAD_SLOT));
   EXPECT_TRUE(LockableElsewhere(Rec(h2)->HeaderOff, SFL_ITEM_HEADER_SIZE));
   sfl_CloseIntItem(h2);
 }
@@ -569,7 +506,7 @@ TEST_F(Blocked, AnEmptyWriteTakesNoSpaceAndLeavesTheEntryEmpty) {
   EXPECT_EQ(root.Used, 0u);
   EXPECT_EQ(root.EverUsed, 5u);
   uint8_t b[4];
-  EXPECT_EQ(ReasonOf([&] { sfl_ReadBlockedData(h, 4, 4, b); }), Sfl(SFL_R_EMPTY_ENTRY));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_ReadBlockedData(h, 4, 4, b); }), Sfl(SFL_R_EMPTY_ENTRY));
 }
 
 TEST_F(Blocked, ShortBlockTransfersRaiseAndReleaseTheHeaderLock) {
@@ -579,13 +516,13 @@ TEST_F(Blocked, ShortBlockTransfersRaiseAndReleaseTheHeaderLock) {
   // Rewriting an existing block through the cached leaf: one index read,
   // then the data write.
   os_ShortNth(os_Op::Pwrite, 1, 10);
-  EXPECT_EQ(ReasonOf([&] { sfl_WriteBlockedData(h, 0, 64, d.data()); }), Sfl(SFL_R_SHORT_BLOCK_WRITE));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_WriteBlockedData(h, 0, 64, d.data()); }), Sfl(SFL_R_SHORT_BLOCK_WRITE));
   os_ClearFaults();
   EXPECT_TRUE(LockableElsewhere(Rec(h)->HeaderOff, SFL_ITEM_HEADER_SIZE));
   // Reading: the leaf, then the data.
   uint8_t b[64];
   os_ShortNth(os_Op::Pread, 2, 10);
-  EXPECT_EQ(ReasonOf([&] { sfl_ReadBlockedData(h, 0, 64, b); }), Sfl(SFL_R_SHORT_READ));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_ReadBlockedData(h, 0, 64, b); }), Sfl(SFL_R_SHORT_READ));
   os_ClearFaults();
   EXPECT_TRUE(LockableElsewhere(Rec(h)->HeaderOff, SFL_ITEM_HEADER_SIZE));
 }

@@ -14,73 +14,23 @@
 #include "sfl.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-template <class F>
-int ReasonOf(F fn) {
-  try {
-    fn();
-  } catch (const er_Escape& e) {
-    er_Clear();
-    return e.group() * 100000 + e.reason();
-  }
-  return 0;
-}
-constexpr int Sfl(int reason) { return 100 * 100000 + reason; }
-constexpr int Table(int reason) { return 3 * 100000 + reason; }
+using sfltest::EscapeCodeOf;
 
-class IntItem : public ::testing::Test {
+constexpr long Sfl(int reason) { return sfltest::EscapeCode(ER_GROUP_SFL, reason); }
+constexpr long Table(int reason) { return sfltest::EscapeCode(ER_GROUP_TABLE, reason); }
+
+class IntItem : public sfltest::ParentItemTest {
  protected:
-  void SetUp() override {
-    base_ = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
-    parent_ = sfl_StoreBasicItem(base_, nullptr, 512, &parentRef_, 0);
-    ASSERT_GE(parent_, SFL_ITEM_HANDLE_FIRST);
-    rec_ = sfl_Handle2Record(base_);
-    fd_ = rec_->FileDes;
-    sfl_GetSerFileItem(base_, &fileRef_);
-  }
-
-  sfl_ItemRec* Rec(int32_t h) { return sfl_ItemHandle2Record(h); }
-
-  Bytes Raw(uint64_t off, size_t len) {
-    Bytes b(len);
-    EXPECT_EQ(::pread(fd_, b.data(), len, static_cast<off_t>(off)), static_cast<ssize_t>(len));
-    return b;
-  }
-  sfl_ItemHeader Header(uint32_t off) {
-    Bytes b = Raw(off, SFL_ITEM_HEADER_SIZE);
-    return sfl_DecodeItemHeader(std::span<const uint8_t, SFL_ITEM_HEADER_SIZE>(b.data(), SFL_ITEM_HEADER_SIZE));
-  }
-  Bytes Map() {
-    sfl_ItemHeader fm = Header(SFL_TABLE_OFFSET);
-    return Raw(fm.FileOffset, fm.FileSize);
-  }
   bool Marked(uint32_t unit) {
     Bytes m = Map();
     return ((m[unit / 8] >> (unit % 8)) & 1) != 0;
   }
-
-  std::string FilePath() {
-    char name[4096];
-    im_ItemRef2FName(&fileRef_, name, sizeof name);
-    return name;
-  }
-  bool LockableElsewhere(uint32_t off, uint32_t len) {
-    const std::string path = FilePath();
-    return sfltest::RunInChild([&] {
-             int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-             if (fd < 0) return 2;
-             return os_TryLockPart(fd, OS_LOCK_EXCL | OS_LOCK_NOWAIT, 0, off, 0, len, 0) ? 0 : 1;
-           }) == 0;
-  }
-
-  int32_t base_ = -1, parent_ = -1;
-  sfl_BaseRec* rec_ = nullptr;
-  int fd_ = -1;
-  sfl_ItemRef parentRef_{}, fileRef_{};
 };
 
 TEST_F(IntItem, ANewItemHasAnEmptyTreeSize384AndAttachCountZero) {
@@ -159,7 +109,7 @@ TEST_F(IntItem, OpeningReadsTheHeaderAndGivesANewHandleEachTime) {
 
 TEST_F(IntItem, OpeningWhereNoHeaderLiesRaises28883) {
   const int32_t before = sfl_OpenItems().InUseCount();
-  EXPECT_EQ(ReasonOf([&] { sfl_OpenIntItem(parent_, 0, 256); }), Sfl(SFL_R_NOT_INT_ITEM));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_OpenIntItem(parent_, 0, 256); }), Sfl(SFL_R_NOT_INT_ITEM));
   // Right magic and type but no tree.
   sfl_ItemHeader hd = sfl_NewItemHeader();
   hd.FileSize = 384;
@@ -168,25 +118,25 @@ TEST_F(IntItem, OpeningWhereNoHeaderLiesRaises28883) {
   sfl_EncodeItemHeader(hd, b);
   ASSERT_EQ(sfl_WriteSimpleData(parent_, 320, SFL_ITEM_HEADER_SIZE, b.data()),
             static_cast<int32_t>(SFL_ITEM_HEADER_SIZE));
-  EXPECT_EQ(ReasonOf([&] { sfl_OpenIntItem(parent_, 0, 320); }), Sfl(SFL_R_NOT_INT_ITEM));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_OpenIntItem(parent_, 0, 320); }), Sfl(SFL_R_NOT_INT_ITEM));
   // Another record type there.
   hd.Type = SFL_TYPE_INDEX;
   hd.FileOffset = 4096;
   sfl_EncodeItemHeader(hd, b);
   ASSERT_EQ(sfl_WriteSimpleData(parent_, 320, SFL_ITEM_HEADER_SIZE, b.data()),
             static_cast<int32_t>(SFL_ITEM_HEADER_SIZE));
-  EXPECT_EQ(ReasonOf([&] { sfl_OpenIntItem(parent_, 0, 320); }), Sfl(SFL_R_NOT_INT_ITEM));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_OpenIntItem(parent_, 0, 320); }), Sfl(SFL_R_NOT_INT_ITEM));
   EXPECT_EQ(sfl_OpenItems().InUseCount(), before);
   EXPECT_TRUE(LockableElsewhere(Rec(parent_)->Offset + 256, SFL_ITEM_HEADER_SIZE));
   EXPECT_TRUE(LockableElsewhere(Rec(parent_)->Offset + 320, SFL_ITEM_HEADER_SIZE));
 }
 
 TEST_F(IntItem, PositionsOutsideTheParentAreRefused) {
-  EXPECT_EQ(ReasonOf([&] { sfl_CreateIntBItem(parent_, 1, 0, 0); }), Sfl(SFL_R_BLOCK_FOR_SIMPLE));
-  EXPECT_EQ(ReasonOf([&] { sfl_OpenIntItem(parent_, 2, 0); }), Sfl(SFL_R_BLOCK_FOR_SIMPLE));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_CreateIntBItem(parent_, 1, 0, 0); }), Sfl(SFL_R_BLOCK_FOR_SIMPLE));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_OpenIntItem(parent_, 2, 0); }), Sfl(SFL_R_BLOCK_FOR_SIMPLE));
   const Bytes map = Map();
-  EXPECT_EQ(ReasonOf([&] { sfl_CreateIntBItem(parent_, 0, 449, 0); }), Sfl(SFL_R_RANGE));
-  EXPECT_EQ(ReasonOf([&] { sfl_OpenIntItem(parent_, 0, 449); }), Sfl(SFL_R_RANGE));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_CreateIntBItem(parent_, 0, 449, 0); }), Sfl(SFL_R_RANGE));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_OpenIntItem(parent_, 0, 449); }), Sfl(SFL_R_RANGE));
   EXPECT_EQ(Map(), map);
   // The last position that fits.
   const int32_t h = sfl_CreateIntBItem(parent_, 0, 448, 0);
@@ -220,7 +170,7 @@ TEST_F(IntItem, InABlockedParentTheHeaderLiesInsideTheBlock) {
   EXPECT_EQ(sfl_ReadBlockedData(again, 0, 4, got), 4u);
   EXPECT_EQ(Bytes(got, got + 4), Bytes(data, data + 4));
   // 64 bytes from position 193 would pass the block's end.
-  EXPECT_EQ(ReasonOf([&] { sfl_CreateIntBItem(outer, 3, 193, 0); }), Sfl(SFL_R_RANGE));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_CreateIntBItem(outer, 3, 193, 0); }), Sfl(SFL_R_RANGE));
   sfl_CloseIntItem(again);
   sfl_CloseIntItem(inner);
   sfl_CloseIntItem(outer);
@@ -249,7 +199,7 @@ TEST_F(IntItem, RemovingReleasesTheTreeAndWipesTheHeaderOnly) {
   EXPECT_EQ(Rec(h)->OpenRefs, 1);
   EXPECT_TRUE(LockableElsewhere(headerOff, SFL_ITEM_HEADER_SIZE));
   sfl_CloseIntItem(h);
-  EXPECT_EQ(ReasonOf([&] { sfl_OpenIntItem(parent_, 0, 192); }), Sfl(SFL_R_NOT_INT_ITEM));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_OpenIntItem(parent_, 0, 192); }), Sfl(SFL_R_NOT_INT_ITEM));
 }
 
 TEST_F(IntItem, RemovingAnItemOpenTwiceRaises28878AndChangesNothing) {
@@ -260,7 +210,7 @@ TEST_F(IntItem, RemovingAnItemOpenTwiceRaises28878AndChangesNothing) {
   ++Rec(h)->OpenRefs;
   const Bytes map = Map();
   const Bytes header = Raw(Rec(h)->HeaderOff, SFL_ITEM_HEADER_SIZE);
-  EXPECT_EQ(ReasonOf([&] { sfl_RemoveIntItem(h); }), Sfl(SFL_R_INT_OPEN_TWICE));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_RemoveIntItem(h); }), Sfl(SFL_R_INT_OPEN_TWICE));
   EXPECT_EQ(Map(), map);
   EXPECT_EQ(Raw(Rec(h)->HeaderOff, SFL_ITEM_HEADER_SIZE), header);
 
@@ -269,7 +219,7 @@ TEST_F(IntItem, RemovingAnItemOpenTwiceRaises28878AndChangesNothing) {
   EXPECT_EQ(Rec(h)->OpenRefs, 1);
   sfl_RemoveIntItem(h);
   sfl_CloseIntItem(h);
-  EXPECT_EQ(ReasonOf([&] { sfl_ItemHandle2Record(h); }), Table(SFL_R_BAD_HANDLE));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_ItemHandle2Record(h); }), Table(SFL_R_BAD_HANDLE));
 }
 
 TEST_F(IntItem, RemovingAnItemWithoutATreeFreesItsRun) {
@@ -304,8 +254,8 @@ TEST_F(IntItem, SingleItemFilesRefuseBeforeTakingAnySpace) {
   const uint64_t writes = os_CallCount(os_Op::Pwrite);
   const uint64_t locks = os_CallCount(os_Op::Lock);
   const int32_t records = sfl_OpenItems().InUseCount();
-  EXPECT_EQ(ReasonOf([&] { sfl_CreateIntBItem(p, 0, 0, 0); }), Sfl(SFL_R_SINGLE_FILE));
-  EXPECT_EQ(ReasonOf([&] { sfl_GenCreateIntBItem(Rec(p), Rec(p)->Offset, 0); }),
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_CreateIntBItem(p, 0, 0, 0); }), Sfl(SFL_R_SINGLE_FILE));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_GenCreateIntBItem(Rec(p), Rec(p)->Offset, 0); }),
             Sfl(SFL_R_SINGLE_FILE));
   EXPECT_EQ(os_CallCount(os_Op::Pwrite), writes);
   EXPECT_EQ(os_CallCount(os_Op::Lock), locks);
@@ -319,7 +269,7 @@ TEST_F(IntItem, SingleItemFilesRefuseBeforeTakingAnySpace) {
 TEST_F(IntItem, AnEmptyRecordThatCannotBeWrittenRaises28851AndTakesNoRecord) {
   const int32_t records = sfl_OpenItems().InUseCount();
   os_ShortNth(os_Op::Pwrite, 2, 100);  // the first write is the map's, the second the record
-  EXPECT_EQ(ReasonOf([&] { sfl_CreateIntBItem(parent_, 0, 0, 0); }), Sfl(SFL_R_SHORT_WRITE));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_CreateIntBItem(parent_, 0, 0, 0); }), Sfl(SFL_R_SHORT_WRITE));
   os_ClearFaults();
   EXPECT_EQ(sfl_OpenItems().InUseCount(), records);
   EXPECT_EQ(Header(Rec(parent_)->Offset).Magic, 0u);  // no header was written
@@ -330,7 +280,7 @@ TEST_F(IntItem, ClosingTheLastOpenFreesTheRecordAndLeavesTheFile) {
   const int32_t opens = rec_->IntItemsOpen;
   const int32_t external = rec_->ExternalOpens;
   sfl_CloseIntItem(h);
-  EXPECT_EQ(ReasonOf([&] { sfl_CloseIntItem(h); }), Table(SFL_R_BAD_HANDLE));
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_CloseIntItem(h); }), Table(SFL_R_BAD_HANDLE));
   EXPECT_EQ(rec_->IntItemsOpen, opens);
   EXPECT_EQ(rec_->ExternalOpens, external);
   EXPECT_EQ(rec_->InUse, 1u);

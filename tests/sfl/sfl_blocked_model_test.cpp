@@ -19,22 +19,15 @@
 #include "sfl.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 
-template <class F>
-int ReasonOf(F fn) {
-  try {
-    fn();
-  } catch (const er_Escape& e) {
-    er_Clear();
-    return e.group() * 100000 + e.reason();
-  }
-  return 0;
-}
-constexpr int Sfl(int reason) { return 100 * 100000 + reason; }
+using sfltest::EscapeCodeOf;
+
+constexpr long Sfl(int reason) { return sfltest::EscapeCode(ER_GROUP_SFL, reason); }
 
 uint64_t Pow32(uint32_t e) {
   uint64_t v = 1;
@@ -46,12 +39,7 @@ bool Empty(const sfl_IndexEntry& e) { return e.SectionOffSet == 0 && e.SectionSi
 
 // ---- raw views of the file ------------------------------------------------------
 
-Bytes ReadRaw(int fd, uint64_t off, size_t len) {
-  Bytes b(len);
-  ssize_t n = ::pread(fd, b.data(), len, static_cast<off_t>(off));
-  b.resize(n < 0 ? 0 : static_cast<size_t>(n));
-  return b;
-}
+Bytes ReadRaw(int fd, uint64_t off, size_t len) { return sfltest::ReadUpTo(fd, off, len); }
 
 sfl_ItemHeader RawItemHeader(int fd, uint32_t off) {
   Bytes b = ReadRaw(fd, off, SFL_ITEM_HEADER_SIZE);
@@ -296,7 +284,7 @@ class BlockedModel : public ::testing::TestWithParam<uint32_t> {
     uint32_t n = rng_() % limit;
     if (model_.count(n)) return;
     uint8_t buf[16];
-    const int r = ReasonOf([&] { sfl_ReadBlockedData(item_, n, sizeof buf, buf); });
+    const int r = EscapeCodeOf([&] { sfl_ReadBlockedData(item_, n, sizeof buf, buf); });
     ASSERT_TRUE(r == Sfl(SFL_R_EMPTY_ENTRY) || r == Sfl(SFL_R_BAD_SLOT))
         << "absent block " << n << " gave " << r;
   }
@@ -305,7 +293,7 @@ class BlockedModel : public ::testing::TestWithParam<uint32_t> {
     sfl_FreeBlock(item_, n, 0);
     model_.erase(n);
     uint8_t buf[16];
-    const int r = ReasonOf([&] { sfl_ReadBlockedData(item_, n, sizeof buf, buf); });
+    const int r = EscapeCodeOf([&] { sfl_ReadBlockedData(item_, n, sizeof buf, buf); });
     ASSERT_TRUE(r == Sfl(SFL_R_EMPTY_ENTRY) || r == Sfl(SFL_R_BAD_SLOT)) << "freed block " << n;
   }
 
