@@ -16,40 +16,16 @@
 #include "os.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-int ReasonOf(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const er_Escape& e) {
-    er_Clear();
-    return e.reason();
-  }
-  return 0;
-}
+using sfltest::ReasonOf;
 
-struct Box {
-  int32_t bh = -1;
-  sfl_ItemRef ref{};
-};
+using Box = sfltest::OpenContainer;
+constexpr auto NewBox = sfltest::NewContainer;
 
-Box NewBox() {
-  Box b;
-  b.bh = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
-  sfl_GetSerFileItem(b.bh, &b.ref);
-  return b;
-}
-
-std::vector<uint8_t> Pattern(size_t n, uint32_t seed) {
-  std::vector<uint8_t> v(n);
-  uint32_t x = seed * 2654435761u + 1;
-  for (size_t i = 0; i < n; ++i) {
-    x = x * 1103515245u + 12345u;
-    v[i] = static_cast<uint8_t>(x >> 16);
-  }
-  return v;
-}
+std::vector<uint8_t> Pattern(size_t n, uint32_t seed) { return sfltest::PseudoRandomBytes(n, seed, 1); }
 
 // A data-item file holding `bytes`, usable as a source of a store.
 sfl_ItemRef SourceFile(const std::vector<uint8_t>& bytes) {
@@ -70,26 +46,10 @@ std::vector<uint8_t> ReadAll(int32_t h) {
   return v;
 }
 
-sfl_ItemInfo Slot(int32_t bh, int n) {
-  sfl_ItemInfo info[8] = {};
-  sfl_ListItems(bh, info, 8);
-  return info[n];
-}
+constexpr auto Slot = sfltest::SlotOf;
+using sfltest::FileHeaderOf;
 
-sfl_FileHeader FileHeaderOf(int32_t bh) {
-  sfl_FileHeader h;
-  sfl_ReadFileHeader(sfl_Handle2Record(bh), &h);
-  return h;
-}
-
-std::vector<uint8_t> FreeMapOf(int32_t bh) {
-  sfl_BaseRec* rec = sfl_Handle2Record(bh);
-  sfl_ItemHeader fm;
-  sfl_ReadItemHeader(rec->FreeMapItem, &fm);
-  std::vector<uint8_t> map;
-  sfl_ReadFreeMap(rec, &map, fm);
-  return map;
-}
+using sfltest::FreeMapOf;
 
 off_t FileSizeOf(int32_t bh) {
   struct stat st;
@@ -97,15 +57,7 @@ off_t FileSizeOf(int32_t bh) {
   return st.st_size;
 }
 
-void EditHeader(int32_t ih, const std::function<void(sfl_ItemHeader&)>& edit) {
-  sfl_ItemRec* item = sfl_ItemHandle2Record(ih);
-  sfl_Held lock;
-  lock.ItemHeader(item, SFL_LOCK_EXCL);
-  sfl_ItemHeader h;
-  sfl_ReadItemHeader(item, &h);
-  edit(h);
-  sfl_WriteItemHeader(item, h);
-}
+using sfltest::EditHeader;
 
 // Deletes an item at once (this process alone, no owner left).
 void DeleteNow(int32_t h) {
@@ -114,15 +66,7 @@ void DeleteNow(int32_t h) {
   sfl_CloseItem(h);
 }
 
-bool OpenHere(const sfl_ItemRef& fileRef) {
-  sfl_FilesTable& t = sfl_OpenFiles();
-  for (size_t i = 0; i < t.HighWater(); ++i) {
-    sfl_BaseRec* r = t.At(i);
-    if (r != nullptr && r->InUse == 1 && r->InColdStore == 0 && sfl_SameFile(sfl_RefOf(*r), fileRef))
-      return true;
-  }
-  return false;
-}
+bool OpenHere(const sfl_ItemRef& fileRef) { return sfltest::OpenRecordOf(fileRef) != nullptr; }
 
 // ---- storing ---------------------------------------------------------------------------
 

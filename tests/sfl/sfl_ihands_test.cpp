@@ -12,25 +12,13 @@
 #include "os.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-struct Escaped {
-  int group = 0;
-  int reason = 0;
-};
-
-Escaped EscapeOf(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const er_Escape& e) {
-    er_Clear();
-    return {e.group(), e.reason()};
-  }
-  return {};
-}
-
-int ReasonOf(const std::function<void()>& fn) { return EscapeOf(fn).reason; }
+using Escaped = sfltest::Escape;
+using sfltest::EscapeOf;
+using sfltest::ReasonOf;
 
 std::vector<int>& Logged() {
   static std::vector<int> logged;
@@ -43,40 +31,10 @@ bool WasLogged(int reason) {
   return false;
 }
 
-// A one-way signal between a parent and a forked child.
-class Gate {
- public:
-  Gate() {
-    if (pipe(fds_) != 0) std::abort();
-  }
-  ~Gate() {
-    close(fds_[0]);
-    close(fds_[1]);
-  }
-  void Open() {
-    char c = 1;
-    if (write(fds_[1], &c, 1) != 1) std::abort();
-  }
-  void Wait() {
-    char c;
-    if (read(fds_[0], &c, 1) != 1) std::abort();
-  }
+using sfltest::Gate;
 
- private:
-  int fds_[2];
-};
-
-struct Box {
-  int32_t bh = -1;
-  sfl_ItemRef ref{};
-};
-
-Box NewBox() {
-  Box b;
-  b.bh = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
-  sfl_GetSerFileItem(b.bh, &b.ref);
-  return b;
-}
+using Box = sfltest::OpenContainer;
+constexpr auto NewBox = sfltest::NewContainer;
 
 // Stores an item of `size` bytes; returns its (open) handle.
 int32_t Store(const Box& b, uint32_t size, sfl_ItemRef* ref) {
@@ -92,39 +50,12 @@ sfl_ItemRef StoreClosed(const Box& b, uint32_t size) {
   return ref;
 }
 
-sfl_ItemInfo Slot(int32_t bh, int n) {
-  sfl_ItemInfo info[8] = {};
-  sfl_ListItems(bh, info, 8);
-  return info[n];
-}
+constexpr auto Slot = sfltest::SlotOf;
+using sfltest::FileHeaderOf;
 
-sfl_FileHeader FileHeaderOf(int32_t bh) {
-  sfl_FileHeader h;
-  sfl_ReadFileHeader(sfl_Handle2Record(bh), &h);
-  return h;
-}
+using sfltest::EditHeader;
 
-// Rewrites an open item's header through its record.
-void EditHeader(int32_t ih, const std::function<void(sfl_ItemHeader&)>& edit) {
-  sfl_ItemRec* item = sfl_ItemHandle2Record(ih);
-  sfl_Held lock;
-  lock.ItemHeader(item, SFL_LOCK_EXCL);
-  sfl_ItemHeader h;
-  sfl_ReadItemHeader(item, &h);
-  edit(h);
-  sfl_WriteItemHeader(item, h);
-}
-
-// The process's record of a file, if it is open here and not cold.
-sfl_BaseRec* OpenRecordOf(const sfl_ItemRef& fileRef) {
-  sfl_FilesTable& t = sfl_OpenFiles();
-  for (size_t i = 0; i < t.HighWater(); ++i) {
-    sfl_BaseRec* r = t.At(i);
-    if (r != nullptr && r->InUse == 1 && r->InColdStore == 0 && sfl_SameFile(sfl_RefOf(*r), fileRef))
-      return r;
-  }
-  return nullptr;
-}
+using sfltest::OpenRecordOf;
 
 sfl_ItemRef WithItem(sfl_ItemRef ref, uint32_t n) {
   ref.Flags = static_cast<uint16_t>((ref.Flags & ~SFL_ITEM_NUM_MASK) | n);

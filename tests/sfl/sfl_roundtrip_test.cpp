@@ -15,41 +15,13 @@
 #include "im.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-// A one-way signal between processes.
-class Gate {
- public:
-  Gate() {
-    if (pipe(fds_) != 0) std::abort();
-  }
-  ~Gate() {
-    close(fds_[0]);
-    close(fds_[1]);
-  }
-  void Open() {
-    char c = 1;
-    if (write(fds_[1], &c, 1) != 1) std::abort();
-  }
-  void Wait() {
-    char c;
-    if (read(fds_[0], &c, 1) != 1) std::abort();
-  }
+using sfltest::Gate;
 
- private:
-  int fds_[2];
-};
-
-std::vector<uint8_t> Pattern(size_t n, uint32_t seed) {
-  std::vector<uint8_t> v(n);
-  uint32_t x = seed * 2654435761u + 7;
-  for (size_t i = 0; i < n; ++i) {
-    x = x * 1103515245u + 12345u;
-    v[i] = static_cast<uint8_t>(x >> 16);
-  }
-  return v;
-}
+std::vector<uint8_t> Pattern(size_t n, uint32_t seed) { return sfltest::PseudoRandomBytes(n, seed, 7); }
 
 sfl_ItemRef SourceFile(const std::vector<uint8_t>& bytes) {
   sfl_ItemRef ref{};
@@ -81,25 +53,12 @@ bool Exists(const std::string& path) {
   return stat(path.c_str(), &st) == 0;
 }
 
-sfl_ItemInfo Slot(int32_t bh, uint32_t n) {
-  sfl_ItemInfo info[8] = {};
-  sfl_ListItems(bh, info, 8);
-  return info[n];
-}
-
-sfl_FileHeader FileHeaderOf(int32_t bh) {
-  sfl_FileHeader h;
-  sfl_ReadFileHeader(sfl_Handle2Record(bh), &h);
-  return h;
-}
+constexpr auto Slot = sfltest::SlotOf;
+using sfltest::FileHeaderOf;
 
 // Whether every block of a run is clear in the file's free map.
 bool RunIsFree(int32_t bh, uint32_t offset, uint32_t blocks) {
-  sfl_BaseRec* rec = sfl_Handle2Record(bh);
-  sfl_ItemHeader fm;
-  sfl_ReadItemHeader(rec->FreeMapItem, &fm);
-  std::vector<uint8_t> map;
-  sfl_ReadFreeMap(rec, &map, fm);
+  const std::vector<uint8_t> map = sfltest::FreeMapOf(bh);
   for (uint32_t b = offset / 128; b < offset / 128 + blocks; ++b)
     if (map[b / 8] & (1u << (b % 8))) return false;
   return true;
