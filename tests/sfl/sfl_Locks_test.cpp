@@ -11,25 +11,12 @@
 #include "os.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-struct Raised {
-  int group = 0;
-  int reason = 0;
-};
-
-Raised RaisedBy(const std::function<void()>& f) {
-  Raised r;
-  try {
-    f();
-  } catch (const er_Escape& e) {
-    r.group = e.group();
-    r.reason = e.reason();
-  }
-  er_Clear();
-  return r;
-}
+using Raised = sfltest::Escape;
+constexpr auto RaisedBy = sfltest::EscapeOfThenClear;
 
 // What another process finds when it asks for an exclusive lock on
 // [start, start+len) through a descriptor of its own.

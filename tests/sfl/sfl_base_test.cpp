@@ -22,18 +22,11 @@
 #include "sfl_coding.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-std::pair<int, int> EscapeOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const er_Escape& e) {
-    er_Clear();
-    return {e.group(), e.reason()};
-  }
-  return {0, 0};
-}
+constexpr auto EscapeOf = sfltest::GroupAndReasonOf;
 
 std::pair<int, int> Sfl(int reason) { return {ER_GROUP_SFL, reason}; }
 
@@ -43,18 +36,9 @@ sfl_ItemRef RefOf(int32_t handle) {
   return ref;
 }
 
-std::string PathOfRef(const sfl_ItemRef& ref) {
-  char buf[4096];
-  im_ItemRef2FName(&ref, buf, sizeof buf);
-  return buf;
-}
-
-std::string PathOf(int32_t handle) { return PathOfRef(RefOf(handle)); }
-
-std::vector<uint8_t> FileBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
-}
+constexpr auto PathOfRef = sfltest::ItemPath;
+constexpr auto PathOf = sfltest::ItemPathOf;
+using sfltest::FileBytes;
 
 bool Exists(const std::string& path) { return std::filesystem::exists(path); }
 
@@ -675,12 +659,18 @@ TEST_F(BaseTest, ShortMapWriteAtCreationIsNotLookedAt) {
 
 // ---- the compaction decision at close --------------------------------------------------
 
-std::vector<std::pair<int, int>> g_logged;
-void Collect(int level, int group, int reason, const char*) { g_logged.push_back({level, reason}); }
+std::vector<sfltest::LogEntry> g_logged;
+
+// Closes a file with the log hook capturing what the close logs.
+void CloseLogged(int32_t h) {
+  sfltest::LogCapture capture;
+  sfl_CloseFile(h);
+  g_logged = capture.Entries();
+}
 
 bool CompactionTried() {
   for (auto& l : g_logged)
-    if (l.second == SFL_R_NOT_BUILT) return l.first == 5;
+    if (l.reason == SFL_R_NOT_BUILT) return l.level == 5;
   return false;
 }
 
@@ -690,10 +680,7 @@ bool CloseNeedingCompaction(int32_t type, int32_t flags) {
   int32_t h = sfl_CreateSfl(0, type, flags);
   StoreItem(h, 300);
   OrU32(PathOf(h), 20, NEED_COMPACTION);
-  g_logged.clear();
-  er_LogHook old = er_SetLogHook(Collect);
-  sfl_CloseFile(h);
-  er_SetLogHook(old);
+  CloseLogged(h);
   return CompactionTried();
 }
 
@@ -704,10 +691,7 @@ TEST_F(BaseTest, FileNeedingCompactionIsKeptSinceCompactionIsNotBuilt) {
   OrU32(path, 20, NEED_COMPACTION);
   sfl_BaseRec* rec = sfl_Handle2Record(h);
   EXPECT_EQ(sfl_AnalyseFreeMap(rec), 0u);
-  g_logged.clear();
-  er_LogHook old = er_SetLogHook(Collect);
-  sfl_CloseFile(h);
-  er_SetLogHook(old);
+  CloseLogged(h);
   EXPECT_TRUE(CompactionTried());
   // Abandoned: the file is kept as it was and goes to the cold store.
   EXPECT_TRUE(Exists(path));
@@ -738,10 +722,7 @@ TEST_F(BaseTest, CompactionNotTriedWhileAnotherProcessHoldsTheFile) {
   });
   ParentEnds(toChild, toParent);
   ASSERT_EQ(toParent.Receive(), 'o');
-  g_logged.clear();
-  er_LogHook old = er_SetLogHook(Collect);
-  sfl_CloseFile(h);
-  er_SetLogHook(old);
+  CloseLogged(h);
   EXPECT_FALSE(CompactionTried());
   toChild.Send('c');
   EXPECT_EQ(sfltest::WaitChild(pid), 0);

@@ -17,33 +17,15 @@
 #include "os.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-struct Raised {
-  int group = 0;
-  int reason = 0;
-};
+using Raised = sfltest::Escape;
+constexpr auto RaisedBy = sfltest::EscapeOfThenClear;
 
-Raised RaisedBy(const std::function<void()>& f) {
-  Raised r;
-  try {
-    f();
-  } catch (const er_Escape& e) {
-    r.group = e.group();
-    r.reason = e.reason();
-  }
-  er_Clear();
-  return r;
-}
-
-bool DescriptorOpen(int fd) { return fd >= 0 && ::fcntl(fd, F_GETFD) != -1; }
-
-std::string PathOf(const sfl_ItemRef& ref) {
-  char buf[PATH_MAX];
-  im_ItemRef2FName(&ref, buf, sizeof buf);
-  return buf;
-}
+using sfltest::DescriptorOpen;
+constexpr auto PathOf = sfltest::ItemPath;
 
 // Logged messages seen through the log hook.
 std::vector<std::pair<int, int>> g_logged;  // (level, reason)
@@ -587,18 +569,7 @@ TEST_F(ColdStoreFilesTest, InternalItemsCannotBeActivated) {
 
 // ---- error frames of the base operations ----------------------------------------------------
 
-bool HeaderLockedElsewhere(const std::string& path) {
-  return sfltest::RunInChild([&] {
-           int fd = ::open(path.c_str(), O_RDWR);
-           struct flock fl = {};
-           fl.l_type = F_WRLCK;
-           fl.l_whence = SEEK_SET;
-           fl.l_start = 0;
-           fl.l_len = 4096;
-           if (::fcntl(fd, F_OFD_GETLK, &fl) != 0) return 2;
-           return fl.l_type == F_UNLCK ? 0 : 1;
-         }) == 1;
-}
+bool HeaderLockedElsewhere(const std::string& path) { return sfltest::LockStateElsewhere(path, 0, 4096) == 1; }
 
 TEST_F(ColdStoreFilesTest, FailedOpenLeavesNoLockAndNoEntry) {
   const sfl_ItemRef itemRef = CreateWithItem();

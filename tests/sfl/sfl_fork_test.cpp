@@ -11,24 +11,15 @@
 #include "os.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-bool DescriptorOpen(int fd) { return fd >= 0 && ::fcntl(fd, F_GETFD) != -1; }
+using sfltest::DescriptorOpen;
 
 // Whether a process other than the parent finds [start, start+len) locked.
 bool LockedSeenFromAnotherProcess(const std::string& path, off_t start, off_t len) {
-  return sfltest::RunInChild([&] {
-           int fd = ::open(path.c_str(), O_RDWR);
-           if (fd < 0) return 2;
-           struct flock fl = {};
-           fl.l_type = F_WRLCK;
-           fl.l_whence = SEEK_SET;
-           fl.l_start = start;
-           fl.l_len = len;
-           if (::fcntl(fd, F_OFD_GETLK, &fl) != 0) return 3;
-           return fl.l_type == F_UNLCK ? 0 : 1;
-         }) == 1;
+  return sfltest::LockStateElsewhere(path, start, len) == 1;
 }
 
 class ForkTest : public ::testing::Test {
@@ -43,9 +34,7 @@ class ForkTest : public ::testing::Test {
     sfl_WriteSimpleData(item_, 0, sizeof text, text);
     sfl_ItemRef fileRef{};
     sfl_GetSerFileItem(base_, &fileRef);
-    char buf[PATH_MAX];
-    im_ItemRef2FName(&fileRef, buf, sizeof buf);
-    path_ = buf;
+    path_ = sfltest::ItemPath(fileRef);
 
     const int32_t other = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
     sfl_ItemRef otherItem{};

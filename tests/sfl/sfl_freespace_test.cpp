@@ -22,33 +22,16 @@
 #include "sfl_coding.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-std::pair<int, int> EscapeOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const er_Escape& e) {
-    er_Clear();
-    return {e.group(), e.reason()};
-  }
-  return {0, 0};
-}
+constexpr auto EscapeOf = sfltest::GroupAndReasonOf;
 
 std::pair<int, int> Sfl(int reason) { return {ER_GROUP_SFL, reason}; }
 
-std::string PathOf(int32_t handle) {
-  sfl_ItemRef ref;
-  sfl_GetSerFileItem(handle, &ref);
-  char buf[4096];
-  im_ItemRef2FName(&ref, buf, sizeof buf);
-  return buf;
-}
-
-std::vector<uint8_t> FileBytes(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
-}
+constexpr auto PathOf = sfltest::ItemPathOf;
+using sfltest::FileBytes;
 
 // Item 0's header and the map it points to, decoded from a file image.
 struct MapOnDisk {

@@ -9,14 +9,11 @@
 #include "os.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-std::vector<uint8_t> FileBytes(int fd, size_t len, off_t off) {
-  std::vector<uint8_t> out(len);
-  EXPECT_EQ(::pread(fd, out.data(), len, off), static_cast<ssize_t>(len));
-  return out;
-}
+std::vector<uint8_t> FileBytes(int fd, size_t len, off_t off) { return sfltest::ReadExactly(fd, off, len); }
 
 // Hand-computed little-endian image: the words at their tabled offsets.
 void Put32(std::vector<uint8_t>& b, size_t off, uint32_t v) {

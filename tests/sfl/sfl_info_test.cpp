@@ -13,14 +13,11 @@
 #include "er.h"
 #include "sfl.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-std::string PathOf(const sfl_ItemRef& ref) {
-  char buf[4096];
-  int32_t n = im_ItemRef2FName(&ref, buf, sizeof buf);
-  return std::string(buf, static_cast<size_t>(n));
-}
+constexpr auto PathOf = sfltest::ItemPath;
 
 // Creates a container holding items of the given sizes, closes it, and
 // returns its reference.
@@ -41,30 +38,12 @@ sfl_ItemRef MakeContainer(const std::vector<uint32_t>& sizes, int32_t flags = 0)
 // Whether some other open file description holds a lock on the header bytes,
 // probed from a child process with its own descriptor.
 bool HeaderLockedElsewhere(const std::string& path) {
-  int rc = sfltest::RunInChild([&] {
-    int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0) return 2;
-    struct flock fl = {};
-    fl.l_type = F_WRLCK;
-    fl.l_whence = SEEK_SET;
-    fl.l_start = 0;
-    fl.l_len = 128;
-    if (fcntl(fd, F_OFD_GETLK, &fl) != 0) return 3;
-    return fl.l_type == F_UNLCK ? 0 : 1;
-  });
+  int rc = sfltest::LockStateElsewhere(path, 0, 128);
   EXPECT_TRUE(rc == 0 || rc == 1) << rc;
   return rc == 1;
 }
 
-int ReasonOf(const std::function<void()>& fn) {
-  try {
-    fn();
-  } catch (const er_Escape& e) {
-    er_Clear();
-    return e.reason();
-  }
-  return 0;
-}
+using sfltest::ReasonOf;
 
 TEST(SflListItems, ReportsEverySlotOfAContainer) {
   const uint32_t before = static_cast<uint32_t>(time(nullptr));

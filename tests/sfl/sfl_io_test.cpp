@@ -13,25 +13,12 @@
 #include "sfl_coding.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-struct Raised {
-  int group = 0;
-  int reason = 0;
-};
-
-Raised RaisedBy(const std::function<void()>& f) {
-  Raised r;
-  try {
-    f();
-  } catch (const er_Escape& e) {
-    r.group = e.group();
-    r.reason = e.reason();
-  }
-  er_Clear();
-  return r;
-}
+using Raised = sfltest::Escape;
+constexpr auto RaisedBy = sfltest::EscapeOfThenClear;
 
 class IoTest : public ::testing::Test {
  protected:
@@ -52,11 +39,7 @@ class IoTest : public ::testing::Test {
     std::vector<uint8_t> b(len, value);
     ASSERT_EQ(::pwrite(fd_, b.data(), len, 0), static_cast<ssize_t>(len));
   }
-  std::vector<uint8_t> Bytes(size_t len, off_t off) {
-    std::vector<uint8_t> out(len);
-    EXPECT_EQ(::pread(fd_, out.data(), len, off), static_cast<ssize_t>(len));
-    return out;
-  }
+  std::vector<uint8_t> Bytes(size_t len, off_t off) { return sfltest::ReadExactly(fd_, off, len); }
   void PutRaw32(off_t off, uint32_t v) {
     uint8_t b[4];
     sfl_PutU32(b, v);
