@@ -17,19 +17,11 @@
 #include "im.h"
 #include "os.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-// Runs f and returns the escape's (group, reason), or (0, 0) if none.
-template <class F>
-std::pair<int, int> EscapeOf(F f) {
-  try {
-    f();
-  } catch (const er_Escape& e) {
-    return {e.group(), e.reason()};
-  }
-  return {0, 0};
-}
+constexpr auto EscapeOf = sfltest::GroupAndReasonOf;
 
 sfl_ItemRef Ref(uint16_t domain, uint32_t sub, uint32_t id, const char* name, uint16_t item = 0) {
   sfl_ItemRef r{};

@@ -20,24 +20,16 @@
 #include "sfl.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
 // ---- helpers -----------------------------------------------------------------
 
-template <class F>
-long EscapeOf(F fn) {
-  try {
-    fn();
-  } catch (const er_Escape& e) {
-    er_Clear();
-    return static_cast<long>(e.group()) * 100000 + e.reason();
-  }
-  return 0;
-}
-constexpr long Sfl(int reason) { return 100L * 100000 + reason; }
-constexpr long Table(int reason) { return 3L * 100000 + reason; }
-constexpr long Os(int err) { return 2L * 100000 + err; }
+constexpr auto EscapeOf = sfltest::EscapeCodeOf;
+constexpr long Sfl(int reason) { return sfltest::EscapeCode(ER_GROUP_SFL, reason); }
+constexpr long Table(int reason) { return sfltest::EscapeCode(ER_GROUP_TABLE, reason); }
+constexpr long Os(int err) { return sfltest::EscapeCode(ER_GROUP_OS, err); }
 
 std::set<int> Descriptors() {
   std::set<int> fds;
@@ -53,14 +45,7 @@ std::set<int> Descriptors() {
   return fds;
 }
 
-std::string PlainFile(const std::string& leaf, const std::string& text) {
-  std::string path = sfltest::TestDir() + "/" + leaf;
-  int fd = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600);
-  EXPECT_GE(fd, 0);
-  EXPECT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  ::close(fd);
-  return path;
-}
+constexpr auto PlainFile = sfltest::WritePlainFile;
 
 std::string FileText(const std::string& path) {
   std::string out;
@@ -73,11 +58,7 @@ std::string FileText(const std::string& path) {
   return out;
 }
 
-std::string NameOf(const sfl_ItemRef& ref) {
-  char name[4096];
-  im_ItemRef2FName(&ref, name, sizeof name);
-  return name;
-}
+constexpr auto NameOf = sfltest::ItemPath;
 
 // A container file kept open through its base handle for the test's length.
 struct Container {
@@ -883,20 +864,7 @@ TEST(ItemStreams, ManyOpenCloseCyclesLeakNothing) {
 // Asks from another process whether [offset, offset + len) of the file is
 // write-locked by someone: 1 locked, 0 free, anything else a failure.
 int ProbeLocked(const std::string& path, uint32_t offset, uint32_t len) {
-  return sfltest::RunInChild([&]() -> int {
-    int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
-    if (fd < 0) return 10;
-    struct flock fl;
-    std::memset(&fl, 0, sizeof fl);
-    fl.l_type = F_WRLCK;
-    fl.l_whence = SEEK_SET;
-    fl.l_start = offset;
-    fl.l_len = len;
-    fl.l_pid = 0;
-    if (::fcntl(fd, F_OFD_GETLK, &fl) != 0) return 11;
-    ::close(fd);
-    return fl.l_type == F_UNLCK ? 0 : 1;
-  });
+  return sfltest::LockStateElsewhere(path, offset, len);
 }
 
 TEST(ItemStreamLocks, ItemLockSurvivesStreamOpenAndClose) {

@@ -12,22 +12,14 @@
 #include "sfl.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
-// Runs `fn` and returns the escape's group * 100000 + reason, or 0.
-template <class F>
-long EscapeOf(F fn) {
-  try {
-    fn();
-  } catch (const er_Escape& e) {
-    return static_cast<long>(e.group()) * 100000 + e.reason();
-  }
-  return 0;
-}
+constexpr auto EscapeOf = sfltest::EscapeCodeOf;
 
-constexpr long kBadHandle = 3L * 100000 + 28867;
-constexpr long kStreamsFull = 3L * 100000 + 28888;
+constexpr long kBadHandle = sfltest::EscapeCode(ER_GROUP_TABLE, 28867);
+constexpr long kStreamsFull = sfltest::EscapeCode(ER_GROUP_TABLE, 28888);
 
 int OpenDescriptors() {
   int n = 0;
@@ -38,14 +30,7 @@ int OpenDescriptors() {
   return n;
 }
 
-std::string MakePlainFile(const std::string& leaf, const std::string& text) {
-  std::string path = sfltest::TestDir() + "/" + leaf;
-  int fd = ::open(path.c_str(), O_CREAT | O_TRUNC | O_WRONLY, 0600);
-  EXPECT_GE(fd, 0);
-  EXPECT_EQ(::write(fd, text.data(), text.size()), static_cast<ssize_t>(text.size()));
-  ::close(fd);
-  return path;
-}
+constexpr auto MakePlainFile = sfltest::WritePlainFile;
 
 TEST(StreamTable, HandlesRunFrom9000AndTheSeventeenthFails) {
   std::vector<int32_t> handles;

@@ -25,6 +25,7 @@
 #include "sfl_coding.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
@@ -114,19 +115,9 @@ void fillItem(sfl_ItemRec* item, const sfl_ItemRef& ref) {
   std::memcpy(item->Name, ref.Name, 4);
 }
 
-// Runs `fn` and returns the escape's group*100000+reason, or 0 when none.
-template <typename F>
-int escapeOf(F fn) {
-  try {
-    fn();
-  } catch (const er_Escape& e) {
-    er_Clear();
-    return e.group() * 100000 + e.reason();
-  }
-  return 0;
-}
-constexpr int kNotAvailable = ER_GROUP_MONIT * 100000 + 380;
-constexpr int kNotSent = ER_GROUP_SFL * 100000 + 3533;
+constexpr auto escapeOf = sfltest::EscapeCodeOf;
+constexpr long kNotAvailable = sfltest::EscapeCode(ER_GROUP_MONIT, 380);
+constexpr long kNotSent = sfltest::EscapeCode(ER_GROUP_SFL, 3533);
 
 void autostartOff() { setenv("SFL_MONITOR_AUTOSTART", "0", 1); }
 
