@@ -99,21 +99,9 @@ sfl_ItemRef makeRef(uint32_t subDomain, uint32_t fileId, uint16_t flags = 0) {
   return r;
 }
 
-void fillBase(sfl_BaseRec* rec, const sfl_ItemRef& ref) {
-  rec->Domain = ref.Domain;
-  rec->RefFlags = ref.Flags;
-  rec->SubDomain = ref.SubDomain;
-  rec->FileId = ref.FileId;
-  std::memcpy(rec->Name, ref.Name, 4);
-}
+void fillBase(sfl_BaseRec* rec, const sfl_ItemRef& ref) { sfl_SetRef(*rec, ref); }
 
-void fillItem(sfl_ItemRec* item, const sfl_ItemRef& ref) {
-  item->Domain = ref.Domain;
-  item->RefFlags = ref.Flags;
-  item->SubDomain = ref.SubDomain;
-  item->FileId = ref.FileId;
-  std::memcpy(item->Name, ref.Name, 4);
-}
+void fillItem(sfl_ItemRec* item, const sfl_ItemRef& ref) { sfl_SetRef(*item, ref); }
 
 constexpr auto escapeOf = sfltest::EscapeCodeOf;
 constexpr long kNotAvailable = sfltest::EscapeCode(ER_GROUP_MONIT, 380);

@@ -80,13 +80,7 @@ sfl_ItemRef makeRef(uint32_t subDomain, uint32_t fileId) {
   return r;
 }
 
-void fillBase(sfl_BaseRec* rec, const sfl_ItemRef& ref) {
-  rec->Domain = ref.Domain;
-  rec->RefFlags = ref.Flags;
-  rec->SubDomain = ref.SubDomain;
-  rec->FileId = ref.FileId;
-  std::memcpy(rec->Name, ref.Name, 4);
-}
+void fillBase(sfl_BaseRec* rec, const sfl_ItemRef& ref) { sfl_SetRef(*rec, ref); }
 
 void send(int q, int32_t type, const std::vector<uint8_t>& text) {
   std::vector<uint8_t> msg(4 + text.size());
