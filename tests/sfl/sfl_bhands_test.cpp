@@ -27,12 +27,6 @@ constexpr auto RaisedBy = sfltest::EscapeOfThenClear;
 using sfltest::DescriptorOpen;
 constexpr auto PathOf = sfltest::ItemPath;
 
-// Logged messages seen through the log hook.
-std::vector<std::pair<int, int>> g_logged;  // (level, reason)
-void Hook(int level, int group, int reason, const char*) {
-  if (group == ER_GROUP_SFL) g_logged.emplace_back(level, reason);
-}
-
 class BaseTableTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -149,14 +143,17 @@ TEST_F(BaseTableTest, OpenItemCountNeverGoesBelowZero) {
   EXPECT_EQ(sfl_IncIntItems(h), 2);
   EXPECT_EQ(sfl_DecIntItems(h), 1);
   EXPECT_EQ(sfl_DecIntItems(h), 0);
-  g_logged.clear();
-  er_LogHook old = er_SetLogHook(Hook);
-  EXPECT_EQ(sfl_DecIntItems(h), 0);
-  er_SetLogHook(old);
+  std::vector<sfltest::LogEntry> logged;
+  {
+    sfltest::LogCapture capture;
+    EXPECT_EQ(sfl_DecIntItems(h), 0);
+    logged = capture.Entries();
+  }
+  std::erase_if(logged, [](const sfltest::LogEntry& e) { return e.group != ER_GROUP_SFL; });
   EXPECT_EQ(rec->IntItemsOpen, 0);
-  ASSERT_EQ(g_logged.size(), 1u);
-  EXPECT_EQ(g_logged[0].first, 5);
-  EXPECT_EQ(g_logged[0].second, SFL_R_INT_ITEMS_NEGATIVE);
+  ASSERT_EQ(logged.size(), 1u);
+  EXPECT_EQ(logged[0].level, 5);
+  EXPECT_EQ(logged[0].reason, SFL_R_INT_ITEMS_NEGATIVE);
 }
 
 // ---- finding a file ---------------------------------------------------------------------

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstring>
 #include <functional>
+#include <optional>
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <vector>
@@ -19,17 +20,6 @@ namespace {
 using Escaped = sfltest::Escape;
 using sfltest::EscapeOf;
 using sfltest::ReasonOf;
-
-std::vector<int>& Logged() {
-  static std::vector<int> logged;
-  return logged;
-}
-void RecordLog(int, int, int reason, const char*) { Logged().push_back(reason); }
-bool WasLogged(int reason) {
-  for (int r : Logged())
-    if (r == reason) return true;
-  return false;
-}
 
 using sfltest::Gate;
 
@@ -64,11 +54,11 @@ sfl_ItemRef WithItem(sfl_ItemRef ref, uint32_t n) {
 
 class ItemHandles : public ::testing::Test {
  protected:
-  void SetUp() override {
-    Logged().clear();
-    er_SetLogHook(RecordLog);
-  }
-  void TearDown() override { er_SetLogHook(nullptr); }
+  void SetUp() override { log_.emplace(); }
+  void TearDown() override { log_.reset(); }
+  bool WasLogged(int reason) const { return log_->SawReason(reason); }
+
+  std::optional<sfltest::LogCapture> log_;
 };
 
 // ---- the table ---------------------------------------------------------------------

@@ -146,9 +146,9 @@ LogCapture::~LogCapture() { er_SetLogHook(previous_); }
 
 const std::vector<LogEntry>& LogCapture::Entries() const { return Captured(); }
 
-bool LogCapture::Saw(int group, int reason) const {
+bool LogCapture::SawReason(int reason) const {
   for (const LogEntry& e : Captured())
-    if (e.group == group && e.reason == reason) return true;
+    if (e.reason == reason) return true;
   return false;
 }
 

@@ -97,8 +97,8 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
   const std::vector<LogEntry>& Entries() const;
-  // Whether a message of `group` and `reason` was logged.
-  bool Saw(int group, int reason) const;
+  // Whether a message of `reason` (in any group) was logged.
+  bool SawReason(int reason) const;
 
  private:
   er_LogHook previous_ = nullptr;
