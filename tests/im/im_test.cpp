@@ -41,11 +41,7 @@ std::string TextOf(const sfl_ItemRef& r) {
   return buf;
 }
 
-std::string FNameOf(const sfl_ItemRef& r) {
-  char buf[4096];
-  im_ItemRef2FName(&r, buf, sizeof buf);
-  return buf;
-}
+constexpr auto FNameOf = sfltest::ItemPath;
 
 const std::pair<int, int> kUnsafe{ER_GROUP_CONFIG, IM_R_UNSAFE_NAME};
 const std::pair<int, int> kBadText{ER_GROUP_CONFIG, IM_R_BAD_TEXT};
