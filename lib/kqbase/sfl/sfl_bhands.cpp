@@ -97,15 +97,24 @@ int32_t sfl_CheckFileAccessed(const sfl_ItemRef* ref, sfl_BaseRec** recOut, int3
         closeForGood(rec);
         return 0;
       }
+      // The revival records the interest under the shared header lock, as an
+      // open does: a process deciding under the exclusive lock whether it is
+      // the file's only user (to delete an item at once, or to release
+      // pending deletions and unlink at its last close) has either finished,
+      // or sees this interest.
+      sfl_Held header;
+      header.Header(rec, SFL_LOCK_SHARED);
       // A frozen file that was removed or replaced since is not revived.
       struct stat st;
       if (os_fstat(rec->FileDes, &st) != 0 || st.st_nlink == 0) {
+        header.Unlock();
         closeForGood(rec);
         return 0;
       }
       // The interest goes first: if it cannot be recorded the record stays
       // cold and counted, as it was.
       sfl_RecordBaseInterest(rec);
+      header.Unlock();
       rec->InColdStore = 0;
       --FilesInColdStore;
       ++rec->ExternalOpens;
