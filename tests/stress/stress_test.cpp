@@ -197,6 +197,32 @@ class EntryLocks {
 };
 
 // Holds one entry's lock for a scope.
+// An item handle closed on every path: a read that fails part way (the
+// slot may hold another item by now) must not leave the item open.
+class OpenedItem {
+ public:
+  explicit OpenedItem(const sfl_ItemRef& ref) : h_(sfl_OpenItem(&ref, 0)) {}
+  ~OpenedItem() {
+    if (h_ < 0) return;
+    try {
+      sfl_CloseItem(h_);
+    } catch (const er_Escape&) {
+      er_Clear();
+    }
+  }
+  OpenedItem(const OpenedItem&) = delete;
+  OpenedItem& operator=(const OpenedItem&) = delete;
+  int32_t get() const { return h_; }
+  void Close() {
+    int32_t h = h_;
+    h_ = -1;
+    sfl_CloseItem(h);
+  }
+
+ private:
+  int32_t h_;
+};
+
 class Locked {
  public:
   Locked(EntryLocks& l, int c, int n) : l_(l), c_(c), n_(n) { l_.Lock(c, n); }
@@ -403,7 +429,8 @@ class Worker {
     sfl_ItemRef ref = ItemRef(c, n);
     std::string problem;
     try {
-      int32_t h = sfl_OpenItem(&ref, 0);
+      OpenedItem item(ref);
+      const int32_t h = item.get();
       std::vector<uint8_t> buf(snap.size);
       uint32_t got = 0;
       if (Below(2) == 0) {
@@ -420,7 +447,7 @@ class Worker {
       }
       struct stat st {};
       sfl_FStatItem(h, &st);
-      sfl_CloseItem(h);
+      item.Close();
       problem = Verify(buf.data(), got, snap.gen, snap.version, snap.size);
       if (problem.empty() && static_cast<uint32_t>(st.st_size) != snap.size) {
         problem = "status size " + std::to_string(st.st_size);
@@ -553,7 +580,8 @@ class Worker {
     sfl_ItemRef ref = ItemRef(c, n);
     std::string problem;
     try {
-      int32_t h = sfl_OpenItem(&ref, 0);
+      OpenedItem item(ref);
+      const int32_t h = item.get();
       for (uint32_t k = 0; k < snap.nblocks && problem.empty(); ++k) {
         if (!snap.blockLive[k] || Below(3) != 0) continue;
         std::vector<uint8_t> buf(snap.blockSize[k]);
@@ -562,7 +590,7 @@ class Worker {
         if (!problem.empty()) problem = "block " + std::to_string(snap.blockNum[k]) + ": " + problem;
         Count(kBlockReads);
       }
-      sfl_CloseItem(h);
+      item.Close();
     } catch (const er_Escape& e) {
       problem = "escape " + std::to_string(e.group()) + "/" + std::to_string(e.reason());
     }
