@@ -352,17 +352,12 @@ void sfl_TruncateSimItem(int32_t itemHandle, uint32_t newSize) {
   // readers match on it, so it stays.
   ER_TRACE_PROC("sfl_ReadSerialData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  {
-    sfl_Held lock;
-    lock.ItemHeader(item, SFL_LOCK_EXCL);
-    sfl_ItemHeader h;
-    sfl_ReadItemHeader(item, &h);
+  sfl_UpdateItemHeader(item, [newSize](sfl_ItemHeader& h) {
     if ((h.Flags & BLOCKED_ITEM) != 0) SFL_RAISE(SFL_R_TRUNC_BLOCKED);
     if (uint64_t{newSize} > uint64_t{h.UsedBlocks} * SFL_BLOCK_SIZE)
       SFL_RAISE(SFL_R_BEYOND_RESERVED);
     h.FileSize = newSize;
-    sfl_WriteItemHeader(item, h);
-  }
+  });
   item->Size = newSize;
   if (item->CurrPos > item->Size) item->CurrPos = item->Size;
 }

@@ -231,15 +231,10 @@ void sfl_CloseItem(int32_t itemHandle) {
 uint32_t sfl_Attach2OpenItem(int32_t itemHandle) {
   ER_TRACE_PROC("sfl_Attach2OpenItem");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  sfl_ItemHeader h;
-  {
-    sfl_Held lock;
-    lock.ItemHeader(item, SFL_LOCK_EXCL);
-    sfl_ReadItemHeader(item, &h);
-    ++h.AccCount;
-    h.ChangeDate = mdc_time();
-    sfl_WriteItemHeader(item, h);
-  }
+  const sfl_ItemHeader h = sfl_UpdateItemHeader(item, [](sfl_ItemHeader& hd) {
+    ++hd.AccCount;
+    hd.ChangeDate = mdc_time();
+  });
   sfl_ConsiderSync(item->BaseRecord, item, SFL_EV_ATTACH);
   return h.AccCount;
 }
@@ -247,21 +242,16 @@ uint32_t sfl_Attach2OpenItem(int32_t itemHandle) {
 uint32_t sfl_DetachOpenItem(int32_t itemHandle) {
   ER_TRACE_PROC("sfl_DetachOpenItem");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  sfl_ItemHeader h;
-  {
-    sfl_Held lock;
-    lock.ItemHeader(item, SFL_LOCK_EXCL);
-    sfl_ReadItemHeader(item, &h);
-    if (h.AccCount > 0) {
-      --h.AccCount;
-      h.ChangeDate = mdc_time();
+  const sfl_ItemHeader h = sfl_UpdateItemHeader(item, [item](sfl_ItemHeader& hd) {
+    if (hd.AccCount > 0) {
+      --hd.AccCount;
+      hd.ChangeDate = mdc_time();
     } else {
       ER_LOG(5, ER_GROUP_SFL, SFL_R_DETACH_ZERO, "detach of item %u with attach count 0",
              item->ItemNum);
     }
-    if (h.AccCount == 0) h.Flags |= DELETED;
-    sfl_WriteItemHeader(item, h);
-  }
+    if (hd.AccCount == 0) hd.Flags |= DELETED;
+  });
   sfl_ConsiderSync(item->BaseRecord, item, SFL_EV_DETACH);
   // The last close deletes the item if no owner is left by then.
   item->DeleteOnClose = 1;
@@ -314,14 +304,7 @@ int32_t sfl_ItemExists(const sfl_ItemRef* ref) {
 void sfl_ChangeTime(int32_t itemHandle, uint32_t when) {
   ER_TRACE_PROC("sfl_ChangeTime");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  {
-    sfl_Held lock;
-    lock.ItemHeader(item, SFL_LOCK_EXCL);
-    sfl_ItemHeader h;
-    sfl_ReadItemHeader(item, &h);
-    h.ChangeDate = when;
-    sfl_WriteItemHeader(item, h);
-  }
+  sfl_UpdateItemHeader(item, [when](sfl_ItemHeader& h) { h.ChangeDate = when; });
   sfl_ConsiderSync(item->BaseRecord, item, SFL_EV_CHANGE_TIME);
 }
 
@@ -371,14 +354,7 @@ void sfl_DeleteItem(int32_t itemHandle) {
     if (!immediate) {
       // Pending: the final close of the file, once no other process holds
       // it, releases items marked so.
-      {
-        sfl_Held lock;
-        lock.ItemHeader(item, SFL_LOCK_EXCL);
-        sfl_ItemHeader h;
-        sfl_ReadItemHeader(item, &h);
-        h.Flags |= DELETED;
-        sfl_WriteItemHeader(item, h);
-      }
+      sfl_UpdateItemHeader(item, [](sfl_ItemHeader& h) { h.Flags |= DELETED; });
       item->Flags |= DELETED;
       sfl_FileHeader fh;
       sfl_ReadFileHeader(rec, &fh);

@@ -333,6 +333,20 @@ class sfl_Held {
   int32_t held_ = 0;
 };
 
+// One read-modify-write of an item's header under its exclusive header lock:
+// reads it, lets `change` modify it, writes it back and returns it as
+// written. An escape from `change` leaves the header as it was.
+template <class Change>
+sfl_ItemHeader sfl_UpdateItemHeader(sfl_ItemRec* item, Change change) {
+  sfl_Held lock;
+  lock.ItemHeader(item, SFL_LOCK_EXCL);
+  sfl_ItemHeader h;
+  sfl_ReadItemHeader(item, &h);
+  change(h);
+  sfl_WriteItemHeader(item, h);
+  return h;
+}
+
 // Sync events raised by the library's routines.
 enum sfl_SyncEvent : int32_t {
   SFL_EV_ATTACH = 1, SFL_EV_DETACH = 2, SFL_EV_CLOSE = 3, SFL_EV_CHANGE_TIME = 4,
