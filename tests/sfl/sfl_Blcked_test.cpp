@@ -715,4 +715,67 @@ TEST_F(Blocked, APendingDeletionReleasesTheTreeAtTheLastClose) {
   ::close(fd);
 }
 
+// ---- the one walk over a whole tree -------------------------------------------------------------
+
+TEST_F(Blocked, TheTreeWalkVisitsParentsFirstInEntryOrderWithPositionalBlockNumbers) {
+  const int32_t h = NewItem();
+  for (uint32_t b : {0u, 5u, 40u, 1100u}) {
+    Bytes d = Pattern(b, 0, 30);
+    ASSERT_EQ(sfl_WriteBlockedData(h, b, 30, d.data()), 30);
+  }
+  ASSERT_EQ(HeaderOf(h).IndexDepth, 2u);
+  std::vector<std::pair<uint32_t, uint64_t>> seen;  // (depth, first block)
+  std::vector<uint64_t> blocks;
+  sfl_WalkIndexTree(rec_, HeaderOf(h).FileOffset,
+                    [&](uint32_t, const sfl_IndexRecord& r, uint64_t first) {
+                      seen.push_back({r.Depth, first});
+                      if (r.Depth == 0)
+                        for (uint32_t i = 0; i < 32; ++i)
+                          if (r.Entries[i].SectionOffSet != 0) blocks.push_back(first + i);
+                      return true;
+                    });
+  // The level inserted for block 1100 came with a chain down to an empty
+  // leaf at 1024; the write then added the leaf at 1088 beside it.
+  const std::vector<std::pair<uint32_t, uint64_t>> want = {
+      {2, 0}, {1, 0}, {0, 0}, {0, 32}, {1, 1024}, {0, 1024}, {0, 1088}};
+  EXPECT_EQ(seen, want);
+  EXPECT_EQ(blocks, (std::vector<uint64_t>{0, 5, 40, 1100}));
+
+  // A visitor that declines a record keeps the walk out of its subtree.
+  uint32_t visited = 0;
+  sfl_WalkIndexTree(rec_, HeaderOf(h).FileOffset,
+                    [&](uint32_t, const sfl_IndexRecord& r, uint64_t) {
+                      ++visited;
+                      return r.Depth == 2;
+                    });
+  EXPECT_EQ(visited, 3u);
+}
+
+TEST_F(Blocked, TheTreeWalkRefusesAChildThatIsNotOneLevelBelowItsParent) {
+  const int32_t h = NewItem();
+  for (uint32_t b : {0u, 40u}) {
+    Bytes d = Pattern(b, 0, 30);
+    ASSERT_EQ(sfl_WriteBlockedData(h, b, 30, d.data()), 30);
+  }
+  const uint32_t rootOff = HeaderOf(h).FileOffset;
+  sfl_IndexRecord root = Index(rootOff);
+  ASSERT_EQ(root.Depth, 1u);
+  // Entry 1 pointing back at the root would make the walk go round for ever.
+  root.Entries[1] = {rootOff, static_cast<uint32_t>(SFL_INDEX_SIZE)};
+  PutIndex(rootOff, root);
+  uint32_t visited = 0;
+  EXPECT_EQ(EscapeCodeOf([&] {
+              sfl_WalkIndexTree(rec_, rootOff, [&](uint32_t, const sfl_IndexRecord&, uint64_t) {
+                ++visited;
+                return true;
+              });
+            }),
+            Sfl(SFL_R_BAD_INDEX));
+  EXPECT_EQ(visited, 2u);  // the root and its first leaf, then the refusal
+  // Deleting the item meets the same refusal instead of looping.
+  const sfl_ItemHeader hd = HeaderOf(h);
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_DeleteIndexTree(Rec(h), hd); }), Sfl(SFL_R_BAD_INDEX));
+  EXPECT_TRUE(LockableElsewhere(Rec(h)->HeaderOff, SFL_ITEM_HEADER_SIZE));
+}
+
 }  // namespace

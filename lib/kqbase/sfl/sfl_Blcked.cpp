@@ -633,43 +633,58 @@ extern "C" int32_t sfl_WriteBlockedData(int32_t itemHandle, uint32_t block, uint
   return static_cast<int32_t>(count);
 }
 
-// ---- releasing a whole tree ---------------------------------------------------------
+// ---- walking a whole tree -----------------------------------------------------------
 
-// Reads a record for the release walk. A root that was never initialised
-// (all zeros: no magic, no type) counts as an empty leaf, so an item whose
-// tree was never used can still be released.
-static void ReadForRelease(sfl_ItemRec* item, uint32_t off, sfl_IndexRecord* out) {
+// Reads one record for a walk: exactly 384 bytes, decoded, magic and type
+// checked. The handle's index caches are left alone: a walk looks at every
+// record once and must not make the last of them the handle's current index.
+// A root that was never initialised (all zeros: no magic, no type) counts as
+// an empty leaf, so an item whose tree was never used can still be walked.
+static sfl_IndexRecord ReadForWalk(sfl_BaseRec* rec, uint32_t off, bool isRoot) {
   sfl_IndexBytes raw{};
-  ssize_t n = sfl_PRead(item->BaseRecord, raw.data(), raw.size(), off);
+  const ssize_t n = sfl_PRead(rec, raw.data(), raw.size(), off);
   if (n < 0 || static_cast<size_t>(n) != raw.size()) SFL_RAISE(SFL_R_SHORT_READ);
-  *out = sfl_DecodeIndex(raw);
-  if (out->Magic == 0 && out->Type == 0) {
-    *out = sfl_IndexRecord{};
-    return;
-  }
-  if (out->Magic != SFL_MAGIC || out->Type != SFL_TYPE_INDEX) SFL_RAISE(SFL_R_BAD_INDEX);
+  sfl_IndexRecord r = sfl_DecodeIndex(raw);
+  if (isRoot && std::all_of(raw.begin(), raw.end(), [](uint8_t b) { return b == 0; }))
+    return sfl_IndexRecord{};
+  if (r.Magic != SFL_MAGIC || r.Type != SFL_TYPE_INDEX) SFL_RAISE(SFL_R_BAD_INDEX);
+  return r;
 }
 
-static void FreeTreeLevel(sfl_ItemRec* item, uint32_t off, uint8_t* map, uint32_t mapLen,
-                          uint32_t freeData, uint32_t level) {
-  if (level > kMaxRootDepth) SFL_RAISE(SFL_R_BAD_INDEX);
-  sfl_ClearFreeMapArea(map, mapLen, off, kIdx);
-  sfl_IndexRecord r;
-  ReadForRelease(item, off, &r);
-  for (const auto& e : r.Entries) {
+// The depth each child must have is one below its parent's, so a damaged
+// tree that points back up (a cycle) is refused instead of walked forever.
+static void WalkLevel(sfl_BaseRec* rec, uint32_t off, int64_t wantDepth, uint64_t first,
+                      const sfl_IndexVisitor& visit) {
+  const sfl_IndexRecord r = ReadForWalk(rec, off, wantDepth < 0);
+  if (r.Depth > kMaxRootDepth || (wantDepth >= 0 && r.Depth != wantDepth))
+    SFL_RAISE(SFL_R_BAD_INDEX);
+  if (!visit(off, r, first) || r.Depth == 0) return;
+  const uint64_t span = EntrySpan(r.Depth);
+  for (uint32_t i = 0; i < kFan; ++i) {
+    const sfl_IndexEntry& e = r.Entries[i];
     if (EntryEmpty(e)) continue;
-    if (r.Depth > 0) {
-      FreeTreeLevel(item, e.SectionOffSet, map, mapLen, freeData, level + 1);
-    } else if (freeData != 0) {
-      sfl_ClearFreeMapArea(map, mapLen, e.SectionOffSet, e.SectionSize);
-    }
+    WalkLevel(rec, e.SectionOffSet, static_cast<int64_t>(r.Depth) - 1, first + i * span, visit);
   }
 }
+
+void sfl_WalkIndexTree(sfl_BaseRec* rec, uint32_t rootOff, const sfl_IndexVisitor& visit) {
+  WalkLevel(rec, rootOff, -1, 0, visit);
+}
+
+// ---- releasing a whole tree ---------------------------------------------------------
 
 void sfl_FreeIndexTree(sfl_ItemRec* item, uint32_t rootOff, uint8_t* map, uint32_t mapLen,
                        uint32_t freeData) {
   ER_TRACE_PROC("sfl_FreeIndexTree");
-  FreeTreeLevel(item, rootOff, map, mapLen, freeData, 0);
+  sfl_WalkIndexTree(item->BaseRecord, rootOff,
+                    [&](uint32_t off, const sfl_IndexRecord& r, uint64_t) {
+                      sfl_ClearFreeMapArea(map, mapLen, off, kIdx);
+                      if (r.Depth == 0 && freeData != 0)
+                        for (const auto& e : r.Entries)
+                          if (!EntryEmpty(e))
+                            sfl_ClearFreeMapArea(map, mapLen, e.SectionOffSet, e.SectionSize);
+                      return true;
+                    });
 }
 
 void sfl_DeleteIndexTree(sfl_ItemRec* item, const sfl_ItemHeader& header) {
@@ -691,22 +706,19 @@ void sfl_DeleteIndexTree(sfl_ItemRec* item, const sfl_ItemHeader& header) {
   own.Unlock();
 }
 
-// Frees every data block of a tree, depth first, and leaves the index
-// records in place. No operation uses it at present.
-[[maybe_unused]] static void sfl_TraveseToFreeAll(sfl_ItemRec* item, uint32_t off,
-                                                  uint32_t level) {
+// Frees every data block of a tree and leaves the index records in place.
+// No operation uses it at present.
+[[maybe_unused]] static void sfl_TraveseToFreeAll(sfl_ItemRec* item, uint32_t rootOff) {
   ER_TRACE_PROC("sfl_TraveseToFreeAll");
-  if (level > kMaxRootDepth) SFL_RAISE(SFL_R_BAD_INDEX);
-  sfl_IndexRecord r;
-  sfl_ReadAnIndex(item, off, &r);
-  for (const auto& e : r.Entries) {
-    if (EntryEmpty(e)) continue;
-    if (r.Depth > 0) {
-      sfl_TraveseToFreeAll(item, e.SectionOffSet, level + 1);
-    } else if (e.SectionOffSet != 0) {
-      sfl_FreeFreeSpace(item, e.SectionOffSet, e.SectionSize);
-    }
-  }
+  std::vector<sfl_IndexEntry> blocks;
+  sfl_WalkIndexTree(item->BaseRecord, rootOff,
+                    [&](uint32_t, const sfl_IndexRecord& r, uint64_t) {
+                      if (r.Depth == 0)
+                        for (const auto& e : r.Entries)
+                          if (e.SectionOffSet != 0) blocks.push_back(e);
+                      return true;
+                    });
+  for (const auto& e : blocks) sfl_FreeFreeSpace(item, e.SectionOffSet, e.SectionSize);
 }
 
 // ---- creating a blocked item -----------------------------------------------------------

@@ -57,44 +57,6 @@ extern "C" int32_t sfl_ListItems(int32_t baseHandle, sfl_ItemInfo* out, int32_t 
   return slots;
 }
 
-namespace {
-
-// Gathers the blocks under one index record whose numbers fall in
-// [first, last]. `base` is the first block number the record covers.
-struct BlockWalk {
-  sfl_BaseRec* rec;
-  uint64_t first, last;
-  sfl_BlockInfo* out;
-  uint32_t max;
-  uint32_t found = 0;
-
-  void Visit(uint32_t offset, uint32_t depth, uint64_t base) {
-    sfl_IndexBytes bytes{};
-    if (sfl_PRead(rec, bytes.data(), bytes.size(), offset) != static_cast<ssize_t>(bytes.size()))
-      SFL_RAISE(SFL_R_SHORT_READ);
-    const sfl_IndexRecord r = sfl_DecodeIndex(bytes);
-    if (r.Magic != SFL_MAGIC || r.Type != SFL_TYPE_INDEX || r.Depth != depth)
-      SFL_RAISE(SFL_R_BAD_INDEX);
-    uint64_t span = 1;  // blocks under one entry of this record
-    for (uint32_t i = 0; i < depth; ++i) span *= SFL_INDEX_ENTRIES;
-    for (uint32_t e = 0; e < SFL_INDEX_ENTRIES; ++e) {
-      const sfl_IndexEntry& entry = r.Entries[e];
-      if (entry.SectionOffSet == 0) continue;
-      const uint64_t lo = base + e * span;
-      if (lo > last || lo + span - 1 < first) continue;
-      if (depth > 0) {
-        Visit(entry.SectionOffSet, depth - 1, lo);
-      } else {
-        if (out != nullptr && found < max)
-          out[found] = {static_cast<uint32_t>(lo), entry.SectionOffSet, entry.SectionSize};
-        ++found;
-      }
-    }
-  }
-};
-
-}  // namespace
-
 extern "C" uint32_t sfl_ListBlocks(int32_t itemHandle, uint32_t first, uint32_t last,
                                    sfl_BlockInfo* out, uint32_t max) {
   ER_TRACE_PROC("sfl_ListBlocks");
@@ -106,15 +68,29 @@ extern "C" uint32_t sfl_ListBlocks(int32_t itemHandle, uint32_t first, uint32_t 
   sfl_ReadItemHeader(item, &h);
   if (h.IndexDepth > kMaxTreeDepth) SFL_RAISE(SFL_R_TOO_DEEP);
   if (h.FileOffset == 0 || first > last) return 0;
-  if (h.IndexDepth == 0) {
-    sfl_IndexBytes root{};
-    if (sfl_PRead(item->BaseRecord, root.data(), root.size(), h.FileOffset) !=
-        static_cast<ssize_t>(root.size()))
-      SFL_RAISE(SFL_R_SHORT_READ);
-    if (std::all_of(root.begin(), root.end(), [](uint8_t b) { return b == 0; })) return 0;
-  }
-  BlockWalk walk{item->BaseRecord, first, last, out, max};
-  walk.Visit(h.FileOffset, h.IndexDepth, 0);
+  uint32_t found = 0;
+  bool atRoot = true;
+  sfl_WalkIndexTree(item->BaseRecord, h.FileOffset,
+                    [&](uint32_t, const sfl_IndexRecord& r, uint64_t base) {
+                      // The root must be as deep as the header says (a blank root
+                      // reads as an empty leaf, which a depth-0 header allows).
+                      if (atRoot && r.Depth != h.IndexDepth) SFL_RAISE(SFL_R_BAD_INDEX);
+                      atRoot = false;
+                      uint64_t span = 1;  // blocks under one entry of this record
+                      for (uint32_t i = 0; i < r.Depth; ++i) span *= SFL_INDEX_ENTRIES;
+                      if (base > last || base + span * SFL_INDEX_ENTRIES - 1 < first) return false;
+                      if (r.Depth > 0) return true;
+                      for (uint32_t e = 0; e < SFL_INDEX_ENTRIES; ++e) {
+                        const sfl_IndexEntry& entry = r.Entries[e];
+                        const uint64_t n = base + e;
+                        if (entry.SectionOffSet == 0 || n < first || n > last) continue;
+                        if (out != nullptr && found < max)
+                          out[found] = {static_cast<uint32_t>(n), entry.SectionOffSet,
+                                        entry.SectionSize};
+                        ++found;
+                      }
+                      return false;
+                    });
   lock.Unlock();
-  return walk.found;
+  return found;
 }

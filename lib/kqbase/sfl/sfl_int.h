@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <span>
 #include <vector>
@@ -247,6 +248,17 @@ void sfl_IntDeleteItem(sfl_ItemRec* item);
 uint32_t sfl_FindBlock(sfl_ItemRec* item, uint32_t block, sfl_IndexRecord* out);
 uint32_t sfl_AppendIndex(sfl_ItemRec* item, uint32_t blockOffset, uint32_t blockSize);
 void sfl_DeleteIndexTree(sfl_ItemRec* item, const sfl_ItemHeader& header);
+// One walk over a whole index tree, depth first: parents before children,
+// children in entry order. Each record is read once straight from the file
+// (the handle's index caches are untouched) and must be an index record
+// whose Depth is one below its parent's (at most 6 at the root); a root that
+// is all zeros counts as an empty leaf. `visit` gets the record's offset,
+// the record and the number of the first block it covers (counted from its
+// place in the tree, not taken from BaseBlockNum); it returns whether to
+// descend into the record's children.
+using sfl_IndexVisitor =
+    std::function<bool(uint32_t offset, const sfl_IndexRecord& r, uint64_t firstBlock)>;
+void sfl_WalkIndexTree(sfl_BaseRec* rec, uint32_t rootOff, const sfl_IndexVisitor& visit);
 // Clears in `map` the space of every index record of the tree at `rootOff`
 // and, when freeData is non-zero, of every data block it reaches.
 void sfl_FreeIndexTree(sfl_ItemRec* item, uint32_t rootOff, uint8_t* map, uint32_t mapLen,
