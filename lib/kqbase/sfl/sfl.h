@@ -13,6 +13,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <stdio.h>
 #include <sys/stat.h>
 
 #include "er.h"
@@ -252,6 +253,25 @@ SFL_API uint32_t sfl_ReadBlockedData(int32_t itemHandle, uint32_t block, uint32_
                                      void* buffer);
 SFL_API int32_t sfl_WriteBlockedData(int32_t itemHandle, uint32_t block, uint32_t length,
                                      const void* buffer);
+
+/* ---- diagnostic dumps ------------------------------------------------------------------ */
+/* Text dumps for people investigating a container or this process's tables.
+   The record dumps take a record's raw bytes as they lie in the file (128,
+   64, 8 and 384 bytes) and the file offset (or entry number) to show; they
+   check and change nothing. Output errors are ignored. */
+SFL_API void sfl_DumpHeader(FILE* out, const uint8_t* header, uint32_t offset);
+SFL_API void sfl_DumpItemHeader(FILE* out, const uint8_t* header, uint32_t offset);
+/* One 8-byte index entry; prints nothing for an empty entry. */
+SFL_API void sfl_DumpIndexRecord(FILE* out, const uint8_t* entry, int32_t entryNum);
+SFL_API void sfl_DumpBlockedIndex(FILE* out, const uint8_t* record, uint32_t offset);
+/* Lists the blocks of an open blocked item by number, with their lengths
+   and holes, until the first number past the end of a leaf. */
+SFL_API void sfl_ListIndexTree(FILE* out, int32_t itemHandle);
+/* The open-files and open-items tables on standard error, the stream table
+   on standard output; each returns its table's high-water mark. */
+SFL_API int32_t sfl_DumpBaseItems(void);
+SFL_API int32_t sfl_DumpOpenItems(void);
+SFL_API int32_t sfl_DumpOpenL3Items(void);
 
 /* ---- interest records ------------------------------------------------------------------ */
 SFL_API void sfl_GetQueue(const sfl_ItemRef* ref, int32_t* requestQueue, int32_t* replyQueue,

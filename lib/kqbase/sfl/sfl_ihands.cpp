@@ -380,3 +380,28 @@ sfl_ItemRec* sfl_ItemMayChange(int32_t itemHandle) {
   item->IndexCacheValid = 0;
   return item;
 }
+
+// ---- diagnostic dump ---------------------------------------------------------------
+
+// Prints every record of the open-items table in use, up to the high-water
+// mark, on standard error; returns the mark.
+int32_t sfl_DumpOpenItems(void) {
+  const sfl_ItemsTable& table = sfl_OpenItems();
+  for (size_t i = 0; i < table.HighWater() && i < table.Allocated(); ++i) {
+    const sfl_ItemRec* item = table.At(i);
+    if (item->InUse != 1) continue;
+    std::fprintf(stderr, "Entry Number: %5d------------------------------\n",
+                 SFL_ITEM_HANDLE_FIRST + static_cast<int>(i));
+    std::fprintf(stderr,
+                 "BaseHandle %12d, ItemNum %13u, HeaderOff %10x\n"
+                 "OpenRefs %14u, Offset %14X, Size %15u\n"
+                 "LastIdxBlock %10u, LastIdxOff %10X, CurrPos %10X\n"
+                 "Domain %16u, SubDomain %11u, Flags %4u, FileId %10u\n"
+                 "Flags %8X\n",
+                 item->BaseHandle, item->ItemNum, item->HeaderOff,
+                 static_cast<unsigned>(item->OpenRefs), item->Offset, item->Size,
+                 item->LastIdxBlock, item->LastIdxOff, item->CurrPos, unsigned{item->Domain},
+                 item->SubDomain, unsigned{item->RefFlags}, item->FileId, item->Flags);
+  }
+  return static_cast<int32_t>(table.HighWater());
+}

@@ -23,3 +23,17 @@ sfl_StreamRec* sfl_L3Handle2Record(int32_t streamHandle) {
 // Null is ignored; a free record raises 28867; otherwise the record is
 // cleared whole and the in-use count falls.
 void sfl_DeleteOL3Item(sfl_StreamRec* rec) { sfl_Streams().Release(rec); }
+
+// Prints the entry number of every stream record in use, up to the
+// high-water mark, on standard output; returns the mark. The number printed
+// is counted from 8000, so it is 1,000 below the stream's handle: the dump
+// has always numbered streams that way and readers of old output rely on it.
+int32_t sfl_DumpOpenL3Items(void) {
+  const sfl_StreamsTable& table = sfl_Streams();
+  for (size_t i = 0; i < table.HighWater() && i < table.Allocated(); ++i) {
+    if (table.At(i)->InUse != 1) continue;
+    std::fprintf(stdout, "Entry Number: %5d------------------------------\n",
+                 SFL_ITEM_HANDLE_FIRST + static_cast<int>(i));
+  }
+  return static_cast<int32_t>(table.HighWater());
+}
