@@ -126,7 +126,27 @@ TEST_F(OsTest, RecordLocks) {
     return os_TryLockPart(own, OS_LOCK_EXCL | OS_LOCK_NOWAIT, SEEK_SET, 120, 0, 1, 0) == 1 ? 0 : 1;
   });
   EXPECT_EQ(rc, 0);
-  EXPECT_EQ(os_TryLockPart(fd, 3, SEEK_SET, 0, 0, 1, 0), 0);  // no such mode
+  // No such mode: a bad call, not a refusal.
+  try {
+    os_TryLockPart(fd, 3, SEEK_SET, 0, 0, 1, 0);
+    ADD_FAILURE() << "mode 3 accepted";
+  } catch (const er_Escape& e) {
+    er_Clear();
+    EXPECT_EQ(e.group(), ER_GROUP_CALL);
+    EXPECT_EQ(e.reason(), EINVAL);
+  }
+  // A failure other than a conflict raises; an injected conflict is refused.
+  os_FailNth(os_Op::Lock, 1, EBADF);
+  try {
+    os_TryLockPart(fd, OS_LOCK_SHARED, SEEK_SET, 0, 0, 1, 0);
+    ADD_FAILURE() << "failed lock call reported as a result";
+  } catch (const er_Escape& e) {
+    er_Clear();
+    EXPECT_EQ(e.group(), ER_GROUP_OS);
+    EXPECT_EQ(e.reason(), EBADF);
+  }
+  os_FailNth(os_Op::Lock, 1, EAGAIN);
+  EXPECT_EQ(os_TryLockPart(fd, OS_LOCK_SHARED | OS_LOCK_NOWAIT, SEEK_SET, 0, 0, 1, 0), 0);
   // Offsets above 4 GiB are built from both halves.
   EXPECT_EQ(os_TryLockPart(fd, OS_LOCK_EXCL, SEEK_SET, 0x10, 1, 8, 0), 1);
   rc = sfltest::RunInChild([&] {
@@ -140,7 +160,7 @@ TEST_F(OsTest, RecordLocks) {
     return fl.l_start == 0x100000010LL && fl.l_len == 8 ? 0 : 1;
   });
   EXPECT_EQ(rc, 0);
-  os_FailNth(os_Op::Lock, 1, EIO);
+  os_FailNth(os_Op::Lock, 1, EACCES);  // the other errno of a conflict
   EXPECT_EQ(os_TryLockPart(fd, OS_LOCK_EXCL, SEEK_SET, 0, 0, 1, 0), 0);
   os_close(fd);
 }

@@ -198,12 +198,17 @@ TEST_F(LocksTest, IndexLockIs384Bytes) {
 
 TEST_F(LocksTest, UnlockReturnsTheNegationOfTheRelease) {
   ASSERT_EQ(sfl_LockHeader(rec_, SFL_LOCK_EXCL), 1);
-  os_FailNth(os_Op::Lock, 1, EIO);  // the release itself fails
-  EXPECT_EQ(sfl_UnlockHeader(rec_), 1);
+  EXPECT_EQ(sfl_UnlockHeader(rec_), 0);
+  EXPECT_EQ(ProbeFromOtherProcess(path_, 0, 128).blocked, 0);
+  // A release that fails raises rather than reporting the lock still held.
+  ASSERT_EQ(sfl_LockHeader(rec_, SFL_LOCK_EXCL), 1);
+  os_FailNth(os_Op::Lock, 1, EIO);
+  EXPECT_EQ(sfltest::EscapeCodeOf([&] { sfl_UnlockHeader(rec_); }),
+            sfltest::EscapeCode(ER_GROUP_OS, EIO));
   EXPECT_EQ(ProbeFromOtherProcess(path_, 0, 128).blocked, 1);
   EXPECT_EQ(sfl_UnlockHeader(rec_), 0);
   EXPECT_EQ(ProbeFromOtherProcess(path_, 0, 128).blocked, 0);
-  os_FailNth(os_Op::Lock, 1, EIO);  // a refused lock reports 0
+  os_FailNth(os_Op::Lock, 1, EAGAIN);  // a refused lock reports 0
   EXPECT_EQ(sfl_LockAnIndex(item_, 1024, SFL_LOCK_EXCL), 0);
 }
 
@@ -345,13 +350,14 @@ TEST_F(LocksTest, EscapeInsideALockedUpdateReleasesTheLock) {
 }
 
 TEST_F(LocksTest, GuardReleasesOnlyWhatItHolds) {
-  // The other process holds the index range; our lock attempt is refused
-  // by the fault switch, so the guard must not release anything.
+  // Our lock attempt is refused by the fault switch (a conflict), so the
+  // guard must not release anything: the range another holder of this
+  // process took stays locked.
   ASSERT_EQ(sfl_LockAnIndex(item_, 2048, SFL_LOCK_EXCL), 1);
   {
     sfl_Held held;
-    os_FailNth(os_Op::Lock, 1, EIO);
-    held.Index(item_, 2048, SFL_LOCK_SHARED);
+    os_FailNth(os_Op::Lock, 1, EAGAIN);
+    held.Index(item_, 2432, SFL_LOCK_SHARED);
     EXPECT_FALSE(held.held());
     os_ResetCallCounts();
   }

@@ -48,6 +48,7 @@ const std::string& TestDir() {
     setenv("SFL_STORE_ROOT", (g_dir + "/store").c_str(), 1);
     setenv("SFL_RUN_DIR", (g_dir + "/run").c_str(), 1);
     setenv("SFL_LOG_FILE", (g_dir + "/sfl.log").c_str(), 1);
+    setenv("SFL_MONITOR_PROGRAM", MonitorBinary().c_str(), 1);
   }
   return g_dir;
 }

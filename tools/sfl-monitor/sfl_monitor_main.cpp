@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <unistd.h>
 
 #include "ml.h"
 
@@ -86,7 +87,11 @@ int main(int argc, char** argv) {
     return 1;
   }
   if (foreground) return ml_RunService(opts);
-  if (ml_StartDetached(opts) != 0) {
+  // Detached, the service is this same program run again in the foreground.
+  char self[4096];
+  const ssize_t len = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (len > 0) self[len] = '\0';
+  if (ml_StartDetached(opts, len > 0 ? std::string(self) : std::string()) != 0) {
     std::fprintf(stderr, "sfl-monitor: the service did not come up (see %s)\n",
                  ml_LogPath(opts.RunDir).c_str());
     return 1;

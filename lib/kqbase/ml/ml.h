@@ -120,12 +120,19 @@ int ml_ResolveGroup(const char* text);
 
 // Starts a service for the run directory unless one is running: serialised
 // by the start lock, so racing starters end up with one service. The service
-// runs detached (double fork, new session, standard streams on the log).
+// runs detached (double fork, new session, exec of the program, standard
+// streams on the log).
 // Returns 0 once a live service is published, -1 when none came up.
 int ml_EnsureService(const ml_ServiceOptions& opts);
 // Starts a detached service unconditionally (it refuses to run when another
-// holds the lock) and waits for its publication. 0 or -1.
-int ml_StartDetached(const ml_ServiceOptions& opts);
+// holds the lock) and waits for its publication. 0 or -1. The service is
+// `program` (default: ml_MonitorProgram()) run with --foreground and the
+// options, in a new session, with only its standard streams open and an
+// environment of PATH alone.
+int ml_StartDetached(const ml_ServiceOptions& opts, const std::string& program = "");
+// The service program: "SFL_MONITOR_PROGRAM" when set, else the installed
+// sfl-monitor when it is there, else the one built with this library.
+std::string ml_MonitorProgram();
 // Runs the service in this process until it stops (SIGTERM or SIGINT, idle
 // time, loss of the run directory). Returns the exit status.
 int ml_RunService(const ml_ServiceOptions& opts);

@@ -1,68 +1,50 @@
-// ml_: starting the interest service on demand. The starter forks; the
-// child forks again and exits, so the service is adopted by init and never
-// becomes a zombie of the program that happened to need it; the grandchild
-// starts a new session, puts its standard streams on the run directory's
-// log and runs the serving code.
+// ml_: starting the interest service on demand. The service is its own
+// program (sfl-monitor): the starter forks, the child starts a new session
+// and forks again so that the service is adopted by init and never becomes
+// a zombie of the program that happened to need it, and the grandchild
+// executes the program with its standard streams on the run directory's log,
+// no other descriptor, default signal handling and a minimal environment.
+// Nothing of the starting program (its memory, files, locks, handlers or
+// test switches) comes along.
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
-#include <filesystem>
 #include <string>
 #include <sys/file.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
+#include "cust.h"
 #include "er.h"
 #include "ml.h"
 #include "os.h"
+
+#ifndef ML_MONITOR_INSTALLED
+#define ML_MONITOR_INSTALLED ""
+#endif
+#ifndef ML_MONITOR_BUILT
+#define ML_MONITOR_BUILT ""
+#endif
 
 namespace {
 
 // How long a starter waits for the service to publish its state. A service
 // waits up to 2 s for the lock of one that is still shutting down.
 constexpr auto kPublishWait = std::chrono::seconds(10);
+// The descriptor on which a grandchild whose exec failed reports its errno.
+constexpr int kReportFd = 3;
 
 mode_t dirMode(const ml_ServiceOptions& o) { return o.Gid >= 0 ? 0750 : 0700; }
 
-// Detaches the grandchild from the program it was forked from.
-void daemonise(const std::string& runDir) {
-  os_setsid();
-  int devnull = os_open("/dev/null", O_RDWR);
-  int log = os_open(ml_LogPath(runDir).c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  // Every other inherited descriptor is pointed at /dev/null rather than
-  // closed: the program's code that came along in this copy (its logging,
-  // say) may still write to a number it opened, and a later open here must
-  // not hand that number to a file of the service. Replacing them also drops
-  // the references that would otherwise keep the program's files, and their
-  // open-file-description locks, alive in the service.
-  std::vector<int> fds;
-  std::error_code ec;
-  for (const auto& e : std::filesystem::directory_iterator("/proc/self/fd", ec)) {
-    int fd = std::atoi(e.path().filename().c_str());
-    if (fd > 2 && fd != devnull && fd != log) fds.push_back(fd);
-  }
-  if (devnull >= 0) {
-    for (int fd : fds) os_dup2(devnull, fd);
-    os_dup2(devnull, 0);
-  }
-  if (log >= 0) {
-    os_dup2(log, 1);
-    os_dup2(log, 2);
-  }
-  if (devnull > 2) os_close(devnull);
-  if (log > 2) os_close(log);
-  // Nothing of the starting program's test switches or hooks applies here.
-  os_ClearFaults();
-  os_SkipSleeps(false);
-  er_SetLogHook(nullptr);
-  er_Clear();
-  std::signal(SIGHUP, SIG_IGN);
-  std::signal(SIGPIPE, SIG_IGN);
-}
+bool executable(const std::string& path) { return !path.empty() && ::access(path.c_str(), X_OK) == 0; }
 
 bool waitPublished(const std::string& runDir) {
   auto deadline = std::chrono::steady_clock::now() + kPublishWait;
@@ -76,27 +58,100 @@ bool waitPublished(const std::string& runDir) {
   return false;
 }
 
+// The grandchild, between fork and exec: only async-signal-safe calls, on
+// what the starter prepared beforehand.
+[[noreturn]] void execService(const char* logPath, int reportFd, char* const* argv,
+                              char* const* envp) {
+  const int devnull = ::open("/dev/null", O_RDWR);
+  int log = ::open(logPath, O_WRONLY | O_CREAT | O_APPEND, 0600);
+  if (log < 0) log = devnull;
+  ::dup2(devnull, 0);
+  ::dup2(log, 1);
+  ::dup2(log, 2);
+  ::dup2(reportFd, kReportFd);
+  ::fcntl(kReportFd, F_SETFD, FD_CLOEXEC);  // closed by a successful exec
+  ::syscall(SYS_close_range, kReportFd + 1, ~0U, 0);
+  struct sigaction dfl;
+  std::memset(&dfl, 0, sizeof dfl);
+  dfl.sa_handler = SIG_DFL;
+  for (int sig = 1; sig < NSIG; ++sig) ::sigaction(sig, &dfl, nullptr);
+  sigset_t none;
+  sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  ::execve(argv[0], argv, envp);
+  const int err = errno;
+  (void)!::write(kReportFd, &err, sizeof err);
+  ::_exit(127);
+}
+
 }  // namespace
 
-int ml_StartDetached(const ml_ServiceOptions& opts) {
+std::string ml_MonitorProgram() {
+  if (const char* v = cust_GetCustomiseInfo("SFL_MONITOR_PROGRAM"); v != nullptr && *v != '\0')
+    return v;
+  if (executable(ML_MONITOR_INSTALLED)) return ML_MONITOR_INSTALLED;
+  return ML_MONITOR_BUILT;
+}
+
+int ml_StartDetached(const ml_ServiceOptions& opts, const std::string& program) {
   if (ml_PrepareRunDir(opts.RunDir, dirMode(opts)) != 0) return -1;
+  const std::string path = program.empty() ? ml_MonitorProgram() : program;
+  if (!executable(path)) {
+    er_LogMsg(3, "interest service program %s cannot be run", path.empty() ? "(none)" : path.c_str());
+    return -1;
+  }
+  std::vector<std::string> args = {path,
+                                   "--foreground",
+                                   "--run-dir",
+                                   opts.RunDir,
+                                   "--pairs",
+                                   std::to_string(opts.Pairs),
+                                   "--idle-seconds",
+                                   std::to_string(opts.IdleSeconds),
+                                   "--max-entries",
+                                   std::to_string(opts.MaxEntries)};
+  if (opts.Gid >= 0) {
+    args.push_back("--group");
+    args.push_back(std::to_string(opts.Gid));
+  }
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  std::string pathVar = "PATH=/usr/bin:/bin";
+  std::array<char*, 2> envp = {pathVar.data(), nullptr};
+  const std::string logPath = ml_LogPath(opts.RunDir);
+
+  int report[2];
+  if (::pipe2(report, O_CLOEXEC) != 0) return -1;
   std::fflush(nullptr);  // nothing buffered may be written twice
   pid_t child = os_fork();
-  if (child < 0) return -1;
-  if (child == 0) {
-    pid_t grandchild = os_fork();
-    if (grandchild != 0) std::_Exit(grandchild < 0 ? 1 : 0);
-    daemonise(opts.RunDir);
-    int code = 1;
-    try {
-      code = ml_RunService(opts);
-    } catch (...) {
-      code = 1;
-    }
-    std::_Exit(code);
+  if (child < 0) {
+    ::close(report[0]);
+    ::close(report[1]);
+    return -1;
   }
+  if (child == 0) {
+    ::setsid();
+    pid_t grandchild = ::fork();
+    if (grandchild != 0) ::_exit(grandchild < 0 ? 1 : 0);
+    execService(logPath.c_str(), report[1], argv.data(), envp.data());
+  }
+  ::close(report[1]);
   int status = 0;
   os_waitpid(child, &status, 0);
+  // End of file once the program runs (or the grandchild never came);
+  // an errno when its exec failed.
+  int err = 0;
+  ssize_t n;
+  do n = ::read(report[0], &err, sizeof err);
+  while (n < 0 && errno == EINTR);
+  ::close(report[0]);
+  if (n == static_cast<ssize_t>(sizeof err)) {
+    er_LogMsg(3, "interest service program %s could not be started: %s", path.c_str(),
+              std::strerror(err));
+    return -1;
+  }
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return -1;
   return waitPublished(opts.RunDir) ? 0 : -1;
 }
 

@@ -226,9 +226,20 @@ int os_GetUserIds(const char* user, uid_t* uid, gid_t* gid) {
 
 // ---- locks ---------------------------------------------------------------
 
+namespace {
+// A lock call that failed: a conflict (only a call that does not wait meets
+// one) is a refusal, reported by the result; anything else is an error, and
+// going on as if the range were merely refused would let an update run
+// without its lock.
+int lockFailed(int err) {
+  if (err == EAGAIN || err == EACCES) return 0;
+  ER_RAISE(ER_GROUP_OS, err);
+}
+}  // namespace
+
 int os_TryLockPart(int fd, int mode, int whence, uint32_t offLow, uint32_t offHigh, uint32_t lenLow,
                    uint32_t lenHigh) {
-  if (enter(os_Op::Lock)) return 0;
+  if (enter(os_Op::Lock)) return lockFailed(errno);
   struct flock fl;
   std::memset(&fl, 0, sizeof fl);
   const bool nowait = (mode & OS_LOCK_NOWAIT) != 0;
@@ -236,7 +247,7 @@ int os_TryLockPart(int fd, int mode, int whence, uint32_t offLow, uint32_t offHi
     case OS_LOCK_SHARED: fl.l_type = F_RDLCK; break;
     case OS_LOCK_EXCL: fl.l_type = F_WRLCK; break;
     case OS_LOCK_RELEASE: fl.l_type = F_UNLCK; break;
-    default: errno = EINVAL; return 0;
+    default: ER_RAISE(ER_GROUP_CALL, EINVAL);
   }
   fl.l_whence = static_cast<short>(whence);
   fl.l_start = static_cast<off_t>((static_cast<uint64_t>(offHigh) << 32) | offLow);
@@ -246,7 +257,7 @@ int os_TryLockPart(int fd, int mode, int whence, uint32_t offLow, uint32_t offHi
   int rc;
   do rc = ::fcntl(fd, cmd, &fl);
   while (rc < 0 && errno == EINTR);
-  return rc == 0 ? 1 : 0;
+  return rc == 0 ? 1 : lockFailed(errno);
 }
 
 int os_flock(int fd, int op) {

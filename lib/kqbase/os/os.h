@@ -87,7 +87,9 @@ int os_GetUserIds(const char* user, uid_t* uid, gid_t* gid);
 // inherited cannot release its parent's locks.
 //
 // Returns 1 when the lock is held (or the release succeeded), 0 when it was
-// refused. Modes 1 and 2 wait until granted (retrying on EINTR).
+// refused because another holder conflicts. Any other failure raises an
+// escape in group 2 with the errno as reason. Modes 1 and 2 wait until
+// granted (retrying on EINTR).
 enum { OS_LOCK_SHARED = 1, OS_LOCK_EXCL = 2, OS_LOCK_RELEASE = 8, OS_LOCK_NOWAIT = 0x100 };
 int os_TryLockPart(int fd, int mode, int whence, uint32_t offLow, uint32_t offHigh, uint32_t lenLow,
                    uint32_t lenHigh);

@@ -363,13 +363,16 @@ extern "C" int32_t sfl_GetNewBlock(int32_t itemHandle, int32_t size, int32_t mod
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   if ((item->Flags & BLOCKED_ITEM) == 0) SFL_RAISE(SFL_R_NOT_BLOCKED);
   const uint32_t len = static_cast<uint32_t>(size);
-  uint32_t units = 0;
-  const uint32_t off = sfl_GetFreeSpaceNew(item->BaseRecord, len, &units);
+  // The run goes back if its data cannot be written; once the placement
+  // starts writing index records it may be referred to, and is kept.
+  sfl_SpaceRun run;
+  const uint32_t off = run.Take(item->BaseRecord, len);
   if (data != nullptr && len > 0) {
     ssize_t n = sfl_PWrite(item->BaseRecord, data, len, off);
     if (n < 0 || static_cast<uint32_t>(n) != len) SFL_RAISE(SFL_R_SHORT_WRITE);
     Sync(item, SFL_EV_BLOCK_DATA);
   }
+  run.Commit();
   const int64_t block = mode == 1 ? static_cast<int32_t>(sfl_AppendIndex(item, off, len))
                                   : sfl_FindFreeIndex(item, off, len);
   return block < 0 ? -1 : static_cast<int32_t>(block);
@@ -727,7 +730,10 @@ extern "C" int32_t sfl_CreateBlockedItem(int32_t baseHandle, sfl_ItemRef* out) {
   ER_TRACE_PROC("sfl_CreateBlockedItem");
   sfl_BaseRec* rec = sfl_Handle2Record(baseHandle);
   sfl_PtrEnsureBaseFileOpen(rec);
-  const int32_t slot = sfl_GetFreeItemSlot(rec, 1, -1);
+  // The slot, the run and the record go back unless the item comes into
+  // being.
+  sfl_SlotClaim slotClaim;
+  const int32_t slot = slotClaim.Take(rec, 1, -1);
   if (slot < 1) SFL_RAISE(SFL_R_NO_BLOCKED_SLOT);
 
   const sfl_ItemRef ref = sfl_ItemRefIn(*rec, static_cast<uint32_t>(slot));
@@ -735,50 +741,46 @@ extern "C" int32_t sfl_CreateBlockedItem(int32_t baseHandle, sfl_ItemRef* out) {
 
   // The root is laid down as zeros, without magic or type: the item starts
   // with no index record at all.
-  uint32_t units = 0;
-  const uint32_t root = sfl_GetFreeSpaceNew(rec, kIdx, &units);
+  sfl_SpaceRun run;
+  const uint32_t root = run.Take(rec, kIdx);
   const sfl_IndexBytes zeros{};
   ssize_t n = sfl_PWrite(rec, zeros.data(), zeros.size(), root);
   if (n < 0 || static_cast<size_t>(n) != zeros.size()) SFL_RAISE(SFL_R_SHORT_WRITE);
   sfl_ConsiderSync(rec, nullptr, SFL_EV_INDEX_WRITTEN);
 
-  int32_t handle = -1;
-  sfl_ItemRec* item = sfl_GetNewItemEntry(&handle);
-  try {
-    item->BaseHandle = baseHandle;
-    item->BaseRecord = rec;
-    sfl_SetRef(*item, ref);
-    item->ItemNum = static_cast<uint32_t>(slot);
-    item->HeaderOff = rec->ITableOff + static_cast<uint32_t>(slot) * SFL_ITEM_HEADER_SIZE;
-    item->OpenRefs = 1;
-    item->Offset = root;
-    item->Size = 32;
-    item->Flags = BLOCKED_ITEM;
-    item->LastIdxBase = 0;
-    item->LastIdxOff = root;
+  sfl_NewItemRecord item;
+  item->BaseHandle = baseHandle;
+  item->BaseRecord = rec;
+  sfl_SetRef(*item.get(), ref);
+  item->ItemNum = static_cast<uint32_t>(slot);
+  item->HeaderOff = rec->ITableOff + static_cast<uint32_t>(slot) * SFL_ITEM_HEADER_SIZE;
+  item->OpenRefs = 1;
+  item->Offset = root;
+  item->Size = 32;
+  item->Flags = BLOCKED_ITEM;
+  item->LastIdxBase = 0;
+  item->LastIdxOff = root;
 
-    sfl_ItemHeader header = sfl_NewItemHeader();
-    header.AccCount = 0;
-    header.FileSize = 32;
-    header.UsedBlocks = units;
-    header.ChangeDate = mdc_time();
-    header.FileOffset = root;
-    header.IndexDepth = 0;
-    header.Flags = BLOCKED_ITEM;
-    sfl_Held lock;
-    lock.ItemHeader(item, SFL_LOCK_EXCL);
-    sfl_WriteItemHeader(item, header);
-    lock.Unlock();
-    // Counted like any other open item, so that the file stays open under it
-    // and the last close of the handle balances the count.
-    sfl_IncIntItems(baseHandle);
-  } catch (...) {
-    sfl_DeleteOSerItem(item);
-    throw;
-  }
+  sfl_ItemHeader header = sfl_NewItemHeader();
+  header.AccCount = 0;
+  header.FileSize = 32;
+  header.UsedBlocks = run.Blocks();
+  header.ChangeDate = mdc_time();
+  header.FileOffset = root;
+  header.IndexDepth = 0;
+  header.Flags = BLOCKED_ITEM;
+  sfl_Held lock;
+  lock.ItemHeader(item.get(), SFL_LOCK_EXCL);
+  sfl_WriteItemHeader(item.get(), header);
+  lock.Unlock();
+  // Counted like any other open item, so that the file stays open under it
+  // and the last close of the handle balances the count.
+  item.Count(baseHandle);
   rec->NewlyCreated = 0;
-  sfl_ConsiderSync(rec, item, SFL_EV_NEW_ITEM);
-  return handle;
+  sfl_ConsiderSync(rec, item.get(), SFL_EV_NEW_ITEM);
+  run.Commit();
+  slotClaim.Commit();
+  return item.Commit();
 }
 
 // A root still as sfl_CreateBlockedItem laid it down (all zeros) becomes an

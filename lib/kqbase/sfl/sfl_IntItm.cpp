@@ -19,26 +19,6 @@ uint32_t LocateHeader(sfl_ItemRec* parent, uint32_t block, uint32_t position) {
   return sfl_BlckFindOffsetChkSize(parent, block, position, SFL_ITEM_HEADER_SIZE);
 }
 
-// Frees a record just taken if the rest of its set-up fails.
-class NewRecordGuard {
- public:
-  explicit NewRecordGuard(sfl_ItemRec* item) : item_(item) {}
-  ~NewRecordGuard() {
-    if (item_ == nullptr) return;
-    er_StatusKeeper keep;
-    try {
-      sfl_DeleteOSerItem(item_);
-    } catch (const er_Escape&) {
-    }
-  }
-  NewRecordGuard(const NewRecordGuard&) = delete;
-  NewRecordGuard& operator=(const NewRecordGuard&) = delete;
-  void Done() { item_ = nullptr; }
-
- private:
-  sfl_ItemRec* item_;
-};
-
 }  // namespace
 
 int32_t sfl_GenCreateIntBItem(sfl_ItemRec* parent, uint32_t headerOffset, uint32_t extraFlags) {
@@ -47,8 +27,10 @@ int32_t sfl_GenCreateIntBItem(sfl_ItemRec* parent, uint32_t headerOffset, uint32
   // Checked before any space is taken: a single-item file has no free map.
   if ((rec->FileFlags & SINGLE_FILE) != 0) SFL_RAISE(SFL_R_SINGLE_FILE);
 
-  uint32_t units = 0;
-  const uint32_t root = sfl_GetFreeSpaceNew(rec, SFL_INDEX_SIZE, &units);
+  // The run and the record go back unless the item comes into being.
+  sfl_SpaceRun run;
+  const uint32_t root = run.Take(rec, SFL_INDEX_SIZE);
+  const uint32_t units = run.Blocks();
   sfl_IndexBytes empty;
   sfl_EncodeIndex(sfl_NewIndexRecord(), empty);
   ssize_t n = sfl_PWrite(rec, empty.data(), empty.size(), root);
@@ -56,9 +38,7 @@ int32_t sfl_GenCreateIntBItem(sfl_ItemRec* parent, uint32_t headerOffset, uint32
   sfl_ConsiderSync(rec, nullptr, SFL_EV_INDEX_WRITTEN);
 
   const uint32_t flags = extraFlags | BLOCKED_ITEM | INT_ITEM;
-  int32_t handle = -1;
-  sfl_ItemRec* item = sfl_GetNewItemEntry(&handle);
-  NewRecordGuard guard(item);
+  sfl_NewItemRecord item;
   item->BaseHandle = parent->BaseHandle;
   item->BaseRecord = rec;
   item->ItemNum = parent->ItemNum;
@@ -79,14 +59,15 @@ int32_t sfl_GenCreateIntBItem(sfl_ItemRec* parent, uint32_t headerOffset, uint32
   header.ChangeDate = mdc_time();
   header.FileOffset = root;
   header.Flags = flags;
-  {
-    sfl_Held lock;
-    lock.ItemHeader(item, SFL_LOCK_EXCL);
-    sfl_WriteInternalItemH(item, headerOffset, header);
-  }
-  guard.Done();
-  sfl_ConsiderSync(rec, item, SFL_EV_NEW_ITEM);
-  return handle;
+  sfl_Held lock;
+  lock.ItemHeader(item.get(), SFL_LOCK_EXCL);
+  // Once the header is being written it may point at the run, even after a
+  // write that fails half way: the run is kept from here on.
+  run.Commit();
+  sfl_WriteInternalItemH(item.get(), headerOffset, header);
+  lock.Unlock();
+  sfl_ConsiderSync(rec, item.get(), SFL_EV_NEW_ITEM);
+  return item.Commit();
 }
 
 int32_t sfl_CreateIntBItem(int32_t parentHandle, uint32_t block, uint32_t position,

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <sys/mman.h>
 
 #include "im.h"
@@ -58,73 +59,31 @@ class FdGuard {
   int fd_;
 };
 
-// Takes an item-handle record for a freshly stored item, counts it open on
-// the file and writes its first full header under the header lock. The
-// record is given back if the header cannot be written.
-int32_t OpenNewItem(sfl_BaseRec* rec, int32_t baseHandle, const sfl_ItemRef* ref, uint32_t itemNum,
-                    uint32_t headerOff, uint32_t offset, uint32_t size, uint32_t blocks,
-                    sfl_ItemRec** out) {
-  int32_t handle = -1;
-  sfl_ItemRec* item = sfl_GetNewItemEntry(&handle);
-  bool counted = false;
-  try {
-    item->BaseHandle = baseHandle;
-    item->BaseRecord = rec;
-    if (ref != nullptr) sfl_SetRef(*item, *ref);
-    item->ItemNum = itemNum;
-    item->HeaderOff = headerOff;
-    item->OpenRefs = 1;
-    item->Offset = offset;
-    item->Size = size;
-    item->Flags = 0;
-    sfl_IncIntItems(baseHandle);
-    counted = true;
+// Fills a new item-handle record for a freshly stored item, counts it open
+// on the file and writes the item's first full header under its lock.
+void OpenNewItem(sfl_NewItemRecord& item, sfl_BaseRec* rec, int32_t baseHandle,
+                 const sfl_ItemRef* ref, uint32_t itemNum, uint32_t headerOff, uint32_t offset,
+                 uint32_t size, uint32_t blocks) {
+  item->BaseHandle = baseHandle;
+  item->BaseRecord = rec;
+  if (ref != nullptr) sfl_SetRef(*item.get(), *ref);
+  item->ItemNum = itemNum;
+  item->HeaderOff = headerOff;
+  item->OpenRefs = 1;
+  item->Offset = offset;
+  item->Size = size;
+  item->Flags = 0;
+  item.Count(baseHandle);
 
-    sfl_ItemHeader h = sfl_NewItemHeader();
-    h.AccCount = 1;
-    h.FileSize = size;
-    h.UsedBlocks = blocks;
-    h.ChangeDate = mdc_time();
-    h.FileOffset = offset;
-    sfl_Held lock;
-    lock.ItemHeader(item, SFL_LOCK_EXCL);
-    sfl_WriteItemHeader(item, h);
-  } catch (const er_Escape&) {
-    er_StatusKeeper keep;
-    try {
-      if (counted) sfl_DecIntItems(baseHandle);
-      sfl_DeleteOSerItem(item);
-    } catch (const er_Escape&) {
-      er_Accept(5);
-    }
-    throw;
-  }
-  if (out != nullptr) *out = item;
-  return handle;
-}
-
-// Undoes a store that failed half way: returns its run of blocks and its
-// item slot, so that a failed store leaves the file as it found it.
-void GiveBack(sfl_BaseRec* rec, int32_t slot, uint32_t offset, uint32_t blocks) {
-  if (blocks > 0) sfl_FreeFreeBlocks(rec, offset, blocks);
-  if (slot < 1) return;
-  sfl_ItemRec taken;  // stands for the slot; never enters the table
-  taken.BaseRecord = rec;
-  taken.ItemNum = static_cast<uint32_t>(slot);
-  taken.HeaderOff = rec->ITableOff + static_cast<uint32_t>(slot) * SFL_ITEM_HEADER_SIZE;
+  sfl_ItemHeader h = sfl_NewItemHeader();
+  h.AccCount = 1;
+  h.FileSize = size;
+  h.UsedBlocks = blocks;
+  h.ChangeDate = mdc_time();
+  h.FileOffset = offset;
   sfl_Held lock;
-  lock.Header(rec, SFL_LOCK_EXCL);
-  sfl_IntDeleteItem(&taken);
-}
-
-// Runs GiveBack on the error path, keeping the escape that caused it.
-void GiveBackQuietly(sfl_BaseRec* rec, int32_t slot, uint32_t offset, uint32_t blocks) {
-  er_StatusKeeper keep;
-  try {
-    GiveBack(rec, slot, offset, blocks);
-  } catch (const er_Escape&) {
-    er_Accept(5);
-  }
+  lock.ItemHeader(item.get(), SFL_LOCK_EXCL);
+  sfl_WriteItemHeader(item.get(), h);
 }
 
 }  // namespace
@@ -140,43 +99,42 @@ int32_t sfl_StoreItemAtPosition(int32_t baseHandle, const sfl_ItemRef* source, u
   sfl_BaseRec* rec = sfl_Handle2Record(baseHandle);
   sfl_PtrEnsureBaseFileOpen(rec);
 
-  int32_t slot = sfl_GetFreeItemSlot(rec, 0, wantedItem);
-  if (slot < 1) return -1;
+  // What the store takes goes back unless it completes: a failed store
+  // leaves the file as it found it.
+  sfl_SlotClaim slot;
+  if (slot.Take(rec, 0, wantedItem) < 1) return -1;
+  const uint32_t slotNum = static_cast<uint32_t>(slot.Slot());
 
-  uint32_t blocks = 0;
-  uint32_t offset = 0;
-  sfl_ItemRec* item = nullptr;
-  int32_t handle = -1;
-  try {
-    int srcFd = source != nullptr ? im_OpenItem(source) : -1;
-    FdGuard srcGuard(srcFd);
-    if (srcFd >= 0 && size == 0) {
-      struct stat st;
-      if (os_fstat(srcFd, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
-      size = static_cast<uint32_t>(st.st_size);
-    }
-
-    const sfl_ItemRef ref = sfl_ItemRefIn(*rec, static_cast<uint32_t>(slot));
-    if (out != nullptr) *out = ref;
-
-    offset = sfl_GetFreeSpaceNew(rec, size, &blocks);
-
-    Chunk buf;
-    uint32_t done = srcFd >= 0 ? CopyIn(rec, buf, srcFd, offset, size) : 0;
-    if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
-    sfl_ConsiderSync(rec, nullptr, SFL_EV_STORED);
-
-    handle = OpenNewItem(rec, baseHandle, &ref, static_cast<uint32_t>(slot),
-                         rec->ITableOff + static_cast<uint32_t>(slot) * SFL_ITEM_HEADER_SIZE,
-                         offset, size, blocks, &item);
-  } catch (const er_Escape&) {
-    GiveBackQuietly(rec, slot, offset, blocks);
-    throw;
+  int srcFd = source != nullptr ? im_OpenItem(source) : -1;
+  FdGuard srcGuard(srcFd);
+  if (srcFd >= 0 && size == 0) {
+    struct stat st;
+    if (os_fstat(srcFd, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
+    // An item holds at most what 32-bit offsets reach.
+    if (static_cast<uint64_t>(st.st_size) > UINT32_MAX) SFL_RAISE(SFL_R_RANGE);
+    size = static_cast<uint32_t>(st.st_size);
   }
-  // From here on the item exists and is open: nothing is given back.
+
+  const sfl_ItemRef ref = sfl_ItemRefIn(*rec, slotNum);
+  if (out != nullptr) *out = ref;
+
+  sfl_SpaceRun run;
+  const uint32_t offset = run.Take(rec, size);
+
+  Chunk buf;
+  uint32_t done = srcFd >= 0 ? CopyIn(rec, buf, srcFd, offset, size) : 0;
+  if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
+  sfl_ConsiderSync(rec, nullptr, SFL_EV_STORED);
+
+  sfl_NewItemRecord item;
+  OpenNewItem(item, rec, baseHandle, &ref, slotNum,
+              rec->ITableOff + slotNum * SFL_ITEM_HEADER_SIZE, offset, size, run.Blocks());
   rec->NewlyCreated = 0;
-  sfl_ConsiderSync(rec, item, SFL_EV_NEW_ITEM);
-  return handle;
+  sfl_ConsiderSync(rec, item.get(), SFL_EV_NEW_ITEM);
+  // The item exists and is open: nothing is given back any more.
+  run.Commit();
+  slot.Commit();
+  return item.Commit();
 }
 
 int32_t sfl_AddItemToFile(const sfl_ItemRef* file, uint32_t size, uint32_t noZeroFill,
@@ -195,22 +153,13 @@ int32_t sfl_AddItemToFile(const sfl_ItemRef* file, uint32_t size, uint32_t noZer
     openedHere = revived != 0;
   }
 
-  int32_t handle = -1;
-  try {
-    handle = sfl_StoreBasicItem(baseHandle, source, size, out, noZeroFill);
-  } catch (const er_Escape&) {
-    if (openedHere) {
-      er_StatusKeeper keep;
-      try {
-        sfl_CloseFile(baseHandle);
-      } catch (const er_Escape&) {
-        er_Accept(5);
-      }
-    }
-    throw;
+  sfl_ImplicitOpen opened(baseHandle, openedHere);
+  const int32_t handle = sfl_StoreBasicItem(baseHandle, source, size, out, noZeroFill);
+  if (handle != -1) {
+    opened.Commit();
+    return handle;
   }
-  if (handle != -1) return handle;
-  if (openedHere) sfl_CloseFile(baseHandle);
+  opened.Close();
   return im_CopyItem2SflDataItem(out, size, noZeroFill, source, passOn);
 }
 
@@ -233,35 +182,32 @@ int32_t sfl_CopySimpleItem(int32_t baseHandle, uint32_t headerOffset, int32_t so
   ER_TRACE_PROC("sfl_CopySimpleItem");
   sfl_BaseRec* rec = sfl_Handle2Record(baseHandle);
   sfl_PtrEnsureBaseFileOpen(rec);
-  uint32_t blocks = 0;
-  uint32_t offset = sfl_GetFreeSpaceNew(rec, size, &blocks);
+  // The header slot is the caller's; the run is given back on failure.
+  sfl_SpaceRun run;
+  const uint32_t offset = run.Take(rec, size);
 
-  int32_t handle = -1;
-  try {
-    Chunk buf;
-    uint32_t done = 0;
-    if (sourceFd != -1) {
-      if (os_lseek(sourceFd, static_cast<off_t>(sourceOffset), SEEK_SET) < 0)
-        ER_RAISE(ER_GROUP_OS, errno);
-      done = CopyIn(rec, buf, sourceFd, offset, size);
-    }
-    if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
-
-    handle = OpenNewItem(rec, baseHandle, nullptr, 0, headerOffset, offset, size, blocks, nullptr);
-  } catch (const er_Escape&) {
-    // The header slot is the caller's; only the run is given back.
-    GiveBackQuietly(rec, 0, offset, blocks);
-    throw;
+  Chunk buf;
+  uint32_t done = 0;
+  if (sourceFd != -1) {
+    if (os_lseek(sourceFd, static_cast<off_t>(sourceOffset), SEEK_SET) < 0)
+      ER_RAISE(ER_GROUP_OS, errno);
+    done = CopyIn(rec, buf, sourceFd, offset, size);
   }
+  if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
+
+  sfl_NewItemRecord item;
+  OpenNewItem(item, rec, baseHandle, nullptr, 0, headerOffset, offset, size, run.Blocks());
+  run.Commit();
   rec->NewlyCreated = 0;
-  return handle;
+  return item.Commit();
 }
 
+// Range checks add in 64 bits: a position and length whose 32-bit sum wraps
+// would otherwise pass and reach bytes far outside the item (28874).
 int32_t sfl_ReadSimpleData(int32_t itemHandle, uint32_t position, uint32_t length, void* buffer) {
   ER_TRACE_PROC("sfl_ReadSimpleData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  // The range check is on the 32-bit sum.
-  if (static_cast<uint32_t>(position + length) > item->Size) SFL_RAISE(SFL_R_RANGE);
+  if (uint64_t{position} + length > item->Size) SFL_RAISE(SFL_R_RANGE);
   return static_cast<int32_t>(
       sfl_PRead(item->BaseRecord, buffer, length, uint64_t{item->Offset} + position));
 }
@@ -270,7 +216,7 @@ int32_t sfl_WriteSimpleData(int32_t itemHandle, uint32_t position, uint32_t leng
                             const void* buffer) {
   ER_TRACE_PROC("sfl_WriteSimpleData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  if (static_cast<uint32_t>(position + length) > item->Size) SFL_RAISE(SFL_R_RANGE);
+  if (uint64_t{position} + length > item->Size) SFL_RAISE(SFL_R_RANGE);
   ssize_t n = sfl_PWrite(item->BaseRecord, buffer, length, uint64_t{item->Offset} + position);
   sfl_ConsiderSync(item->BaseRecord, item, SFL_EV_SIMPLE_WRITE);
   return static_cast<int32_t>(n);
@@ -310,7 +256,8 @@ int64_t sfl_seek(int32_t itemHandle, int64_t offset, int32_t whence) {
       break;
     case SEEK_CUR:
       // A relative seek back to exactly 0 is refused (whence 0 allows it).
-      if (offset < 0 && -offset >= pos) SFL_RAISE(SFL_R_RANGE);
+      // Compared without negating: the most negative offset has no negation.
+      if (offset < 0 && offset <= -pos) SFL_RAISE(SFL_R_RANGE);
       if (pos + offset > size) SFL_RAISE(SFL_R_RANGE);
       item->CurrPos = static_cast<uint32_t>(pos + offset);
       break;
@@ -335,6 +282,7 @@ void sfl_GetSimpleDetails(int32_t itemHandle, sfl_SimpleDetails* details) {
 
 uint32_t sfl_FindOffsetChkSize(sfl_ItemRec* item, uint32_t position, uint32_t length) {
   if (uint64_t{position} + length > item->Size) SFL_RAISE(SFL_R_RANGE);
+  if (uint64_t{item->Offset} + position + length > UINT32_MAX) SFL_RAISE(SFL_R_RANGE);
   return item->Offset + position;
 }
 
@@ -344,6 +292,8 @@ uint32_t sfl_BlckFindOffsetChkSize(sfl_ItemRec* item, uint32_t block, uint32_t p
   sfl_FindBlock(item, block, &index);
   const sfl_IndexEntry& entry = index.Entries[block & (SFL_INDEX_ENTRIES - 1)];
   if (uint64_t{position} + length > entry.SectionSize) SFL_RAISE(SFL_R_RANGE);
+  // The section comes from the disk: its end must lie within 32-bit offsets.
+  if (uint64_t{entry.SectionOffSet} + position + length > UINT32_MAX) SFL_RAISE(SFL_R_RANGE);
   return entry.SectionOffSet + position;
 }
 
@@ -401,6 +351,10 @@ sfl_ItemMap* sfl_mapItem(int32_t handleOrFd, sfl_ItemMap* map) {
   struct stat st;
   if (os_fstat(fd, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
   size_t length = static_cast<size_t>(st.st_size);
+  // The mapping's length is reported in 32 bits, and an item's bytes must
+  // all lie inside it: a caller reading Data[0..Size) stays in the mapping.
+  if (static_cast<uint64_t>(st.st_size) > UINT32_MAX) SFL_RAISE(SFL_R_RANGE);
+  if (item != nullptr && uint64_t{item->Offset} + item->Size > length) SFL_RAISE(SFL_R_RANGE);
   void* base = os_mmap(nullptr, length, PROT_READ, MAP_PRIVATE, fd, 0);
   if (base == MAP_FAILED) ER_RAISE(ER_GROUP_OS, errno);
   map->MappedLength = static_cast<uint32_t>(length);

@@ -5,8 +5,10 @@
 // protocol between processes. A lock routine returns 1 when it holds the
 // lock; its unlock returns the negation of the release's result, so a caller
 // keeps one "held" variable and releases only what is still marked held.
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <vector>
 
 #include "cust.h"
 #include "os.h"
@@ -22,6 +24,66 @@ int lockRange(int fd, int mode, uint64_t offset, uint64_t length) {
   return os_TryLockPart(fd, mode, SEEK_SET, static_cast<uint32_t>(offset),
                         static_cast<uint32_t>(offset >> 32), static_cast<uint32_t>(length),
                         static_cast<uint32_t>(length >> 32));
+}
+
+// ---- holds of the record locks ------------------------------------------------
+// Record locks belong to the open file description, and such locks do not
+// nest: taking a range a second time converts the lock already held (an
+// inner shared lock downgrades an outer exclusive one) and one release drops
+// it whatever was taken before. The library does take a record's range
+// inside an outer holder of the same range (a slot lock around the item
+// header lock of the same slot), so this layer keeps, per descriptor and
+// range, the modes of every hold in the order they were taken: only the
+// first hold and a stronger inner one reach the system, and a release puts
+// the range back to what the remaining holds need.
+struct RangeHolds {
+  int fd;
+  uint64_t offset;
+  uint64_t length;
+  std::vector<int32_t> modes;  // innermost last
+};
+std::vector<RangeHolds> g_holds;
+
+int32_t strongest(const std::vector<int32_t>& modes) {
+  int32_t m = 0;
+  for (int32_t x : modes) m = std::max(m, x);
+  return m;
+}
+
+RangeHolds* findHolds(int fd, uint64_t offset, uint64_t length) {
+  for (RangeHolds& h : g_holds)
+    if (h.fd == fd && h.offset == offset && h.length == length) return &h;
+  return nullptr;
+}
+
+int32_t releaseRange(int fd, uint64_t offset, uint64_t length);
+
+int32_t holdRange(int fd, int32_t mode, uint64_t offset, uint64_t length) {
+  if (mode == SFL_LOCK_RELEASE) return releaseRange(fd, offset, length);
+  RangeHolds* h = findHolds(fd, offset, length);
+  const int32_t current = h != nullptr ? strongest(h->modes) : 0;
+  if (mode > current && lockRange(fd, mode, offset, length) == 0) return 0;
+  if (h == nullptr) {
+    g_holds.push_back(RangeHolds{fd, offset, length, {}});
+    h = &g_holds.back();
+  }
+  h->modes.push_back(mode);
+  return 1;
+}
+
+// Returns 1 when this hold was released (the range itself may stay locked
+// for the holds around it).
+int32_t releaseRange(int fd, uint64_t offset, uint64_t length) {
+  RangeHolds* h = findHolds(fd, offset, length);
+  if (h == nullptr) return lockRange(fd, SFL_LOCK_RELEASE, offset, length);
+  const int32_t before = strongest(h->modes);
+  h->modes.pop_back();
+  const int32_t after = strongest(h->modes);
+  // The hold is gone from the books before the system is asked: a release
+  // that fails leaves nothing here claiming a lock.
+  if (h->modes.empty()) g_holds.erase(g_holds.begin() + (h - g_holds.data()));
+  if (after == before) return 1;
+  return lockRange(fd, after == 0 ? SFL_LOCK_RELEASE : after, offset, length);
 }
 
 int baseFd(const sfl_ItemRec* item) {
@@ -78,13 +140,17 @@ EventRule ruleFor(int32_t event) {
   }
 }
 
-// Both flags are cleared before the flush: whatever is changed after this
-// point is unsynced again.
+// The marks are cleared only once the flush has succeeded. A flush that
+// fails raises and leaves the file marked unsynced (structure, when nothing
+// was marked yet), so that the next chance flushes it again.
 void flush(sfl_BaseRec* rec) {
+  if (os_fdatasync(rec->FileDes) != 0) {
+    const int err = errno;
+    if (rec->StructUnsynced == 0 && rec->DataUnsynced == 0) rec->StructUnsynced = 1;
+    ER_RAISE(ER_GROUP_OS, err);
+  }
   rec->StructUnsynced = 0;
   rec->DataUnsynced = 0;
-  if (os_fdatasync(rec->FileDes) != 0)
-    ER_LOG(5, ER_GROUP_OS, errno, "fdatasync of descriptor %d failed", rec->FileDes);
 }
 
 bool itemSwitchesOff(const sfl_ItemRec* item) {
@@ -96,38 +162,42 @@ bool itemSwitchesOff(const sfl_ItemRec* item) {
 // ---- record locks -------------------------------------------------------------
 
 int32_t sfl_LockHeader(sfl_BaseRec* rec, int32_t mode) {
-  return lockRange(rec->FileDes, mode, 0, kHeaderLockLen);
+  return holdRange(rec->FileDes, mode, 0, kHeaderLockLen);
 }
 
 int32_t sfl_UnlockHeader(sfl_BaseRec* rec) {
-  return !lockRange(rec->FileDes, SFL_LOCK_RELEASE, 0, kHeaderLockLen);
+  return !releaseRange(rec->FileDes, 0, kHeaderLockLen);
 }
 
 int32_t sfl_LockItemHeader(sfl_ItemRec* item, int32_t mode) {
   if (item->Flags & OTHER_LOCKS) return 0;
-  return lockRange(baseFd(item), mode, item->HeaderOff, kItemHeaderLockLen);
+  return holdRange(baseFd(item), mode, item->HeaderOff, kItemHeaderLockLen);
 }
 
 int32_t sfl_UnLockItemHeader(sfl_ItemRec* item) {
   if (item->Flags & OTHER_LOCKS) return 0;
-  return !lockRange(baseFd(item), SFL_LOCK_RELEASE, item->HeaderOff, kItemHeaderLockLen);
+  return !releaseRange(baseFd(item), item->HeaderOff, kItemHeaderLockLen);
 }
 
 int32_t sfl_LockAnIntHeader(sfl_BaseRec* rec, uint32_t offset, int32_t mode) {
-  return lockRange(rec->FileDes, mode, offset, kItemHeaderLockLen);
+  return holdRange(rec->FileDes, mode, offset, kItemHeaderLockLen);
 }
 
 int32_t sfl_UnLockAnIntHeader(sfl_BaseRec* rec, uint32_t offset) {
-  return !lockRange(rec->FileDes, SFL_LOCK_RELEASE, offset, kItemHeaderLockLen);
+  return !releaseRange(rec->FileDes, offset, kItemHeaderLockLen);
 }
 
 int32_t sfl_LockAnIndex(sfl_ItemRec* item, uint32_t offset, int32_t mode) {
-  return lockRange(baseFd(item), mode, offset, kIndexLockLen);
+  return holdRange(baseFd(item), mode, offset, kIndexLockLen);
 }
 
 int32_t sfl_UnLockAnIndex(sfl_ItemRec* item, uint32_t offset) {
-  return !lockRange(baseFd(item), SFL_LOCK_RELEASE, offset, kIndexLockLen);
+  return !releaseRange(baseFd(item), offset, kIndexLockLen);
 }
+
+int sfl_RecordLocksHeld() { return static_cast<int>(g_holds.size()); }
+
+void sfl_ForgetRecordLocks() { g_holds.clear(); }
 
 // ---- caller locks on item data ----------------------------------------------------
 

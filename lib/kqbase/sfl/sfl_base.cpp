@@ -9,6 +9,7 @@
 //   3. creating a file
 //   4. opening a file
 //   5. closing a file
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -48,35 +49,6 @@ sfl_ItemRec* MapItem(sfl_BaseRec* rec) {
 }
 
 bool MapInMemory(sfl_BaseRec* rec) { return (MapItem(rec)->Flags & MEM_FREEMAP) != 0; }
-
-// Frees an item-handle record taken for one step of a close if that step
-// fails half-way (lowering the file's open-item count unless the step did);
-// keeps the caller's error status.
-class ItemRecGuard {
- public:
-  ItemRecGuard(int32_t baseHandle, sfl_ItemRec* item) : baseHandle_(baseHandle), item_(item) {}
-  ~ItemRecGuard() {
-    if (item_ == nullptr) return;
-    er_StatusKeeper keep;
-    try {
-      if (!counted_) sfl_DecIntItems(baseHandle_);
-      sfl_DeleteOSerItem(item_);
-    } catch (const er_Escape&) {
-      er_Accept(5);
-    }
-  }
-  ItemRecGuard(const ItemRecGuard&) = delete;
-  ItemRecGuard& operator=(const ItemRecGuard&) = delete;
-  // The open-item count has been lowered for this record.
-  void Counted() { counted_ = true; }
-  // The record was freed by the step itself.
-  void Done() { item_ = nullptr; }
-
- private:
-  int32_t baseHandle_;
-  sfl_ItemRec* item_;
-  bool counted_ = false;
-};
 
 }  // namespace
 
@@ -141,12 +113,28 @@ static uint32_t sfl_ExtendFreeMap(sfl_BaseRec* rec, std::vector<uint8_t>* diskMa
   return newLength;
 }
 
+// A run must end within 32-bit file offsets: block numbers at or beyond this
+// would wrap when turned into an offset.
+static void CheckRunFits(int64_t first, uint32_t count) {
+  if (first < 0 || static_cast<uint64_t>(first) + count > kBitModulo)
+    SFL_RAISE(SFL_R_SHORT_MAP_WRITE);
+}
+
 uint32_t sfl_GetFreeSpaceNew(sfl_BaseRec* rec, uint32_t size, uint32_t* blockCount) {
   ER_TRACE_PROC("sfl_GetFreeSpaceNew");
+  // The count is reported only once the run is taken: a caller that gives
+  // back what it got after an escape must not give back blocks it never had
+  // (a count with offset 0 would free the file header, table and map).
+  if (blockCount != nullptr) *blockCount = 0;
   const uint32_t count = sfl_CalculateBlocks(size);
-  if (blockCount != nullptr) *blockCount = count;
   if (count == 0) return 0;
-  if (IsSingle(rec)) return rec->DataOff;
+  // More than a file of 32-bit offsets can hold is refused before the map
+  // is grown for it.
+  if (!IsSingle(rec) && count > kBitModulo - kInitialUsedBlocks) SFL_RAISE(SFL_R_SHORT_MAP_WRITE);
+  if (IsSingle(rec)) {
+    if (blockCount != nullptr) *blockCount = count;
+    return rec->DataOff;
+  }
 
   sfl_Held lock;
   lock.ItemHeader(MapItem(rec), SFL_LOCK_EXCL);
@@ -157,9 +145,11 @@ uint32_t sfl_GetFreeSpaceNew(sfl_BaseRec* rec, uint32_t size, uint32_t* blockCou
     int64_t first;
     while ((first = ext_FindBits(MemFreeMap, length, count, 0)) < 0)
       length = sfl_ExtendFreeMap(rec, nullptr, length, size, nullptr);
+    CheckRunFits(first, count);
     ext_SetBits(MemFreeMap, length, static_cast<uint32_t>(first), count, 1);
     MemFreeMapSize = length;
     lock.Unlock();
+    if (blockCount != nullptr) *blockCount = count;
     return static_cast<uint32_t>(first) * SFL_BLOCK_SIZE;
   }
 
@@ -170,12 +160,47 @@ uint32_t sfl_GetFreeSpaceNew(sfl_BaseRec* rec, uint32_t size, uint32_t* blockCou
   int64_t first;
   while ((first = ext_FindBits(map.data(), length, count, 0)) < 0)
     length = sfl_ExtendFreeMap(rec, &map, length, size, &fm);
+  CheckRunFits(first, count);
   ext_SetBits(map.data(), length, static_cast<uint32_t>(first), count, 1);
   // Only the bytes that hold the run change; the rest of the map is as read.
   sfl_WritePartialFreeMap(rec, map, first, count, fm);
   lock.Unlock();
+  const uint32_t offset = static_cast<uint32_t>(first) * SFL_BLOCK_SIZE;
+  sfl_SpaceRun run;  // a flush that fails gives the run back
+  run.Adopt(rec, offset, count);
   sfl_ConsiderSync(rec, nullptr, SFL_EV_GET_SPACE);
-  return static_cast<uint32_t>(first) * SFL_BLOCK_SIZE;
+  run.Commit();
+  if (blockCount != nullptr) *blockCount = count;
+  return offset;
+}
+
+void sfl_GiveBackBlocks(sfl_BaseRec* rec, uint32_t offset, uint32_t blocks) {
+  if (blocks == 0 || IsSingle(rec)) return;
+  if (MapInMemory(rec)) {
+    if (MemFreeMap != nullptr)
+      ext_SetBits(MemFreeMap, MemFreeMapSize, offset / SFL_BLOCK_SIZE, blocks, 0);
+    return;
+  }
+  sfl_FreeFreeBlocks(rec, offset, blocks);
+}
+
+// The slot's bit and count are cleared only if the bit is set: a take that
+// failed before its file header reached the disk counted nothing.
+void sfl_GiveBackItemSlot(sfl_BaseRec* rec, int32_t slot) {
+  if (slot < 1 || slot > 7) return;
+  sfl_Held lock;
+  lock.Header(rec, SFL_LOCK_EXCL);
+  sfl_FileHeader fh;
+  sfl_ReadFileHeader(rec, &fh);
+  const uint32_t slotOff = fh.TableOffset + static_cast<uint32_t>(slot) * SFL_ITEM_HEADER_SIZE;
+  const sfl_ItemHeaderBytes zeros{};
+  if (sfl_PWrite(rec, zeros.data(), zeros.size(), slotOff) != static_cast<ssize_t>(zeros.size()))
+    SFL_RAISE(SFL_R_SHORT_WRITE);
+  if ((fh.InUseItms & (1u << slot)) != 0) {
+    fh.InUseItms = static_cast<uint8_t>(fh.InUseItms & ~(1u << slot));
+    if (fh.UsedItems > 0) --fh.UsedItems;
+    sfl_WriteFileHeader(rec, fh);
+  }
 }
 
 // Releases blocks in the on-disk map (an in-memory map is never released
@@ -253,7 +278,11 @@ int32_t sfl_GetFreeItemSlot(sfl_BaseRec* rec, uint32_t blocked, int32_t wanted) 
     result = wanted;
   }
 
+  // Gives the slot back unless it is handed out (declared inside the header
+  // lock's scope, so the give-back runs under that lock).
+  sfl_SlotClaim claim;
   if (result > 0) {
+    claim.Adopt(rec, result);
     h.InUseItms = static_cast<uint8_t>(h.InUseItms | (1u << result));
     // Magic and type stay zero: the item code fills them in with the first
     // full write of the header.
@@ -275,6 +304,7 @@ int32_t sfl_GetFreeItemSlot(sfl_BaseRec* rec, uint32_t blocked, int32_t wanted) 
   }
   header.Unlock();
   sfl_ConsiderSync(rec, nullptr, SFL_EV_ITEM_SLOT);
+  claim.Commit();
   return result;
 }
 
@@ -286,6 +316,69 @@ void sfl_GetExtItemHeader(sfl_ItemRec* item, sfl_ItemHeader* out) {
 
 // ==== 3. creating a file =================================================================
 
+namespace {
+
+// A file just created by the item-reference library: nobody else knows its
+// name yet, so unless the create completes it goes with its descriptor.
+class NewDataFile {
+ public:
+  NewDataFile(const sfl_ItemRef& ref, int fd) : ref_(ref), fd_(fd) {}
+  ~NewDataFile() {
+    if (fd_ < 0) return;
+    mdc_close(fd_);
+    sfl_GiveBackQuietly([this] { im_UnlinkItem(&ref_); });
+  }
+  NewDataFile(const NewDataFile&) = delete;
+  NewDataFile& operator=(const NewDataFile&) = delete;
+  void Commit() { fd_ = -1; }
+
+ private:
+  sfl_ItemRef ref_;
+  int fd_;
+};
+
+// A record of the open-files table taken for a file being created or
+// opened, with what the open gathers on the way: the descriptor (when this
+// module opened it), the free-map item and the interest. All of it is given
+// back unless the open commits.
+class NewFileRecord {
+ public:
+  NewFileRecord() { rec_ = sfl_GetNewOFilesEntry(&handle_); }
+  ~NewFileRecord() {
+    if (rec_ == nullptr) return;
+    if (interest_) sfl_GiveBackQuietly([this] { sfl_ReleaseBaseInterest(rec_); });
+    if (rec_->FreeMapItem != nullptr) sfl_GiveBackQuietly([this] { sfl_DeleteOSerItem(rec_->FreeMapItem); });
+    if (ownsDescriptor_ && rec_->FileDes >= 0) mdc_close(rec_->FileDes);
+    rec_->FileDes = -1;
+    sfl_GiveBackQuietly([this] { sfl_DeleteOSerFile(rec_); });
+  }
+  NewFileRecord(const NewFileRecord&) = delete;
+  NewFileRecord& operator=(const NewFileRecord&) = delete;
+
+  sfl_BaseRec* operator->() const { return rec_; }
+  sfl_BaseRec* get() const { return rec_; }
+  int32_t Handle() const { return handle_; }
+  // The descriptor in the record is this module's to close on failure.
+  void OwnDescriptor() { ownsDescriptor_ = true; }
+  // Records this process's interest in the file with the service.
+  void RecordInterest() {
+    sfl_RecordBaseInterest(rec_);
+    interest_ = true;
+  }
+  int32_t Commit() {
+    rec_ = nullptr;
+    return handle_;
+  }
+
+ private:
+  sfl_BaseRec* rec_ = nullptr;
+  int32_t handle_ = -1;
+  bool ownsDescriptor_ = false;
+  bool interest_ = false;
+};
+
+}  // namespace
+
 int32_t sfl_CreateSfl(uint32_t reserved, int32_t type, int32_t flags) {
   ER_TRACE_PROC("sfl_CreateSfl");
   sfl_ItemRef ref{};
@@ -296,98 +389,77 @@ int32_t sfl_CreateSfl(uint32_t reserved, int32_t type, int32_t flags) {
     fd = im_CrNewTempItem(&ref);
   else
     ER_RAISE(ER_GROUP_CALL, 22);
-  try {
-    return sfl_CreateBaseSfl(&ref, fd, flags);
-  } catch (const er_Escape&) {
-    // Nobody else knows the new file's name yet: it goes with its descriptor.
-    er_StatusKeeper keep;
-    mdc_close(fd);
-    try {
-      im_UnlinkItem(&ref);
-    } catch (const er_Escape&) {
-      er_Accept(5);
-    }
-    throw;
-  }
+  NewDataFile file(ref, fd);
+  const int32_t handle = sfl_CreateBaseSfl(&ref, fd, flags);
+  file.Commit();
+  return handle;
 }
 
 int32_t sfl_CreateBaseSfl(const sfl_ItemRef* ref, int32_t fd, int32_t flags) {
   ER_TRACE_PROC("sfl_CreateBaseSfl");
-  int32_t handle = -1;
-  sfl_BaseRec* rec = sfl_GetNewOFilesEntry(&handle);
-  try {
-    rec->FileDes = fd;
-    sfl_SetRef(*rec, *ref);
-    uint32_t fileFlags = static_cast<uint32_t>(flags);
-    if (fileFlags & USER_ASYNC) {
-      // On creation 0x04 asks for unsynchronised writes in this process only.
-      fileFlags &= ~static_cast<uint32_t>(USER_ASYNC);
-      rec->UserAsync = 1;
-    }
-    rec->FileFlags = fileFlags;
-    rec->NewlyCreated = 1;
-    const bool single = (fileFlags & SINGLE_FILE) != 0;
-
-    sfl_Held header;
-    header.Header(rec, SFL_LOCK_EXCL);
-
-    sfl_FileHeader h;
-    h.Magic = SFL_MAGIC;
-    h.Type = SFL_TYPE_FILE_HEADER;
-    h.HeaderSize = SFL_FILE_HEADER_SIZE;
-    h.HeaderVersion = SFL_HEADER_VERSION;
-    h.UsedItems = 0;
-    h.MaxItems = static_cast<uint16_t>(single ? SFL_SINGLE_MAX_ITEMS : SFL_CONTAINER_MAX_ITEMS);
-    h.Flags = fileFlags;
-    h.TableOffset = SFL_TABLE_OFFSET;
-    h.DataOffset = single ? SFL_SINGLE_DATA_OFFSET : SFL_CONTAINER_DATA_OFFSET;
-    h.InUseItms = 0x01;
-
-    std::vector<uint8_t> table(h.MaxItems * SFL_ITEM_HEADER_SIZE, 0);
-    if (!single) {
-      sfl_ItemHeader fm = sfl_NewItemHeader();
-      fm.AccCount = 1;
-      fm.FileSize = SFL_INITIAL_MAP_SIZE;
-      fm.UsedBlocks = sfl_CalculateBlocks(SFL_INITIAL_MAP_SIZE);
-      fm.ChangeDate = mdc_time();
-      fm.FileOffset = SFL_CONTAINER_DATA_OFFSET;
-      sfl_EncodeItemHeader(fm, std::span<uint8_t, SFL_ITEM_HEADER_SIZE>(table.data(),
-                                                                         SFL_ITEM_HEADER_SIZE));
-    }
-    sfl_WriteFileHeader(rec, h);
-    if (sfl_PWrite(rec, table.data(), table.size(), SFL_TABLE_OFFSET) !=
-        static_cast<ssize_t>(table.size()))
-      SFL_RAISE(SFL_R_SHORT_WRITE);
-
-    rec->ITableOff = SFL_TABLE_OFFSET;
-    rec->DataOff = h.DataOffset;
-    rec->ExternalOpens = 1;
-    rec->CreatedHere = 1;
-    rec->MaxItems = h.MaxItems;
-
-    if (!single) {
-      // Blocks 0 to 6 (header, table, map) are in use. A failed map write
-      // is not looked at here: the free-map item's first use reads it back.
-      std::vector<uint8_t> map(SFL_INITIAL_MAP_SIZE, 0);
-      ext_SetBits(map.data(), SFL_INITIAL_MAP_SIZE, 0, kInitialUsedBlocks, 1);
-      (void)sfl_PWrite(rec, map.data(), map.size(), SFL_CONTAINER_DATA_OFFSET);
-      rec->FreeMapHandle = sfl_IntOpenItem(rec, handle, 0, &rec->FreeMapItem);
-    }
-    sfl_RecordBaseInterest(rec);
-    header.Unlock();
-    return handle;
-  } catch (const er_Escape&) {
-    // The header lock went with its guard; the descriptor is the caller's.
-    er_StatusKeeper keep;
-    try {
-      if (rec->FreeMapItem != nullptr) sfl_DeleteOSerItem(rec->FreeMapItem);
-      rec->FileDes = -1;
-      sfl_DeleteOSerFile(rec);
-    } catch (const er_Escape&) {
-      er_Accept(5);
-    }
-    throw;
+  // The descriptor is the caller's until the create completes.
+  NewFileRecord rec;
+  const int32_t handle = rec.Handle();
+  rec->FileDes = fd;
+  sfl_SetRef(*rec.get(), *ref);
+  uint32_t fileFlags = static_cast<uint32_t>(flags);
+  if (fileFlags & USER_ASYNC) {
+    // On creation 0x04 asks for unsynchronised writes in this process only.
+    fileFlags &= ~static_cast<uint32_t>(USER_ASYNC);
+    rec->UserAsync = 1;
   }
+  rec->FileFlags = fileFlags;
+  rec->NewlyCreated = 1;
+  const bool single = (fileFlags & SINGLE_FILE) != 0;
+
+  sfl_Held header;
+  header.Header(rec.get(), SFL_LOCK_EXCL);
+
+  sfl_FileHeader h;
+  h.Magic = SFL_MAGIC;
+  h.Type = SFL_TYPE_FILE_HEADER;
+  h.HeaderSize = SFL_FILE_HEADER_SIZE;
+  h.HeaderVersion = SFL_HEADER_VERSION;
+  h.UsedItems = 0;
+  h.MaxItems = static_cast<uint16_t>(single ? SFL_SINGLE_MAX_ITEMS : SFL_CONTAINER_MAX_ITEMS);
+  h.Flags = fileFlags;
+  h.TableOffset = SFL_TABLE_OFFSET;
+  h.DataOffset = single ? SFL_SINGLE_DATA_OFFSET : SFL_CONTAINER_DATA_OFFSET;
+  h.InUseItms = 0x01;
+
+  std::vector<uint8_t> table(h.MaxItems * SFL_ITEM_HEADER_SIZE, 0);
+  if (!single) {
+    sfl_ItemHeader fm = sfl_NewItemHeader();
+    fm.AccCount = 1;
+    fm.FileSize = SFL_INITIAL_MAP_SIZE;
+    fm.UsedBlocks = sfl_CalculateBlocks(SFL_INITIAL_MAP_SIZE);
+    fm.ChangeDate = mdc_time();
+    fm.FileOffset = SFL_CONTAINER_DATA_OFFSET;
+    sfl_EncodeItemHeader(fm, std::span<uint8_t, SFL_ITEM_HEADER_SIZE>(table.data(),
+                                                                       SFL_ITEM_HEADER_SIZE));
+  }
+  sfl_WriteFileHeader(rec.get(), h);
+  if (sfl_PWrite(rec.get(), table.data(), table.size(), SFL_TABLE_OFFSET) !=
+      static_cast<ssize_t>(table.size()))
+    SFL_RAISE(SFL_R_SHORT_WRITE);
+
+  rec->ITableOff = SFL_TABLE_OFFSET;
+  rec->DataOff = h.DataOffset;
+  rec->ExternalOpens = 1;
+  rec->CreatedHere = 1;
+  rec->MaxItems = h.MaxItems;
+
+  if (!single) {
+    // Blocks 0 to 6 (header, table, map) are in use. A failed map write
+    // is not looked at here: the free-map item's first use reads it back.
+    std::vector<uint8_t> map(SFL_INITIAL_MAP_SIZE, 0);
+    ext_SetBits(map.data(), SFL_INITIAL_MAP_SIZE, 0, kInitialUsedBlocks, 1);
+    (void)sfl_PWrite(rec.get(), map.data(), map.size(), SFL_CONTAINER_DATA_OFFSET);
+    rec->FreeMapHandle = sfl_IntOpenItem(rec.get(), handle, 0, &rec->FreeMapItem);
+  }
+  rec.RecordInterest();
+  header.Unlock();
+  return rec.Commit();
 }
 
 // ==== 4. opening a file ==================================================================
@@ -402,6 +474,14 @@ void ReadAndCheckHeader(sfl_BaseRec* rec, sfl_FileHeader* h) {
   if (h->Magic != SFL_MAGIC || h->Type != SFL_TYPE_FILE_HEADER ||
       h->HeaderVersion != SFL_HEADER_VERSION)
     SFL_RAISE(SFL_R_BAD_FILE);
+  // The table's place and size come from the disk and drive slot offsets
+  // and one-bit masks of the in-use byte: a header whose table does not lie
+  // whole between the file header and the data, or that claims more than
+  // eight slots, is not a file of ours.
+  if (h->MaxItems < 1 || h->MaxItems > SFL_CONTAINER_MAX_ITEMS ||
+      h->TableOffset < SFL_FILE_HEADER_SIZE ||
+      uint64_t{h->TableOffset} + uint64_t{h->MaxItems} * SFL_ITEM_HEADER_SIZE > h->DataOffset)
+    SFL_RAISE(SFL_R_BAD_FILE);
 }
 
 }  // namespace
@@ -415,60 +495,43 @@ int32_t sfl_OpenSfl(const sfl_ItemRef* ref, uint32_t implicitOpen) {
   if (sfl_CheckFileAccessed(ref, &existing, &existingHandle, 0, nullptr))
     SFL_RAISE(SFL_R_FILE_OPEN);
 
-  int32_t handle = -1;
-  sfl_BaseRec* rec = sfl_GetNewOFilesEntry(&handle);
-  try {
-    sfl_SetRef(*rec, *ref);
-    rec->FileDes = im_OpenItem(ref);
+  NewFileRecord rec;
+  const int32_t handle = rec.Handle();
+  sfl_SetRef(*rec.get(), *ref);
+  rec.OwnDescriptor();
+  rec->FileDes = im_OpenItem(ref);
 
-    sfl_Held header;
-    header.Header(rec, SFL_LOCK_SHARED);
-    sfl_FileHeader h;
-    ReadAndCheckHeader(rec, &h);
-    if (h.Flags & HAS_BEEN_COMPACTED) {
-      // A rebuild replaced the file under this name after we opened it:
-      // open the name again and read the new file's header instead.
-      header.Unlock();
-      int old = rec->FileDes;
-      rec->FileDes = -1;
-      mdc_close(old);
-      rec->FileDes = im_OpenItem(ref);
-      header.Header(rec, SFL_LOCK_SHARED);
-      ReadAndCheckHeader(rec, &h);
-    }
-
-    rec->ITableOff = h.TableOffset;
-    rec->DataOff = h.DataOffset;
-    rec->OpenMode = implicitOpen;
-    rec->ExternalOpens = 1;
-    rec->MaxItems = h.MaxItems;
-
-    if (!(h.Flags & SINGLE_FILE)) {
-      sfl_Held slot;
-      slot.IntHeader(rec, h.TableOffset, SFL_LOCK_SHARED);
-      rec->FreeMapHandle = sfl_IntOpenItem(rec, handle, 0, &rec->FreeMapItem);
-      slot.Unlock();
-    }
-    sfl_RecordBaseInterest(rec);
+  sfl_Held header;
+  header.Header(rec.get(), SFL_LOCK_SHARED);
+  sfl_FileHeader h;
+  ReadAndCheckHeader(rec.get(), &h);
+  if (h.Flags & HAS_BEEN_COMPACTED) {
+    // A rebuild replaced the file under this name after we opened it:
+    // open the name again and read the new file's header instead.
     header.Unlock();
-    return handle;
-  } catch (const er_Escape&) {
-    // Locks went with their guards; the first error is the one reported.
-    er_StatusKeeper keep;
-    if (rec->FileDes >= 0) mdc_close(rec->FileDes);
+    int old = rec->FileDes;
     rec->FileDes = -1;
-    try {
-      if (rec->FreeMapItem != nullptr) sfl_DeleteOSerItem(rec->FreeMapItem);
-    } catch (const er_Escape&) {
-      er_Accept(5);
-    }
-    try {
-      sfl_DeleteOSerFile(rec);
-    } catch (const er_Escape&) {
-      er_Accept(5);
-    }
-    throw;
+    mdc_close(old);
+    rec->FileDes = im_OpenItem(ref);
+    header.Header(rec.get(), SFL_LOCK_SHARED);
+    ReadAndCheckHeader(rec.get(), &h);
   }
+
+  rec->ITableOff = h.TableOffset;
+  rec->DataOff = h.DataOffset;
+  rec->OpenMode = implicitOpen;
+  rec->ExternalOpens = 1;
+  rec->MaxItems = h.MaxItems;
+
+  if (!(h.Flags & SINGLE_FILE)) {
+    sfl_Held slot;
+    slot.IntHeader(rec.get(), h.TableOffset, SFL_LOCK_SHARED);
+    rec->FreeMapHandle = sfl_IntOpenItem(rec.get(), handle, 0, &rec->FreeMapItem);
+    slot.Unlock();
+  }
+  rec.RecordInterest();
+  header.Unlock();
+  return rec.Commit();
 }
 
 // ==== 5. closing a file ==================================================================
@@ -478,8 +541,11 @@ namespace {
 // Releases every item marked DELETED, slot by slot under the slot's own
 // lock (the caller holds the exclusive header lock). `h` is the caller's
 // copy of the file header; its count and in-use map follow the releases.
+// Each release is complete before the next begins, so a close that fails
+// half way leaves the remaining ones for the next close to release.
 void ReleasePendingDeletions(sfl_BaseRec* rec, int32_t handle, sfl_FileHeader* h) {
-  for (uint32_t slotNum = 1; slotNum < h->MaxItems; ++slotNum) {
+  const uint32_t slots = std::min<uint32_t>(h->MaxItems, SFL_CONTAINER_MAX_ITEMS);
+  for (uint32_t slotNum = 1; slotNum < slots; ++slotNum) {
     const uint32_t off = h->TableOffset + slotNum * SFL_ITEM_HEADER_SIZE;
     sfl_Held slot;
     slot.IntHeader(rec, off, SFL_LOCK_EXCL);
@@ -492,16 +558,12 @@ void ReleasePendingDeletions(sfl_BaseRec* rec, int32_t handle, sfl_FileHeader* h
 
     sfl_ItemRec* item = nullptr;
     sfl_IntOpenItem(rec, handle, slotNum, &item);
-    ItemRecGuard guard(handle, item);
+    sfl_OpenItemRecord opened(handle, item);
     sfl_IntDeleteItem(item);
-    sfl_DecIntItems(handle);
-    guard.Counted();
     if (ih.Flags & BLOCKED_ITEM)
       sfl_DeleteIndexTree(item, ih);
     else
       sfl_FreeFreeBlocks(rec, ih.FileOffset, ih.UsedBlocks);
-    sfl_DeleteOSerItem(item);
-    guard.Done();
     if (h->UsedItems > 0) --h->UsedItems;
     h->InUseItms = static_cast<uint8_t>(h->InUseItms & ~(1u << slotNum));
     slot.Unlock();
@@ -514,21 +576,26 @@ void sfl_CloseFile(int32_t baseHandle) {
   ER_TRACE_PROC("sfl_CloseFile");
   sfl_BaseRec* rec = sfl_Handle2Record(baseHandle);
   sfl_PtrEnsureBaseFileOpen(rec);
-  if (rec->ExternalOpens > 0) --rec->ExternalOpens;
-  if (rec->ExternalOpens >= 1) {
+  // The record's counts change only once the close can no longer escape half
+  // way: a close that escapes leaves the file open as it was (descriptor,
+  // records, interest), to be closed again.
+  const int32_t opensLeft = rec->ExternalOpens > 0 ? rec->ExternalOpens - 1 : 0;
+  if (opensLeft >= 1) {
     sfl_ConsiderSync(rec, nullptr, SFL_EV_CLOSE);
+    rec->ExternalOpens = opensLeft;
     return;
   }
   // Item handles still open keep the file; the free-map item of a container
   // is itself one open item, hence the bound of 1 there.
   const bool single = IsSingle(rec);
   if (rec->IntItemsOpen > 1 || (single && rec->IntItemsOpen > 0)) {
-    rec->OpenMode = 1;
     sfl_ConsiderSync(rec, nullptr, SFL_EV_CLOSE);
+    rec->ExternalOpens = opensLeft;
+    rec->OpenMode = 1;
     return;
   }
 
-  bool unlinked = false;
+  bool unlink = false;
   sfl_FileHeader h;
   {
     sfl_Held header;
@@ -539,27 +606,37 @@ void sfl_CloseFile(int32_t baseHandle) {
       const bool pending = (h.Flags & ITEM_PEND_DEL) != 0;
       if (pending) ReleasePendingDeletions(rec, baseHandle, &h);
       if (h.UsedItems == 0) {
-        const sfl_ItemRef ref = sfl_RefOf(*rec);
-        im_UnlinkItem(&ref);
-        unlinked = true;
+        unlink = true;
       } else if (pending) {
         h.Flags &= ~static_cast<uint32_t>(ITEM_PEND_DEL);
         sfl_WriteFileHeader(rec, h);
       }
     }
+    // A flush that fails leaves the file open and its interest recorded.
+    if (!unlink) sfl_ConsiderSync(rec, nullptr, SFL_EV_COLD);
     sfl_ReleaseBaseInterest(rec);
+    if (unlink) {
+      const sfl_ItemRef ref = sfl_RefOf(*rec);
+      im_UnlinkItem(&ref);
+    }
     header.Unlock();
   }
+  // From here on the close completes.
+  rec->ExternalOpens = 0;
 
-  if (!unlinked) {
-    sfl_ConsiderSync(rec, nullptr, SFL_EV_COLD);
+  if (!unlink) {
     bool kept = true;
     const uint32_t noCompaction = ASYNCHRONOUS | SINGLE_FILE | HAS_BEEN_COMPACTED;
     if (rec->Domain != kTempDomain && (h.Flags & noCompaction) == 0 &&
         rec->ProcAccCount == 0) {
-      const bool due =
-          (h.Flags & NEED_COMPACTION) || ((rec->SpaceAnalysis & 1) && sfl_AnalyseFreeMap(rec));
-      if (due && sfl_CompactSflFile(rec) == 0) kept = false;
+      // Compaction rebuilds into a new file and replaces the old one only
+      // once the new one is whole: one that fails leaves the file as it was,
+      // and the close goes on without it.
+      sfl_GiveBackQuietly([&] {
+        const bool due =
+            (h.Flags & NEED_COMPACTION) || ((rec->SpaceAnalysis & 1) && sfl_AnalyseFreeMap(rec));
+        if (due && sfl_CompactSflFile(rec) == 0) kept = false;
+      });
     }
     if (kept) {
       sfl_EnterColdStore(rec);
@@ -567,8 +644,10 @@ void sfl_CloseFile(int32_t baseHandle) {
     }
   }
 
-  // Really close.
-  if (!single && rec->FreeMapItem != nullptr) sfl_CloseIntItem(rec->FreeMapHandle);
+  // Really close. The file is gone or replaced: a flush of it that fails
+  // while its free-map item closes changes nothing worth reporting.
+  if (!single && rec->FreeMapItem != nullptr)
+    sfl_GiveBackQuietly([rec] { sfl_CloseIntItem(rec->FreeMapHandle); });
   mdc_close(rec->FileDes);
   rec->FileDes = -1;
   sfl_DeleteOSerFile(rec);

@@ -25,6 +25,7 @@ void childAfterFork() {
   // Stream records are forgotten, not closed: closing a FILE would flush
   // the parent's buffered bytes a second time.
   sfl_Streams().ForgetAll();
+  sfl_ForgetRecordLocks();
   FilesInColdStore = 0;
 }
 

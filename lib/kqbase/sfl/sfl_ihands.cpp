@@ -4,6 +4,7 @@
 // pending) and freezing of the header and index caches.
 #include <cerrno>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 
 #include "im.h"
@@ -19,20 +20,13 @@ sfl_ItemsTable& sfl_OpenItems() {
 namespace {
 
 
-// Closes a container that an open of an item opened, unless closing the
-// item on the way already gave the file back.
-void CloseOpenedFile(int32_t baseHandle, sfl_BaseRec* rec) {
-  if (rec->InUse != 1 || rec->InColdStore != 0 || rec->ExternalOpens < 1) return;
-  sfl_CloseFile(baseHandle);
-}
-
 // Opens an item by reference. keepPosition leaves CurrPos alone on a second
 // open (attach, detach, stat and exists open and close around the caller's
 // own handle and must not move its serial position).
 int32_t OpenItemRef(const sfl_ItemRef* ref, uint32_t allowSecondOpen, uint32_t keepPosition) {
   char name[PATH_MAX];
   int32_t itemNum = im_GetRealFileName(ref, name, sizeof name);
-  if (itemNum < 1) SFL_RAISE(SFL_R_NO_ITEM);
+  if (itemNum < 1 || itemNum > 7) SFL_RAISE(SFL_R_NO_ITEM);
 
   sfl_ItemRef fileRef = *ref;
   fileRef.Flags = static_cast<uint16_t>(fileRef.Flags & ~SFL_ITEM_NUM_MASK);
@@ -47,64 +41,74 @@ int32_t OpenItemRef(const sfl_ItemRef* ref, uint32_t allowSecondOpen, uint32_t k
   } else {
     // A file revived from the cold store counts as opened by this open.
     openedHere = revived != 0;
-    sfl_EnsureBaseFileOpen(baseHandle);
+  }
+  sfl_ImplicitOpen opened(baseHandle, openedHere);
+  if (!openedHere) sfl_EnsureBaseFileOpen(baseHandle);
+
+  sfl_ItemRec* item = nullptr;
+  int32_t itemHandle = -1;
+  if (sfl_CheckItemAccessed(ref, &item, &itemHandle, baseHandle) != 0) {
+    if (allowSecondOpen == 0) SFL_RAISE(SFL_R_ITEM_OPEN);
+    sfl_Activate(itemHandle);
+    ++item->OpenRefs;
+    if (keepPosition == 0) item->CurrPos = 0;
+    opened.Commit();
+    return itemHandle;
+  }
+  {
+    sfl_Held lock;
+    lock.IntHeader(rec, rec->ITableOff + static_cast<uint32_t>(itemNum) * SFL_ITEM_HEADER_SIZE,
+                   SFL_LOCK_SHARED);
+    itemHandle = sfl_IntOpenItem(rec, baseHandle, static_cast<uint32_t>(itemNum), &item);
+  }
+  if ((item->Flags & DELETED) != 0 || (item->Offset == 0 && item->Size != 0)) {
+    sfl_CloseItem(itemHandle);
+    SFL_RAISE(SFL_R_ITEM_DELETED);
+  }
+  opened.Commit();
+  return itemHandle;
+}
+
+// An item handle opened for the span of one call.
+class CallHandle {
+ public:
+  explicit CallHandle(const sfl_ItemRef* ref) : handle_(OpenItemRef(ref, 1, 1)) {}
+  ~CallHandle() {
+    if (handle_ >= 0) sfl_GiveBackQuietly([this] { sfl_CloseItem(handle_); });
+  }
+  CallHandle(const CallHandle&) = delete;
+  CallHandle& operator=(const CallHandle&) = delete;
+  int32_t Handle() const { return handle_; }
+  // Closes it now; an escape of the close passes on.
+  void Close() {
+    const int32_t h = handle_;
+    handle_ = -1;
+    sfl_CloseItem(h);
   }
 
-  try {
-    sfl_ItemRec* item = nullptr;
-    int32_t itemHandle = -1;
-    if (sfl_CheckItemAccessed(ref, &item, &itemHandle, baseHandle) != 0) {
-      if (allowSecondOpen == 0) SFL_RAISE(SFL_R_ITEM_OPEN);
-      ++item->OpenRefs;
-      if (keepPosition == 0) item->CurrPos = 0;
-      sfl_Activate(itemHandle);
-      return itemHandle;
-    }
-    {
-      sfl_Held lock;
-      lock.IntHeader(rec, rec->ITableOff + static_cast<uint32_t>(itemNum) * SFL_ITEM_HEADER_SIZE,
-                     SFL_LOCK_SHARED);
-      itemHandle = sfl_IntOpenItem(rec, baseHandle, static_cast<uint32_t>(itemNum), &item);
-    }
-    if ((item->Flags & DELETED) != 0 || (item->Offset == 0 && item->Size != 0)) {
-      sfl_CloseItem(itemHandle);
-      SFL_RAISE(SFL_R_ITEM_DELETED);
-    }
-    return itemHandle;
-  } catch (const er_Escape&) {
-    if (openedHere) {
-      er_StatusKeeper keep;
-      try {
-        CloseOpenedFile(baseHandle, rec);
-      } catch (const er_Escape&) {
-        er_Accept(5);
-      }
-    }
-    throw;
-  }
-}
+ private:
+  int32_t handle_;
+};
 
 // Runs fn on a handle opened for the duration of one call and closes it
 // again on every path.
 template <class Fn>
 auto WithOpenItem(const sfl_ItemRef* ref, Fn fn) {
-  int32_t handle = OpenItemRef(ref, 1, 1);
-  try {
-    auto result = fn(handle);
-    sfl_CloseItem(handle);
-    return result;
-  } catch (const er_Escape&) {
-    er_StatusKeeper keep;
-    try {
-      sfl_CloseItem(handle);
-    } catch (const er_Escape&) {
-      er_Accept(5);
-    }
-    throw;
-  }
+  CallHandle h(ref);
+  auto result = fn(h.Handle());
+  h.Close();
+  return result;
 }
 
 }  // namespace
+
+void sfl_CloseImplicitOpen(int32_t baseHandle) {
+  // Closing the item on the way may already have given the file back.
+  sfl_FilesTable& table = sfl_OpenFiles();
+  sfl_BaseRec* rec = table.At(static_cast<size_t>(baseHandle - sfl_FilesTable::kFirst));
+  if (rec == nullptr || rec->InUse != 1 || rec->InColdStore != 0 || rec->ExternalOpens < 1) return;
+  sfl_CloseFile(baseHandle);
+}
 
 sfl_ItemRec* sfl_GetNewItemEntry(int32_t* itemHandle) {
   return sfl_OpenItems().Take(itemHandle, SFL_R_ITEMS_FULL);
@@ -150,32 +154,29 @@ int32_t sfl_FindFellowActiveItems(int32_t baseHandle) {
 
 int32_t sfl_IntOpenItem(sfl_BaseRec* rec, int32_t baseHandle, uint32_t itemNum,
                         sfl_ItemRec** out) {
-  int32_t handle = -1;
-  sfl_ItemRec* item = sfl_GetNewItemEntry(&handle);
-  try {
-    item->BaseHandle = baseHandle;
-    item->BaseRecord = rec;
-    item->Domain = rec->Domain;
-    item->RefFlags = static_cast<uint16_t>((rec->RefFlags & ~SFL_ITEM_NUM_MASK) |
-                                           (itemNum & SFL_ITEM_NUM_MASK));
-    item->SubDomain = rec->SubDomain;
-    item->FileId = rec->FileId;
-    std::memcpy(item->Name, rec->Name, sizeof item->Name);
-    item->ItemNum = itemNum;
-    item->HeaderOff = rec->ITableOff + itemNum * SFL_ITEM_HEADER_SIZE;
-    item->OpenRefs = 1;
-    sfl_ItemHeader h;
-    sfl_ReadItemHeader(item, &h);
-    item->Offset = h.FileOffset;
-    item->Size = h.FileSize;
-    item->Flags = h.Flags;
-    sfl_IncIntItems(baseHandle);
-  } catch (const er_Escape&) {
-    sfl_DeleteOSerItem(item);
-    throw;
-  }
-  if (out != nullptr) *out = item;
-  return handle;
+  sfl_NewItemRecord item;
+  item->BaseHandle = baseHandle;
+  item->BaseRecord = rec;
+  item->Domain = rec->Domain;
+  item->RefFlags = static_cast<uint16_t>((rec->RefFlags & ~SFL_ITEM_NUM_MASK) |
+                                         (itemNum & SFL_ITEM_NUM_MASK));
+  item->SubDomain = rec->SubDomain;
+  item->FileId = rec->FileId;
+  std::memcpy(item->Name, rec->Name, sizeof item->Name);
+  item->ItemNum = itemNum;
+  item->HeaderOff = rec->ITableOff + itemNum * SFL_ITEM_HEADER_SIZE;
+  item->OpenRefs = 1;
+  sfl_ItemHeader h;
+  sfl_ReadItemHeader(item.get(), &h);
+  // The item's run comes from the disk: every byte of it must lie within
+  // 32-bit offsets, or a transfer inside the item could reach past them.
+  if (uint64_t{h.FileOffset} + h.FileSize > UINT32_MAX) SFL_RAISE(SFL_R_BAD_ITEM_HEADER);
+  item->Offset = h.FileOffset;
+  item->Size = h.FileSize;
+  item->Flags = h.Flags;
+  item.Count(baseHandle);
+  if (out != nullptr) *out = item.get();
+  return item.Commit();
 }
 
 int32_t sfl_OpenItem(const sfl_ItemRef* ref, uint32_t allowSecondOpen) {
@@ -186,7 +187,10 @@ int32_t sfl_OpenItem(const sfl_ItemRef* ref, uint32_t allowSecondOpen) {
 void sfl_CloseItem(int32_t itemHandle) {
   ER_TRACE_PROC("sfl_CloseItem");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  if (--item->OpenRefs >= 1) return;
+  if (item->OpenRefs > 1) {
+    --item->OpenRefs;
+    return;
+  }
 
   if (item->LockCount > 0) {
     sfl_ItemRef ref = sfl_RefOf(*item);
@@ -197,19 +201,21 @@ void sfl_CloseItem(int32_t itemHandle) {
   }
 
   sfl_BaseRec* rec = item->BaseRecord;
-  int32_t baseHandle = item->BaseHandle;
-  int32_t remaining = sfl_DecIntItems(baseHandle);
+  const int32_t baseHandle = item->BaseHandle;
+  // What can fail comes before the handle changes: a close that escapes
+  // here leaves the handle open, to be closed again.
   sfl_ConsiderSync(rec, item, SFL_EV_CLOSE);
-
   // Whatever ranges the caller locked on a simple item go in one release.
-  if ((item->Flags & BLOCKED_ITEM) == 0 && item->LockedEver != 0)
+  if ((item->Flags & BLOCKED_ITEM) == 0 && item->LockedEver != 0) {
     os_TryLockPart(rec->FileDes, OS_LOCK_RELEASE, SEEK_SET, item->Offset, 0, item->Size, 0);
+    item->LockedEver = 0;
+    item->LockCount = 0;
+  }
 
   if (item->DeleteOnClose == 1) {
     // The close must complete: a failed deletion check is logged and
     // absorbed, and the caller's error status is left as it was.
-    er_StatusKeeper keep;
-    try {
+    sfl_GiveBackQuietly([&] {
       sfl_ItemHeader h;
       {
         sfl_Held lock;
@@ -217,14 +223,15 @@ void sfl_CloseItem(int32_t itemHandle) {
         sfl_ReadItemHeader(item, &h);
       }
       if (h.AccCount == 0) sfl_DeleteItem(itemHandle);
-    } catch (const er_Escape&) {
-      er_Accept(5);
-    }
+    });
   }
 
+  item->OpenRefs = 0;
+  const int32_t remaining = sfl_DecIntItems(baseHandle);
   sfl_DeleteOSerItem(item);
   // The free-map item is one of the file's open items, so "1 or less" is
-  // reached while it is still open.
+  // reached while it is still open. A close of the file that escapes leaves
+  // it open (implicitly), to be closed by its next item's close.
   if (remaining <= 1 && rec->OpenMode != 0) sfl_CloseFile(baseHandle);
 }
 
@@ -291,9 +298,10 @@ void sfl_StatItem(const sfl_ItemRef* ref, struct stat* st) {
 
 int32_t sfl_ItemExists(const sfl_ItemRef* ref) {
   ER_TRACE_PROC("sfl_ItemExists");
+  // Every escape means "no such item" here.
   try {
-    int32_t handle = OpenItemRef(ref, 1, 1);
-    sfl_CloseItem(handle);
+    CallHandle h(ref);
+    h.Close();
     return 1;
   } catch (const er_Escape&) {
     er_Clear();

@@ -277,6 +277,13 @@ int32_t sfl_ColdStoreSize();
 // Forgets the cold-store size read, so the next use reads the key again (tests).
 void sfl_ResetColdStoreSize();
 
+// ---- record-lock holds (sfl_Locks) ---------------------------------------------------------
+// Ranges this process holds through the record-lock routines (tests check
+// that an operation leaves none behind).
+int sfl_RecordLocksHeld();
+// Forgets every hold without releasing anything (a forked child).
+void sfl_ForgetRecordLocks();
+
 // ---- sync configuration (sfl_Locks) -------------------------------------------------------------
 // Returns the sync switches to their initial state and marks the
 // configuration unread, so the next sync decision reads it again (tests).
@@ -286,6 +293,175 @@ void sfl_ResetSyncConfig();
 // Makes sure the child-side fork handler is registered (once per process).
 void sfl_InstallForkHandler();
 
+// ---- owners of what an operation takes ----------------------------------------------------
+// An operation that takes something (a lock, an item slot, a run of blocks,
+// a table record, a descriptor, an interest) holds it in an owner object.
+// The operation commits the owner once what it took is its result; an owner
+// left uncommitted gives back what it holds when it goes out of scope, so an
+// escape unwinding through the operation leaves nothing taken. Giving back
+// runs while the first escape unwinds: a second failure is logged and
+// absorbed there, and the first escape is the one the caller sees.
+template <class Fn>
+void sfl_GiveBackQuietly(Fn giveBack) noexcept {
+  er_StatusKeeper keep;
+  try {
+    giveBack();
+  } catch (const er_Escape&) {
+    er_Accept(5);
+  } catch (...) {
+    er_LogMsg(5, "giving back after a failure failed as well");
+  }
+}
+
+// Gives back a run of blocks to the map it came from (the on-disk map, or
+// MemFreeMap while it is in use).
+void sfl_GiveBackBlocks(sfl_BaseRec* rec, uint32_t offset, uint32_t blocks);
+// Gives back an item slot taken by sfl_GetFreeItemSlot: wipes its header and
+// clears its bit and count in the file header, under the header lock.
+void sfl_GiveBackItemSlot(sfl_BaseRec* rec, int32_t slot);
+
+// A run of blocks taken from a file's free map.
+class sfl_SpaceRun {
+ public:
+  sfl_SpaceRun() = default;
+  ~sfl_SpaceRun() {
+    if (rec_ != nullptr && blocks_ > 0)
+      sfl_GiveBackQuietly([this] { sfl_GiveBackBlocks(rec_, offset_, blocks_); });
+  }
+  sfl_SpaceRun(const sfl_SpaceRun&) = delete;
+  sfl_SpaceRun& operator=(const sfl_SpaceRun&) = delete;
+
+  // Takes room for `size` bytes; returns its offset.
+  uint32_t Take(sfl_BaseRec* rec, uint32_t size) {
+    uint32_t blocks = 0;
+    const uint32_t offset = sfl_GetFreeSpaceNew(rec, size, &blocks);
+    Adopt(rec, offset, blocks);
+    return offset;
+  }
+  // Takes charge of a run already taken.
+  void Adopt(sfl_BaseRec* rec, uint32_t offset, uint32_t blocks) {
+    rec_ = rec;
+    offset_ = offset;
+    blocks_ = blocks;
+  }
+  // The run now belongs to a record that refers to it (or may, after a
+  // write that failed half way): it is no longer given back.
+  void Commit() { rec_ = nullptr; }
+  uint32_t Offset() const { return offset_; }
+  uint32_t Blocks() const { return blocks_; }
+
+ private:
+  sfl_BaseRec* rec_ = nullptr;
+  uint32_t offset_ = 0;
+  uint32_t blocks_ = 0;
+};
+
+// An item slot taken in a file's item table.
+class sfl_SlotClaim {
+ public:
+  sfl_SlotClaim() = default;
+  ~sfl_SlotClaim() {
+    if (rec_ != nullptr && slot_ > 0) sfl_GiveBackQuietly([this] { sfl_GiveBackItemSlot(rec_, slot_); });
+  }
+  sfl_SlotClaim(const sfl_SlotClaim&) = delete;
+  sfl_SlotClaim& operator=(const sfl_SlotClaim&) = delete;
+
+  // Takes a slot as sfl_GetFreeItemSlot does; returns its result.
+  int32_t Take(sfl_BaseRec* rec, uint32_t blocked, int32_t wanted) {
+    Adopt(rec, sfl_GetFreeItemSlot(rec, blocked, wanted));
+    return slot_;
+  }
+  void Adopt(sfl_BaseRec* rec, int32_t slot) {
+    rec_ = rec;
+    slot_ = slot;
+  }
+  void Commit() { rec_ = nullptr; }
+  int32_t Slot() const { return slot_; }
+
+ private:
+  sfl_BaseRec* rec_ = nullptr;
+  int32_t slot_ = -1;
+};
+
+// A record of the open-items table taken for a new handle, and (once
+// counted) its place in the file's count of open items.
+class sfl_NewItemRecord {
+ public:
+  sfl_NewItemRecord() { item_ = sfl_GetNewItemEntry(&handle_); }
+  ~sfl_NewItemRecord() {
+    if (item_ == nullptr) return;
+    sfl_GiveBackQuietly([this] {
+      if (countedOn_ >= 0) sfl_DecIntItems(countedOn_);
+      sfl_DeleteOSerItem(item_);
+    });
+  }
+  sfl_NewItemRecord(const sfl_NewItemRecord&) = delete;
+  sfl_NewItemRecord& operator=(const sfl_NewItemRecord&) = delete;
+
+  // Counts the item open on its file (sfl_IncIntItems).
+  void Count(int32_t baseHandle) {
+    sfl_IncIntItems(baseHandle);
+    countedOn_ = baseHandle;
+  }
+  // The handle is the caller's now.
+  int32_t Commit() {
+    item_ = nullptr;
+    return handle_;
+  }
+  sfl_ItemRec* operator->() const { return item_; }
+  sfl_ItemRec* get() const { return item_; }
+  int32_t Handle() const { return handle_; }
+
+ private:
+  sfl_ItemRec* item_ = nullptr;
+  int32_t handle_ = -1;
+  int32_t countedOn_ = -1;
+};
+
+// An item-handle record opened for the span of one step (sfl_IntOpenItem):
+// when the step ends, whichever way, the file's count of open items falls
+// again and the record is freed.
+class sfl_OpenItemRecord {
+ public:
+  sfl_OpenItemRecord(int32_t baseHandle, sfl_ItemRec* item) : baseHandle_(baseHandle), item_(item) {}
+  ~sfl_OpenItemRecord() {
+    sfl_GiveBackQuietly([this] {
+      sfl_DecIntItems(baseHandle_);
+      sfl_DeleteOSerItem(item_);
+    });
+  }
+  sfl_OpenItemRecord(const sfl_OpenItemRecord&) = delete;
+  sfl_OpenItemRecord& operator=(const sfl_OpenItemRecord&) = delete;
+
+ private:
+  int32_t baseHandle_;
+  sfl_ItemRec* item_;
+};
+
+// A file that one operation opened (or revived from the cold store) for its
+// own use: closed again unless the operation commits.
+void sfl_CloseImplicitOpen(int32_t baseHandle);  // sfl_ihands
+class sfl_ImplicitOpen {
+ public:
+  sfl_ImplicitOpen(int32_t baseHandle, bool openedHere) : baseHandle_(baseHandle), armed_(openedHere) {}
+  ~sfl_ImplicitOpen() {
+    if (armed_) sfl_GiveBackQuietly([this] { sfl_CloseImplicitOpen(baseHandle_); });
+  }
+  sfl_ImplicitOpen(const sfl_ImplicitOpen&) = delete;
+  sfl_ImplicitOpen& operator=(const sfl_ImplicitOpen&) = delete;
+  void Commit() { armed_ = false; }
+  // Closes it now; an escape of the close passes on.
+  void Close() {
+    if (!armed_) return;
+    armed_ = false;
+    sfl_CloseImplicitOpen(baseHandle_);
+  }
+
+ private:
+  int32_t baseHandle_;
+  bool armed_;
+};
+
 // ---- lock guards ----------------------------------------------------------------------------
 // Holds at most one byte-range lock (the "held variable" of the lock
 // protocol) and releases it, if still held, when it goes out of scope: an
@@ -293,7 +469,9 @@ void sfl_InstallForkHandler();
 class sfl_Held {
  public:
   sfl_Held() = default;
-  ~sfl_Held() { Unlock(); }
+  ~sfl_Held() {
+    if (held_) sfl_GiveBackQuietly([this] { Unlock(); });
+  }
   sfl_Held(const sfl_Held&) = delete;
   sfl_Held& operator=(const sfl_Held&) = delete;
 
@@ -326,6 +504,7 @@ class sfl_Held {
   // Releases now if held; the held mark becomes the unlock's result.
   void Unlock() {
     if (!held_) return;
+    held_ = 0;  // a release that raises is not tried a second time
     switch (kind_) {
       case Kind::Header: held_ = sfl_UnlockHeader(base_); break;
       case Kind::ItemHeader: held_ = sfl_UnLockItemHeader(item_); break;

@@ -148,8 +148,15 @@ void sfl_WriteAnIndex(sfl_ItemRec* item, uint32_t offset, const sfl_IndexRecord&
 
 // ---- free map -------------------------------------------------------------------------
 
+// A map describes at most 2^25 blocks (4 MiB of bits, all a file of 32-bit
+// offsets holds); its extension adds a little beyond. A size read from the
+// disk above this is damage, and must not size an allocation.
+constexpr uint32_t kMaxMapBytes = 8u << 20;
+
 uint32_t sfl_ReadFreeMap(sfl_BaseRec* rec, std::vector<uint8_t>* map, const sfl_ItemHeader& fm) {
-  if (fm.FileOffset == 0) SFL_RAISE(SFL_R_BAD_MAP);
+  if (fm.FileOffset == 0 || fm.FileSize > kMaxMapBytes ||
+      uint64_t{fm.FileOffset} + fm.FileSize > UINT32_MAX)
+    SFL_RAISE(SFL_R_BAD_MAP);
   map->assign(fm.FileSize, 0);
   ssize_t n = os_pread(fdOf(rec), map->data(), fm.FileSize, static_cast<off_t>(fm.FileOffset));
   if (n != static_cast<ssize_t>(fm.FileSize)) SFL_RAISE(SFL_R_SHORT_MAP_READ);
