@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "cust.h"
+#include "mes.h"
 #include "os.h"
 
 int er_SubSystemLoggingLevel = 0;
@@ -166,72 +167,10 @@ int er_CallC(er_CFunc fn, void* ctx, int* group, int* reason) {
 }
 
 const char* er_ReasonText(int group, int reason) {
-  if (group == ER_GROUP_OS) return std::strerror(reason);
-  if (group == ER_GROUP_CALL) {
-    switch (reason) {
-      case 22: return "invalid argument";
-      case 38: return "whence must be 0";
-      default: return "bad call";
-    }
-  }
-  if (group == ER_GROUP_MONIT && reason == 380) return "interest service not available";
-  if (group == ER_GROUP_CONFIG) {
-    switch (reason) {
-      case 4401: return "unsafe name tag in item reference";
-      case 4402: return "malformed item reference text";
-      case 4403: return "name is not a file of the item store";
-      case 4404: return "buffer too small for the name";
-      case 4405: return "no unique file number found";
-      default: break;
-    }
-  }
-  if (reason == 3533) return "interest request could not be sent";
-  switch (reason) {
-    case 28850: return "no free item slot for a blocked item";
-    case 28851: return "short write of a record or item data";
-    case 28852: return "cached leaf claimed a free entry but had none";
-    case 28853: return "not a blocked item";
-    case 28854: return "block index within a leaf above 31";
-    case 28856: return "short write of block data";
-    case 28857: return "reference names no item";
-    case 28858: return "item already open in this process";
-    case 28859: return "detach of an item whose attach count is 0";
-    case 28860: return "reference names an item, not a file";
-    case 28861: return "file already open in this process";
-    case 28862: return "not an SFL file, or wrong format version";
-    case 28864: return "item deleted or never stored";
-    case 28865: return "short write of the free map";
-    case 28866: return "open-files table full";
-    case 28867: return "bad handle";
-    case 28868: return "open-item count would go below zero";
-    case 28869: return "operation not allowed on a blocked item";
-    case 28870: return "open-items table full";
-    case 28871: return "short read of a record";
-    case 28872: return "free map has no place, or range outside the map";
-    case 28873: return "short read of the free map";
-    case 28874: return "range or position outside the item";
-    case 28875: return "empty index entry";
-    case 28876: return "block number outside the index";
-    case 28877: return "block number given for a simple parent";
-    case 28878: return "internal item open more than once";
-    case 28879: return "bad index record";
-    case 28880: return "bad item header";
-    case 28881: return "bad file header";
-    case 28883: return "no internal item header there";
-    case 28885: return "item closed while holding range locks";
-    case 28886: return "bad stream mode for an item";
-    case 28887: return "item streams move single bytes only";
-    case 28888: return "stream table full";
-    case 28889: return "truncate or append on a blocked item";
-    case 28890: return "size beyond the reserved space";
-    case 28891: return "activation of an internal item";
-    case 28892: return "not possible in a single-item file";
-    case 28896: return "in-memory free map required";
-    case 28897: return "feature not built";
-    case 28898: return "free-map extension without its header";
-    case 28899: return "index tree too deep";
-    default: return "error";
-  }
+  // The texts live in the message library, with every other message shown
+  // to an operator.
+  const char* text = mes_Text(group, reason);
+  return text != nullptr ? text : "error";
 }
 
 }  // extern "C"

@@ -273,6 +273,16 @@ SFL_API int32_t sfl_DumpBaseItems(void);
 SFL_API int32_t sfl_DumpOpenItems(void);
 SFL_API int32_t sfl_DumpOpenL3Items(void);
 
+/* ---- integrity check ----------------------------------------------------------------- */
+/* Checks a container file (the reference must name the file, not an item):
+   prints a line on standard output for each fault found and, when `repair`
+   is non-zero and no other process holds the file, repairs what it can.
+   With a `dump` stream, the headers and index records read are dumped
+   there. Returns 0 when no fault was found, 1 when faults were found or the
+   check failed (the failure shown on standard error). */
+SFL_API int32_t sfl_CheckSflIntegrity2(const sfl_ItemRef* ref, int32_t repair, FILE* dump);
+SFL_API int32_t sfl_CheckSflIntegrity(const sfl_ItemRef* ref, int32_t repair);
+
 /* ---- interest records ------------------------------------------------------------------ */
 SFL_API void sfl_GetQueue(const sfl_ItemRef* ref, int32_t* requestQueue, int32_t* replyQueue,
                           int32_t* pairCount, int32_t* servicePid);

@@ -1,0 +1,771 @@
+// sfl_maint: the integrity check of a container file. It reads the file
+// header, every item header in use, internal containers and index trees,
+// builds its own map of the blocks they occupy (the shadow map), compares
+// that with the file's free map, prints a numbered line for each fault and
+// repairs some of them when asked and when no other process holds the file.
+//
+// The file is the check's input and may hold anything: every field read
+// from it is distrusted, all arithmetic on offsets and sizes is done in 64
+// bits against the file's real size, and every write the check makes lies
+// within bytes it has just read in full.
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+#include <set>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <vector>
+
+#include "cl.h"
+#include "mes.h"
+#include "os.h"
+#include "sfl_coding.h"
+#include "sfl_int.h"
+
+namespace {
+
+// TEMPORARY until the dumps land on main: replaced by the real calls.
+void sfl_DumpHeader(FILE*, const uint8_t*, unsigned) {}
+void sfl_DumpItemHeader(FILE*, const uint8_t*, unsigned) {}
+void sfl_DumpBlockedIndex(FILE*, const uint8_t*, unsigned) {}
+
+// Item-check results.
+constexpr int kSound = 255;
+constexpr int kAllZero = 9;
+constexpr int kTreeFailed = 8;
+constexpr int kShortHeader = 6;
+constexpr int kHeaderPastEnd = 5;
+constexpr int kLocationPastEnd = 4;
+constexpr int kWrongType = 3;
+constexpr int kWrongMagic = 2;
+constexpr int kSimpleFault = 1;
+
+constexpr uint32_t kContainerMarkerType = 3;  // internal container: (12345678, 3)
+constexpr uint32_t kContainerMinSize = 1024;
+constexpr uint32_t kContainerSlots = 8;
+constexpr uint32_t kContainerSlotsAt = 256;
+constexpr uint32_t kInUseBits = 8;  // the in-use map is one byte
+
+// The library never builds a tree of more than seven levels (root depth 6).
+// The check follows offsets read from the file, so a damaged tree could
+// lead it down a chain of any length; a record found deeper than this is
+// reported (1012) instead of visited.
+constexpr uint32_t kMaxTreeLevels = 7;
+// Internal items are always blocked, so an internal container inside an
+// internal container cannot be made by the library; a chain of them in a
+// damaged file is cut here (1013) rather than followed to any depth.
+constexpr int kMaxContainerNesting = 2;
+// The shadow map may cover the file and this many blocks beyond its end
+// (the last area's final block may run past the end). A damaged size or
+// offset asking for more would make the map, and the memory it takes,
+// arbitrarily large; such an area is refused like a collision.
+constexpr uint64_t kShadowSlackBlocks = 2048;
+constexpr size_t kShadowInitial = 256;
+
+constexpr size_t kMessageBufferSize = 2049;
+
+uint64_t BlocksOf(uint64_t bytes) { return (bytes + SFL_BLOCK_SIZE - 1) / SFL_BLOCK_SIZE; }
+
+// Prints one fault line: the message's prefix, a space and its text, used as
+// the format for `args`. The buffer is the process's one message buffer.
+void Say(int number, ...) {
+  static std::unique_ptr<char[]> buffer;
+  if (!buffer) buffer.reset(new char[kMessageBufferSize]);
+  char* buf = buffer.get();
+  // Room is kept for the newline that ends the line.
+  const size_t room = kMessageBufferSize - 1;
+  int n = mes_GetErrMsgPrefix(MES_GROUP_MAINT, number, buf, room);
+  size_t len = n < 0 ? std::strlen(buf) : static_cast<size_t>(n);
+  if (len + 1 < room) {
+    buf[len++] = ' ';
+    mes_GetAnyErMsg(MES_GROUP_MAINT, number, buf + len, room - len);
+    len = std::strlen(buf);
+  }
+  buf[len] = '\n';
+  buf[len + 1] = '\0';
+  va_list ap;
+  va_start(ap, number);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+  std::vprintf(buf, ap);
+#pragma GCC diagnostic pop
+  va_end(ap);
+  std::fflush(stdout);
+}
+
+// u32 for printing: locations computed in 64 bits are shown as the file's
+// 32-bit offsets.
+unsigned U(uint64_t v) { return static_cast<unsigned>(v); }
+
+struct FdCloser {
+  int fd = -1;
+  ~FdCloser() {
+    if (fd >= 0) os_close(fd);  // closing also drops the whole-file lock
+  }
+};
+
+// The interest recorded for the check, withdrawn when the check ends.
+struct Interest {
+  sfl_BaseRec rec;
+  bool recorded = false;
+  ~Interest() {
+    if (!recorded) return;
+    er_StatusKeeper keep;  // a failed withdrawal must not replace the check's own error
+    try {
+      sfl_ReleaseBaseInterest(&rec);
+    } catch (const er_Escape&) {
+      er_Clear();
+    }
+  }
+};
+
+// One record check's answer: the result (255 sound, lower worse) and
+// whether the record and all below it are full.
+struct RecordAnswer {
+  int result = kSound;
+  bool full = false;
+};
+
+class Checker {
+ public:
+  Checker(int fd, uint64_t size, bool repair, FILE* dump)
+      : fd_(fd), size_(size), repair_(repair), dump_(dump), shadow_(kShadowInitial, 0) {
+    shadowLimitBits_ = BlocksOf(size) + kShadowSlackBlocks;
+  }
+
+  void SetRepair(bool on) { repair_ = on; }
+  bool repair() const { return repair_; }
+  FILE* dump() const { return dump_; }
+
+  ssize_t ReadAt(void* buf, size_t len, uint64_t off) {
+    ssize_t n = os_pread(fd_, buf, len, static_cast<off_t>(off));
+    return n < 0 ? 0 : n;
+  }
+  ssize_t WriteAt(const void* buf, size_t len, uint64_t off) {
+    ssize_t n = os_pwrite(fd_, buf, len, static_cast<off_t>(off));
+    return n < 0 ? 0 : n;
+  }
+
+  // Marks `bytes` at `off` in the shadow map. Returns false on a collision:
+  // an empty area, a block already marked, or an area beyond the map's bound;
+  // nothing is marked then.
+  bool Mark(uint64_t off, uint64_t bytes) {
+    const uint64_t n = BlocksOf(bytes);
+    if (n == 0) return false;
+    const uint64_t first = off / SFL_BLOCK_SIZE;
+    if (first + n > shadowLimitBits_) return false;
+    const uint64_t needBytes = (first + n + 7) / 8;
+    if (needBytes > shadow_.size())
+      shadow_.resize(BlocksOf(needBytes) * SFL_BLOCK_SIZE, 0);
+    for (uint64_t b = first; b < first + n; ++b)
+      if (shadow_[b / 8] & (1u << (b % 8))) return false;
+    for (uint64_t b = first; b < first + n; ++b) shadow_[b / 8] |= static_cast<uint8_t>(1u << (b % 8));
+    return true;
+  }
+
+  int ItemCheck(uint64_t loc, bool repair, int nesting);
+  bool CompareFreeMap(uint64_t tableOffset);
+
+ private:
+  struct Record {
+    uint64_t at = 0;
+    sfl_IndexBytes raw{};
+    sfl_IndexRecord rec;
+  };
+
+  void MarkDeleted(uint64_t loc, sfl_ItemHeaderBytes raw, bool repair);
+  int BlockedCheck(uint64_t loc, sfl_ItemHeaderBytes& raw, const sfl_ItemHeader& h, bool repair);
+  RecordAnswer RecordCheck(Record& r, uint64_t expectedParent, uint32_t level, bool repair);
+  int EverUsedWalk(uint64_t rootAt, bool repair);
+  bool WalkRecord(uint64_t at, uint32_t level, bool repair, uint64_t* highest, int* result);
+  void HoldEverUsed(Record& r, uint64_t highest, bool repair, int* result);
+
+  int fd_;
+  uint64_t size_;
+  bool repair_;
+  FILE* dump_;
+  std::vector<uint8_t> shadow_;
+  uint64_t shadowLimitBits_ = 0;
+  // Index records the record check found sound in the current tree; the
+  // EverUsed walk descends only into these, each once.
+  std::set<uint64_t> treeRecords_;
+  std::set<uint64_t> walked_;
+};
+
+// Zeroes the header's place and size, sets DELETED and writes it back.
+void Checker::MarkDeleted(uint64_t loc, sfl_ItemHeaderBytes raw, bool repair) {
+  if (!repair) return;
+  sfl_PutU32(raw.data() + sfl_ih::AccCount, 0);
+  sfl_PutU32(raw.data() + sfl_ih::FileSize, 0);
+  sfl_PutU32(raw.data() + sfl_ih::UsedBlocks, 0);
+  sfl_PutU32(raw.data() + sfl_ih::FileOffset, 0);
+  sfl_PutU32(raw.data() + sfl_ih::Flags, sfl_GetU32(raw.data() + sfl_ih::Flags) | DELETED);
+  ssize_t n = WriteAt(raw.data(), raw.size(), loc);
+  // The text of 1000 shows the bytes written, so they go with the location.
+  if (n != static_cast<ssize_t>(raw.size())) Say(1000, U(loc), static_cast<int>(n));
+}
+
+int Checker::ItemCheck(uint64_t loc, bool repair, int nesting) {
+  if (loc > size_) {
+    Say(1017, U(loc));
+    return kLocationPastEnd;
+  }
+  if (loc + SFL_ITEM_HEADER_SIZE > size_) {
+    Say(1018, U(loc));
+    return kHeaderPastEnd;
+  }
+  sfl_ItemHeaderBytes raw{};
+  ssize_t n = ReadAt(raw.data(), raw.size(), loc);
+  if (n != static_cast<ssize_t>(raw.size())) {
+    Say(1019, U(loc), static_cast<int>(n));
+    return kShortHeader;
+  }
+  if (dump_ != nullptr) sfl_DumpItemHeader(dump_, raw.data(), U(loc));
+  if (std::all_of(raw.begin(), raw.end(), [](uint8_t b) { return b == 0; })) {
+    Say(1041, U(loc));
+    return kAllZero;
+  }
+  const sfl_ItemHeader h = sfl_DecodeItemHeader(raw);
+  if (h.Magic != SFL_MAGIC) {
+    Say(1020, U(loc), h.Magic);
+    return kWrongMagic;
+  }
+  if (h.Type != SFL_TYPE_ITEM_HEADER) {
+    Say(1021, U(loc), h.Type);
+    return kWrongType;
+  }
+  if (h.Flags & BLOCKED_ITEM) return BlockedCheck(loc, raw, h, repair) == kSound ? kSound : kTreeFailed;
+
+  // A simple item.
+  const uint64_t off = h.FileOffset;
+  if (off > size_) {
+    Say(1022, U(loc));
+    MarkDeleted(loc, raw, repair);
+    return kSimpleFault;
+  }
+  if (off + h.FileSize > size_) {
+    Say(1023, h.FileOffset, U(loc));
+    MarkDeleted(loc, raw, repair);
+    return kSimpleFault;
+  }
+  if (BlocksOf(h.FileSize) > h.UsedBlocks) {
+    Say(1043, h.FileOffset, U(loc));
+    MarkDeleted(loc, raw, repair);
+  }
+  if (h.FileSize != 0 || h.UsedBlocks != 0) {
+    if (!Mark(off, static_cast<uint64_t>(h.UsedBlocks) * SFL_BLOCK_SIZE)) {
+      Say(1024, h.FileOffset);
+      MarkDeleted(loc, raw, repair);
+      return kSimpleFault;
+    }
+  }
+
+  // An internal container: the data starts with the marker and holds up to
+  // eight item headers from 256 bytes in.
+  if (h.FileSize >= kContainerMinSize) {
+    uint8_t marker[8];
+    if (ReadAt(marker, sizeof marker, off) == static_cast<ssize_t>(sizeof marker) &&
+        sfl_GetU32(marker) == SFL_MAGIC && sfl_GetU32(marker + 4) == kContainerMarkerType) {
+      if (nesting >= kMaxContainerNesting) {
+        Say(1013, U(loc));
+        return kSimpleFault;
+      }
+      bool failed = false;
+      for (uint32_t slot = 0; slot < kContainerSlots; ++slot) {
+        const uint64_t at = off + kContainerSlotsAt + uint64_t{SFL_ITEM_HEADER_SIZE} * slot;
+        sfl_ItemHeaderBytes s{};
+        if (ReadAt(s.data(), s.size(), at) != static_cast<ssize_t>(s.size())) continue;
+        if (sfl_GetU32(s.data()) != SFL_MAGIC || sfl_GetU32(s.data() + 4) != SFL_TYPE_ITEM_HEADER)
+          continue;
+        if (dump_ != nullptr) std::fprintf(dump_, "=CICICICICICICICICICICI=%d\n", static_cast<int>(slot));
+        const int r = ItemCheck(at, repair, nesting + 1);
+        if (r == kSound) continue;
+        failed = true;
+        if (r >= 2 && r <= 7 && repair) {
+          Say(1025, h.FileOffset);
+          const sfl_ItemHeaderBytes zeros{};
+          ssize_t w = WriteAt(zeros.data(), zeros.size(), at);
+          // Reported after the write succeeded (the deletion mark reports a
+          // failed one).
+          if (w == static_cast<ssize_t>(zeros.size())) Say(1000, U(at), static_cast<int>(w));
+        }
+      }
+      if (failed) return kTreeFailed;
+    }
+  }
+  return kSound;
+}
+
+int Checker::BlockedCheck(uint64_t loc, sfl_ItemHeaderBytes& raw, const sfl_ItemHeader& h,
+                          bool repair) {
+  const uint64_t off = h.FileOffset;
+  if (off > size_) {
+    Say(1014, h.FileOffset);
+    MarkDeleted(loc, raw, repair);
+    return kSimpleFault;
+  }
+  if (off + h.FileSize > size_) {
+    Say(1015, h.FileOffset);
+    MarkDeleted(loc, raw, repair);
+    return kSimpleFault;
+  }
+  Record root;
+  root.at = off;
+  ssize_t n = ReadAt(root.raw.data(), root.raw.size(), off);
+  if (n != static_cast<ssize_t>(root.raw.size())) {
+    Say(1016, h.FileOffset, static_cast<int>(n));
+    MarkDeleted(loc, raw, repair);
+    return kSimpleFault;
+  }
+  root.rec = sfl_DecodeIndex(root.raw);
+  if (root.rec.Magic != SFL_MAGIC) {
+    Say(1003, root.rec.Magic);
+    MarkDeleted(loc, raw, repair);
+    return kWrongMagic;
+  }
+  if (root.rec.Type != SFL_TYPE_INDEX) {
+    Say(1004, root.rec.Type);
+    MarkDeleted(loc, raw, repair);
+    return kWrongType;
+  }
+  if (dump_ != nullptr) sfl_DumpBlockedIndex(dump_, root.raw.data(), U(off));
+  if (!Mark(off, h.FileSize)) {
+    Say(1005, h.FileOffset);
+    MarkDeleted(loc, raw, repair);
+    return kSimpleFault;
+  }
+  treeRecords_.clear();
+  treeRecords_.insert(off);
+  const RecordAnswer a = RecordCheck(root, loc, 0, repair);
+  if (a.result != kSound) return a.result;
+  return EverUsedWalk(off, repair);
+}
+
+RecordAnswer Checker::RecordCheck(Record& r, uint64_t expectedParent, uint32_t level, bool repair) {
+  sfl_IndexRecord& x = r.rec;
+  uint8_t* raw = r.raw.data();
+  const bool branch = x.Depth != 0;
+  RecordAnswer answer;
+  int& result = answer.result;
+  auto atMost = [&result](int bound) { result = std::min(result, bound); };
+  bool repaired = false;
+
+  if (branch && x.ParentOff != expectedParent) {
+    Say(1006, U(r.at), x.ParentOff);
+    atMost(7);
+    if (repair) {
+      x.ParentOff = static_cast<uint32_t>(expectedParent);
+      sfl_PutU32(raw + sfl_ix::ParentOff, x.ParentOff);
+      repaired = true;
+    }
+  }
+
+  uint32_t count = 0;
+  int last = -1;
+  bool entryFailed = false;  // set by the first failed entry, never reset
+  bool childrenFull = true;
+  for (uint32_t i = 0; i < SFL_INDEX_ENTRIES; ++i) {
+    sfl_IndexEntry& e = x.Entries[i];
+    uint8_t* eraw = raw + sfl_ix::Entries + sfl_ix::EntrySize * i;
+    const int entry = static_cast<int>(i);
+    if (e.SectionOffSet == 0) continue;
+    ++count;
+    last = entry;
+    const uint64_t off = e.SectionOffSet;
+    bool bad = true;
+    if (off > size_)
+      Say(1008, entry, e.SectionOffSet);
+    else if (off + e.SectionSize > size_)
+      Say(1009, entry, U(r.at));
+    else if (!Mark(off, e.SectionSize))
+      Say(1010, entry, U(r.at));
+    else
+      bad = false;
+    if (bad) {
+      atMost(kSimpleFault);
+      entryFailed = true;
+      childrenFull = false;
+      if (repair) {
+        e.SectionOffSet = 0;
+        sfl_PutU32(eraw, 0);
+        repaired = true;
+      }
+      continue;
+    }
+    if (!branch) continue;
+    if (entryFailed) {
+      // Deliberately: after a failed entry the children of later entries
+      // are not visited.
+      childrenFull = false;
+      continue;
+    }
+
+    // The child check.
+    int childResult = kSound;
+    Record child;
+    child.at = off;
+    if (e.SectionSize != SFL_INDEX_SIZE) {
+      Say(1001, entry, U(r.at), e.SectionSize);
+      childResult = kSimpleFault;
+    } else if (ssize_t n = ReadAt(child.raw.data(), child.raw.size(), off);
+               n != static_cast<ssize_t>(child.raw.size())) {
+      Say(1002, e.SectionOffSet, static_cast<int>(n));
+      childResult = kSimpleFault;
+    } else {
+      child.rec = sfl_DecodeIndex(child.raw);
+      if (child.rec.Magic != SFL_MAGIC) {
+        Say(1003, child.rec.Magic);
+        childResult = kWrongMagic;
+      } else if (child.rec.Type != SFL_TYPE_INDEX) {
+        Say(1004, child.rec.Type);
+        childResult = kWrongType;
+      } else if (level + 1 >= kMaxTreeLevels) {
+        Say(1012, entry, U(r.at));
+        childResult = kSimpleFault;
+      }
+    }
+    if (childResult != kSound) {
+      atMost(childResult);
+      childrenFull = false;
+      if (repair) {
+        e = sfl_IndexEntry{};
+        sfl_PutU32(eraw, 0);
+        sfl_PutU32(eraw + 4, 0);
+        repaired = true;
+      }
+      continue;
+    }
+    if (dump_ != nullptr) sfl_DumpBlockedIndex(dump_, child.raw.data(), U(off));
+    treeRecords_.insert(off);
+    const RecordAnswer c = RecordCheck(child, r.at, level + 1, repair);
+    atMost(c.result);
+    if (!c.full) childrenFull = false;
+    // A set bit over a child that is not full hides free entries from every
+    // search. A clear bit over a full child is what the library leaves when
+    // it fills a leaf through its cached path; its next search of the tree
+    // sets the bit, so that is no fault.
+    const bool bit = ((x.FreeMap >> i) & 1u) != 0;
+    if (bit && !c.full) {
+      Say(1044, entry, U(r.at), c.full ? 1 : 0);
+      atMost(7);
+      if (repair) {
+        x.FreeMap &= ~(1u << i);
+        sfl_PutU32(raw + sfl_ix::FreeMap, x.FreeMap);
+        repaired = true;
+      }
+    }
+  }
+
+  // An empty entry of a branch cannot be full.
+  for (uint32_t i = 0; branch && i < SFL_INDEX_ENTRIES; ++i) {
+    const sfl_IndexEntry& e = x.Entries[i];
+    if (e.SectionOffSet != 0 || e.SectionSize != 0 || ((x.FreeMap >> i) & 1u) == 0) continue;
+    Say(1007, static_cast<int>(i), U(r.at));
+    atMost(7);
+    if (repair) {
+      x.FreeMap &= ~(1u << i);
+      sfl_PutU32(raw + sfl_ix::FreeMap, x.FreeMap);
+      repaired = true;
+    }
+  }
+
+  if (x.Used != count) {
+    Say(1039, U(r.at), x.Used, count);
+    atMost(kTreeFailed);
+    if (repair) {
+      x.Used = count;
+      sfl_PutU32(raw + sfl_ix::Used, count);
+      repaired = true;
+    }
+  }
+  if (!branch && last >= 1 && x.EverUsed < static_cast<uint32_t>(last) + 1) {
+    Say(1040, U(r.at), x.EverUsed, static_cast<unsigned>(last + 1));
+    atMost(kTreeFailed);
+    if (repair) {
+      // Set to the most a record can hold, not to the value needed.
+      x.EverUsed = SFL_INDEX_ENTRIES;
+      sfl_PutU32(raw + sfl_ix::EverUsed, x.EverUsed);
+      repaired = true;
+    }
+  }
+  if (repaired) {
+    ssize_t n = WriteAt(r.raw.data(), r.raw.size(), r.at);
+    if (n != static_cast<ssize_t>(r.raw.size())) Say(1011, U(r.at));
+  }
+  answer.full = count == SFL_INDEX_ENTRIES && (!branch || childrenFull);
+  return answer;
+}
+
+// Entries under one entry of a record of depth d, 32^d, saturating: a
+// damaged depth must not overflow the range arithmetic.
+uint64_t Span(uint32_t depth) {
+  uint64_t v = 1;
+  for (uint32_t i = 0; i < depth; ++i) {
+    if (v > (uint64_t{1} << 40)) return uint64_t{1} << 45;
+    v *= SFL_INDEX_ENTRIES;
+  }
+  return v;
+}
+
+int Checker::EverUsedWalk(uint64_t rootAt, bool repair) {
+  walked_.clear();
+  uint64_t highest = 0;
+  int result = kSound;
+  WalkRecord(rootAt, 0, repair, &highest, &result);
+  return result;
+}
+
+// Holds a record on the way to the highest block to its EverUsed.
+void Checker::HoldEverUsed(Record& r, uint64_t highest, bool repair, int* result) {
+  const sfl_IndexRecord& x = r.rec;
+  const uint64_t base = x.BaseBlockNum;
+  const uint64_t end = base + Span(x.Depth) * SFL_INDEX_ENTRIES;
+  uint64_t needed = 0;
+  if (end <= highest) {
+    needed = SFL_INDEX_ENTRIES;
+  } else if (highest >= base) {
+    const uint64_t upTo = highest - base + 1;
+    const uint64_t span = Span(x.Depth);
+    needed = x.Depth != 0 ? (upTo + span - 1) / span : upTo;
+    needed = std::min<uint64_t>(needed, SFL_INDEX_ENTRIES);
+  }
+  if (x.EverUsed >= needed) return;
+  Say(1040, U(r.at), x.EverUsed, U(needed));
+  *result = std::min(*result, kTreeFailed);
+  if (!repair) return;
+  r.rec.EverUsed = static_cast<uint32_t>(needed);
+  sfl_PutU32(r.raw.data() + sfl_ix::EverUsed, r.rec.EverUsed);
+  ssize_t n = WriteAt(r.raw.data(), r.raw.size(), r.at);
+  if (n != static_cast<ssize_t>(r.raw.size())) Say(1011, U(r.at));
+}
+
+// Visits the record at `at` from its last entry down (the first one looked
+// at is number 32, which lies in the reserved bytes after the entries), and
+// depth first. Returns true once the highest block in use was found below
+// (or in) this record; every record on the way back up is held to it.
+bool Checker::WalkRecord(uint64_t at, uint32_t level, bool repair, uint64_t* highest, int* result) {
+  Record r;
+  r.at = at;
+  ssize_t n = ReadAt(r.raw.data(), r.raw.size(), at);
+  if (n != static_cast<ssize_t>(r.raw.size())) {
+    Say(1002, U(at), static_cast<int>(n));
+    *result = std::min(*result, kTreeFailed);
+    return false;
+  }
+  // Only records the record check found sound are followed, each once: an
+  // entry read from the reserved bytes, or a damaged tree, could otherwise
+  // lead the walk round a cycle or into bytes that are no index record.
+  if (treeRecords_.count(at) == 0 || !walked_.insert(at).second || level >= kMaxTreeLevels)
+    return false;
+  r.rec = sfl_DecodeIndex(r.raw);
+  const uint8_t* raw = r.raw.data();
+  for (int i = static_cast<int>(SFL_INDEX_ENTRIES); i >= 0; --i) {
+    const uint32_t off = sfl_GetU32(raw + sfl_ix::Entries + sfl_ix::EntrySize * static_cast<size_t>(i));
+    if (off == 0) continue;
+    bool found = false;
+    if (r.rec.Depth == 0) {
+      *highest = static_cast<uint64_t>(i) + r.rec.BaseBlockNum;
+      found = true;
+    } else {
+      found = WalkRecord(off, level + 1, repair, highest, result);
+    }
+    if (found) {
+      HoldEverUsed(r, *highest, repair, result);
+      return true;
+    }
+  }
+  return false;
+}
+
+bool Checker::CompareFreeMap(uint64_t loc) {
+  if (loc > size_) {
+    Say(1017, U(loc));
+    return false;
+  }
+  if (loc + SFL_ITEM_HEADER_SIZE > size_) {
+    Say(1018, U(loc));
+    return false;
+  }
+  sfl_ItemHeaderBytes raw{};
+  ssize_t n = ReadAt(raw.data(), raw.size(), loc);
+  if (n != static_cast<ssize_t>(raw.size())) {
+    Say(1019, U(loc), static_cast<int>(n));
+    return false;
+  }
+  const sfl_ItemHeader h = sfl_DecodeItemHeader(raw);
+  if (h.Magic != SFL_MAGIC) {
+    Say(1020, U(loc), h.Magic);
+    return false;
+  }
+  if (h.Type != SFL_TYPE_ITEM_HEADER) {
+    Say(1021, U(loc), h.Type);
+    return false;
+  }
+  if (h.Flags & BLOCKED_ITEM) ER_RAISE(ER_GROUP_MAINT, 1033);
+  const uint64_t off = h.FileOffset;
+  if (off > size_) {
+    Say(1022, U(loc));
+    return false;
+  }
+  if (off + h.FileSize > size_) {
+    Say(1023, h.FileOffset, U(loc));
+    return false;
+  }
+  if (h.FileSize < shadow_.size()) {
+    Say(1034, h.FileSize, U(shadow_.size()));
+    return false;
+  }
+  // Only the part the shadow map covers is compared, so only that much of
+  // the map is read, however long the header says the map is.
+  std::vector<uint8_t> map(shadow_.size());
+  n = ReadAt(map.data(), map.size(), off);
+  if (n != static_cast<ssize_t>(map.size())) {
+    Say(1035);
+    return false;
+  }
+  bool sound = true;
+  bool repaired = false;
+  for (size_t i = 0; i < map.size(); ++i) {
+    const uint8_t disk = map[i];
+    const uint8_t used = shadow_[i];
+    if (disk == used) continue;
+    if ((disk & used) == used) {
+      Say(1037, U(i), static_cast<unsigned>(disk), static_cast<unsigned>(used));
+      continue;
+    }
+    Say(1036, U(i), static_cast<unsigned>(disk), static_cast<unsigned>(used));
+    sound = false;
+    if (repair_) {
+      map[i] = static_cast<uint8_t>(disk | used);
+      repaired = true;
+    }
+  }
+  if (repaired) {
+    ssize_t w = WriteAt(map.data(), map.size(), off);
+    if (w != static_cast<ssize_t>(map.size())) Say(1038);
+  }
+  return sound;
+}
+
+// Opens the file for the check: read-write, or read-only when only looking
+// and the file cannot be written.
+int OpenForCheck(const char* path, bool repair) {
+  int fd = os_open(path, O_RDWR);
+  if (fd < 0 && !repair && (errno == EACCES || errno == EROFS)) fd = os_open(path, O_RDONLY);
+  if (fd < 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path);
+  return fd;
+}
+
+int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FILE* dump,
+                 FdCloser& file, Interest& interest) {
+  file.fd = OpenForCheck(path, repairAsked);
+  if (os_flock(file.fd, LOCK_EX) != 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path);
+  struct stat st;
+  if (os_fstat(file.fd, &st) != 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path);
+  const uint64_t size = static_cast<uint64_t>(st.st_size);
+  if (size <= SFL_FILE_HEADER_SIZE) SFL_RAISE(SFL_R_BAD_FILE);
+  Checker c(file.fd, size, repairAsked, dump);
+
+  sfl_FileHeaderBytes raw{};
+  if (c.ReadAt(raw.data(), raw.size(), 0) != static_cast<ssize_t>(raw.size()))
+    ER_RAISE(ER_GROUP_MAINT, 1026);
+  const sfl_FileHeader fh = sfl_DecodeFileHeader(raw);
+  if (fh.Magic != SFL_MAGIC) {
+    Say(1027, fh.Magic);
+    SFL_RAISE(SFL_R_BAD_FILE);
+  }
+  if (fh.Type != SFL_TYPE_FILE_HEADER) {
+    Say(1028, fh.Type);
+    SFL_RAISE(SFL_R_BAD_FILE);
+  }
+  if (dump != nullptr) sfl_DumpHeader(dump, raw.data(), 0);
+
+  interest.rec = sfl_BaseRec{};
+  sfl_SetRef(interest.rec, ref);
+  sfl_RecordBaseInterest(&interest.rec);
+  interest.recorded = true;
+  if (interest.rec.ProcAccCount != 1 && c.repair()) {
+    c.SetRepair(false);
+    Say(1029);
+  }
+
+  int32_t fault = 0;
+  uint32_t maxItems = fh.MaxItems;
+  const bool single = (fh.Flags & SINGLE_FILE) != 0;
+  if (maxItems == 0 || (single && maxItems != 1)) {
+    // The check holds a single-item file to exactly one item slot.
+    Say(1030, static_cast<unsigned>(fh.MaxItems));
+    fault = 1;
+    maxItems = maxItems != 0 ? 1 : (single ? 1 : SFL_CONTAINER_MAX_ITEMS);
+  }
+
+  c.Mark(0, SFL_FILE_HEADER_SIZE);
+  c.Mark(fh.TableOffset, uint64_t{maxItems} * SFL_ITEM_HEADER_SIZE);
+
+  uint8_t inUse = fh.InUseItms;
+  bool inUseChanged = false;
+  bool compareMap = true;
+  // The in-use map is one byte: slots past the eighth have no bit.
+  const uint32_t slots = std::min(maxItems, kInUseBits);
+  for (uint32_t i = 0; i < slots; ++i) {
+    if ((inUse & (1u << i)) == 0) continue;
+    const uint64_t loc = uint64_t{fh.TableOffset} + uint64_t{SFL_ITEM_HEADER_SIZE} * i;
+    // Slot 0 holds the free map, which the check never repairs as an item.
+    const bool repairSlot = c.repair() && i != 0;
+    const int r = c.ItemCheck(loc, repairSlot, 0);
+    if (r == kSound) continue;
+    fault = 1;
+    if (r == kAllZero && repairSlot) {
+      inUse = static_cast<uint8_t>(inUse & ~(1u << i));
+      inUseChanged = true;
+    } else if (r >= 1 && r <= 7) {
+      Say(1031, U(loc));
+      if (i == 0) compareMap = false;
+    }
+  }
+
+  if (compareMap && !c.CompareFreeMap(fh.TableOffset)) fault = 1;
+
+  if (inUseChanged) {
+    raw[sfl_fh::InUseItms] = inUse;
+    if (c.WriteAt(raw.data(), raw.size(), 0) != static_cast<ssize_t>(raw.size()))
+      ER_RAISE(ER_GROUP_MAINT, 1042);
+  }
+  return fault;
+}
+
+}  // namespace
+
+extern "C" int32_t sfl_CheckSflIntegrity2(const sfl_ItemRef* ref, int32_t repair, FILE* dump) {
+  ER_TRACE_PROC("sfl_CheckSflIntegrity2");
+  if (ref == nullptr) ER_RAISE(ER_GROUP_CALL, EINVAL);
+  if (ref->Flags & SFL_ITEM_NUM_MASK) ER_RAISE(ER_GROUP_MAINT, 1032);
+  char path[4096];
+  im_ItemRef2FName(ref, path, sizeof path);
+
+  int32_t result = 1;
+  try {
+    // Declared inside the frame so that an escape releases them (interest
+    // first, then the descriptor and with it the whole-file lock) before
+    // the error is shown.
+    FdCloser file;
+    Interest interest;
+    result = RunCheck(*ref, path, repair != 0, dump, file, interest);
+  } catch (const er_Escape& e) {
+    std::fflush(stdout);
+    cl_DisplayError(e.group(), e.reason(), path);
+    er_Accept(3);
+    result = 1;
+    if (er_GetLive()) throw;
+  }
+  std::fflush(stdout);
+  return result;
+}
+
+extern "C" int32_t sfl_CheckSflIntegrity(const sfl_ItemRef* ref, int32_t repair) {
+  return sfl_CheckSflIntegrity2(ref, repair, nullptr);
+}
