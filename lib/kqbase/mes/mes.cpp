@@ -24,15 +24,21 @@ constexpr Message kMaint[] = {
     {1002, "short read of the index record at file offset %u: %d of 384 bytes"},
     {1003, "index record with a wrong magic number %u (an index record starts with 12345678)"},
     {1004, "index record of type %u, not 18"},
-    {1005, "the root index record at file offset %u overlaps space already in use"},
+    {1005, "the root index record at file offset %u overlaps space already in use, or lies far "
+           "past the end of the file"},
     {1006, "index record at file offset %u names %u as its parent, which is not the record "
            "that points to it"},
     {1007, "entry %d of the index record at file offset %u is empty but its free-map bit says "
            "full"},
     {1008, "entry %d points to file offset %u, past the end of the file"},
     {1009, "entry %d of the index record at file offset %u runs past the end of the file"},
-    {1010, "entry %d of the index record at file offset %u overlaps space already in use"},
+    {1010, "entry %d of the index record at file offset %u overlaps space already in use, or "
+           "lies far past the end of the file"},
     {1011, "could not write back the repaired index record at file offset %u"},
+    {1012, "entry %d of the index record at file offset %u leads more than seven levels down: "
+           "no index tree is that deep"},
+    {1013, "the item whose header is at file offset %u is an internal container inside an "
+           "internal container, which cannot be"},
     {1014, "the root index record of a blocked item lies at file offset %u, past the end of "
            "the file"},
     {1015, "the root index record at file offset %u runs past the end of the file"},
@@ -46,8 +52,8 @@ constexpr Message kMaint[] = {
            "file"},
     {1023, "the data at file offset %u of the item whose header is at file offset %u runs past "
            "the end of the file"},
-    {1024, "item data at file offset %u overlaps space already in use (or has no blocks "
-           "reserved)"},
+    {1024, "item data at file offset %u overlaps space already in use, has no blocks reserved, "
+           "or lies far past the end of the file"},
     {1025, "the internal container whose data starts at file offset %u has a damaged item "
            "slot; clearing the slot"},
     {1026, "short read of the file header"},
