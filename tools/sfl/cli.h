@@ -64,6 +64,7 @@ const std::vector<Command>& ItemCommands();
 const std::vector<Command>& StreamCommands();
 const std::vector<Command>& BlockCommands();
 const std::vector<Command>& ServiceCommands();
+const std::vector<Command>& CheckCommands();
 
 // Parses the words after the command name. Returns false when `--help` was
 // given (the caller prints the help). Throws UsageError.
@@ -85,6 +86,8 @@ sfl_ItemRef ParseContainerRef(const std::string& text);  // must name a containe
 bool TryParseItemRef(const std::string& text, sfl_ItemRef* out);
 std::string RefText(const sfl_ItemRef& ref);
 std::string RefPath(const sfl_ItemRef& ref);
+// The store root as the library names it (SFL_STORE_ROOT, else ./sfl-store).
+std::string StoreRootText();
 sfl_ItemRef ContainerOf(const sfl_ItemRef& ref);
 inline uint32_t ItemNumber(const sfl_ItemRef& ref) { return ref.Flags & SFL_ITEM_NUM_MASK; }
 

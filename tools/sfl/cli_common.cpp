@@ -54,15 +54,6 @@ bool Accepts(const std::function<void()>& fn) {
 
 // The store root as the library spells it, taken from the path of a
 // reference with all-zero numbers ("<root>/0/0/0").
-std::string StoreRootText() {
-  sfl_ItemRef zero{};
-  std::string p = RefPath(zero);
-  const std::string tail = "/0/0/0";
-  if (p.size() >= tail.size() && p.compare(p.size() - tail.size(), tail.size(), tail) == 0)
-    p.resize(p.size() - tail.size());
-  return p;
-}
-
 std::string Canonical(const std::string& path) {
   char buf[PATH_MAX];
   if (realpath(path.c_str(), buf) == nullptr) return std::string();
@@ -206,6 +197,15 @@ std::string RefPath(const sfl_ItemRef& ref) {
   char buf[PATH_MAX + 16];
   int32_t n = im_ItemRef2FName(&ref, buf, sizeof buf);
   return std::string(buf, static_cast<size_t>(n));
+}
+
+std::string StoreRootText() {
+  sfl_ItemRef zero{};
+  std::string p = RefPath(zero);
+  const std::string tail = "/0/0/0";
+  if (p.size() >= tail.size() && p.compare(p.size() - tail.size(), tail.size(), tail) == 0)
+    p.resize(p.size() - tail.size());
+  return p;
 }
 
 sfl_ItemRef ContainerOf(const sfl_ItemRef& ref) {
