@@ -331,6 +331,40 @@ TEST(CheckLibraryFiles, AfterDeletionsAndFrees) {
   ExpectClean(m.ref());
 }
 
+// ---- the dump stream ---------------------------------------------------------------------------
+
+size_t Occurrences(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+TEST(CheckDump, EveryHeaderAndIndexRecordReadIsDumped) {
+  Made m;
+  m.Simple(100);
+  m.Blocked(40);  // a root and two leaves
+  m.InternalContainer(2048, {2, 6}, 3);  // two internal items, one leaf each
+  m.Close();
+  FILE* dump = std::tmpfile();
+  ASSERT_NE(dump, nullptr);
+  CheckRun r = RunCheck(m.ref(), 0, dump);
+  EXPECT_EQ(r.result, 0) << Describe(r);
+  std::string text;
+  std::rewind(dump);
+  char buf[4096];
+  for (size_t n; (n = std::fread(buf, 1, sizeof buf, dump)) > 0;) text.append(buf, n);
+  std::fclose(dump);
+  EXPECT_EQ(text.rfind("=HHHHHHHHHHHHHHHHHHHHHHHH=\nLocation=0x00000000 (0)\n", 0), 0u) << text;
+  EXPECT_EQ(Occurrences(text, "=HHHHHHHHHHHHHHHHHHHHHHHH="), 1u);
+  // Slots 0 to 3, and the two internal headers.
+  EXPECT_EQ(Occurrences(text, "=IIIIIIIIIIIIIIIIIIIIIIII="), 6u);
+  EXPECT_EQ(Occurrences(text, "=XXXXXXXXXXXXXXXXXXXXXXXX="), 5u);
+  EXPECT_EQ(Occurrences(text, "=CICICICICICICICICICICI=2\n"), 1u);
+  EXPECT_EQ(Occurrences(text, "=CICICICICICICICICICICI=6\n"), 1u);
+  // The fault lines stay on standard output, away from the dump.
+  EXPECT_EQ(text.find("SFL-204-"), std::string::npos);
+}
+
 // ---- damage made by hand ------------------------------------------------------------------------
 
 // The free map's place, from slot 0's header.

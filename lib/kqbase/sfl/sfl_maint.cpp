@@ -28,11 +28,6 @@
 
 namespace {
 
-// TEMPORARY until the dumps land on main: replaced by the real calls.
-void sfl_DumpHeader(FILE*, const uint8_t*, unsigned) {}
-void sfl_DumpItemHeader(FILE*, const uint8_t*, unsigned) {}
-void sfl_DumpBlockedIndex(FILE*, const uint8_t*, unsigned) {}
-
 // Item-check results.
 constexpr int kSound = 255;
 constexpr int kAllZero = 9;
