@@ -125,3 +125,36 @@ TEST(ExtChown, GivesTheFileToTheNamedAccount) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ExtChown, AcceptsANumericUid) {
+  const std::string path = sfltest::StoreRoot() + "/by-uid";
+  int fd = os_open(path.c_str(), O_RDWR | O_CREAT, 0600);
+  os_close(fd);
+  setenv("SFL_SERVICE_USER", std::to_string(getuid()).c_str(), 1);
+  os_ResetCallCounts();
+  EXPECT_EQ(ext_ChownToVessant(path.c_str()), 0);
+  EXPECT_EQ(os_CallCount(os_Op::Chown), 1u);
+  setenv("SFL_SERVICE_USER", "12x", 1);  // neither a name that exists nor a number
+  EXPECT_EQ(ext_ChownToVessant(path.c_str()), -1);
+  unsetenv("SFL_SERVICE_USER");
+}
+
+TEST(ExtChown, AChangeTheProcessMayNotMakeIsAnError) {
+  // An unprivileged process giving its own file to another user.
+  const int rc = sfltest::RunInChild([] {
+    if (getuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) return 10;
+    char tmpl[] = "/tmp/sfl-chown-XXXXXX";
+    const int fd = mkstemp(tmpl);
+    if (fd < 0) return 11;
+    close(fd);
+    setenv("SFL_SERVICE_USER", std::to_string(getuid() == 4321 ? 4322 : 4321).c_str(), 1);
+    const int result = ext_ChownToVessant(tmpl);
+    unlink(tmpl);
+    return result == -1 ? 0 : 1;
+  });
+  EXPECT_EQ(rc, 0);
+}
+
+}  // namespace

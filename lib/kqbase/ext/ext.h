@@ -14,8 +14,11 @@ void ext_SetBits(uint8_t* map, uint32_t lenBytes, uint32_t first, uint32_t count
 // Whether all `count` bits from `first` equal `value` (false if any lies
 // beyond the map).
 bool ext_CheckBits(const uint8_t* map, uint32_t lenBytes, uint32_t first, uint32_t count, int value);
-// Gives the file to the account named by "SFL_SERVICE_USER" (and its group);
-// does nothing when the key is absent. Returns 0 or -1.
+// Gives the file to the service account "SFL_SERVICE_USER" names: a user
+// name (the file also gets that user's group) or a decimal uid (the group is
+// left as it is). Does nothing and returns 0 when the key is absent or empty.
+// Returns -1 when the account is unknown or the change of owner is refused
+// (a process may not give a file to another user without the privilege).
 int ext_ChownToVessant(const char* path);
 
 #endif  // KQ_EXT_H

@@ -283,6 +283,31 @@ SFL_API int32_t sfl_DumpOpenL3Items(void);
 SFL_API int32_t sfl_CheckSflIntegrity2(const sfl_ItemRef* ref, int32_t repair, FILE* dump);
 SFL_API int32_t sfl_CheckSflIntegrity(const sfl_ItemRef* ref, int32_t repair);
 
+/* ---- whole-file compaction ------------------------------------------------------------ */
+/* Whether an open container has enough holes to be rebuilt (1) or not (0). */
+SFL_API uint32_t sfl_AnalyseFreeMap(sfl_BaseRec* rec);
+/* Rebuilds the container a record names (only its reference is used) without
+   holes and puts it in place of the old file: 0 compacted or nothing to do,
+   1 the rebuild failed and the old file was left as it was. */
+SFL_API uint32_t sfl_CompactSflFile(sfl_BaseRec* rec);
+/* The same by reference, saying which of the outcomes it was. */
+typedef enum sfl_CompactOutcome {
+  SFL_COMPACT_DONE = 0,     /* the file was rebuilt and replaced */
+  SFL_COMPACT_FAILED = 1,   /* the rebuild failed; the old file is as it was */
+  SFL_COMPACT_HELD = 2,     /* another process holds the file: marked NEED_COMPACTION */
+  SFL_COMPACT_REPLACED = 3  /* the file had been replaced already */
+} sfl_CompactOutcome;
+SFL_API int32_t sfl_CompactContainer(const sfl_ItemRef* ref);
+/* Copy routines of the rebuild (results: 255 copied, 9 empty slot, 8 not
+   copied completely, 1/2/3 an index record short, without magic, of the
+   wrong type; the container copy gives 1 all internal items copied, else 0). */
+SFL_API int32_t sfl_CopyOutBlockedItem(int32_t newBase, uint32_t newHeaderOff, int32_t oldFd,
+                                       uint32_t topIndexOff, uint32_t size);
+SFL_API int32_t sfl_CopyOutInternalContainer(int32_t newBase, uint32_t newHeaderOff, int32_t oldFd,
+                                             uint32_t dataOff, uint32_t size);
+/* The file header's flags of an open container (NEED_COMPACTION, ...). */
+SFL_API uint32_t sfl_GetFileFlags(int32_t baseHandle);
+
 /* ---- interest records ------------------------------------------------------------------ */
 SFL_API void sfl_GetQueue(const sfl_ItemRef* ref, int32_t* requestQueue, int32_t* replyQueue,
                           int32_t* pairCount, int32_t* servicePid);

@@ -59,6 +59,7 @@ enum sfl_Reason : int {
   SFL_R_ACTIVATE_INT = 28891,
   SFL_R_SINGLE_FILE = 28892,
   SFL_R_READ_ONLY = 28893,
+  SFL_R_CHOWN = 28895,
   SFL_R_NEED_MEM_MAP = 28896,
   SFL_R_NOT_BUILT = 28897,
   SFL_R_NO_MAP_HEADER = 28898,
@@ -265,8 +266,18 @@ void sfl_FreeIndexTree(sfl_ItemRec* item, uint32_t rootOff, uint8_t* map, uint32
                        uint32_t freeData);
 
 // ---- whole-file compaction (sfl_filecmpct) ---------------------------------------------------
-uint32_t sfl_AnalyseFreeMap(sfl_BaseRec* rec);
-uint32_t sfl_CompactSflFile(sfl_BaseRec* rec);
+// sfl_AnalyseFreeMap, sfl_CompactSflFile and the exported copy routines are
+// declared in sfl.h. The routines below copy one item or one index record of
+// the old file into the new one and return a copy result code (255 copied,
+// 9 empty slot, 8 incomplete, 6 header unreadable, 1/2/3 index record short,
+// without magic, of the wrong type).
+int32_t sfl_CopyOutItem(int32_t newBase, uint32_t newHeaderOff, int32_t oldFd,
+                        uint32_t oldHeaderOff);
+int32_t sfl_CopyOutIndex(int32_t itemHandle, int32_t oldFd, const sfl_IndexRecord& record);
+int32_t sfl_CopyOutIndexChild(int32_t itemHandle, int32_t oldFd, const sfl_IndexRecord& parent,
+                              uint32_t entry);
+// Forgets the holes settings read, so the next analysis reads them again (tests).
+void sfl_ResetCompactionSettings();
 
 // ---- cold store (sfl_bhands) ------------------------------------------------------------------
 // Puts a file whose last user closed it into the cold store (size check,
