@@ -65,6 +65,7 @@ const std::vector<Command>& StreamCommands();
 const std::vector<Command>& BlockCommands();
 const std::vector<Command>& ServiceCommands();
 const std::vector<Command>& CheckCommands();
+const std::vector<Command>& CompactCommands();
 
 // Parses the words after the command name. Returns false when `--help` was
 // given (the caller prints the help). Throws UsageError.

@@ -196,10 +196,33 @@ std::string ItemRefIn(const sfl_ItemRef& container, uint32_t n) {
   return RefText(r);
 }
 
+// The container's own flags (file header) by name.
+std::vector<std::string> FileFlagNames(uint32_t flags) {
+  static const struct {
+    uint32_t bit;
+    const char* name;
+  } kNames[] = {{SINGLE_FILE, "SINGLE_FILE"},         {ASYNCHRONOUS, "ASYNCHRONOUS"},
+                {BEEN_COMPACTED, "BEEN_COMPACTED"},   {ITEM_PEND_DEL, "ITEM_PEND_DEL"},
+                {NEED_COMPACTION, "NEED_COMPACTION"}, {HAS_BEEN_COMPACTED, "HAS_BEEN_COMPACTED"}};
+  std::vector<std::string> names;
+  uint32_t known = 0;
+  for (const auto& n : kNames) {
+    known |= n.bit;
+    if (flags & n.bit) names.push_back(n.name);
+  }
+  if (flags & ~known) {
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "0x%x", flags & ~known);
+    names.push_back(buf);
+  }
+  return names;
+}
+
 int RunLs(const Args& a) {
   sfl_ItemRef ref = ParseContainerRef(a.positional[0]);
   Container c(ref);
   const std::vector<sfl_ItemInfo> slots = c.Slots();
+  const std::vector<std::string> fileFlags = FileFlagNames(sfl_GetFileFlags(c.handle()));
   c.Close();
   const bool all = a.Has("all");
   size_t used = 0;
@@ -210,7 +233,9 @@ int RunLs(const Args& a) {
     std::string s = "{\"container\": " + JsonString(RefText(ref)) +
                     ", \"path\": " + JsonString(RefPath(ref)) +
                     ", \"slots\": " + std::to_string(slots.size()) +
-                    ", \"used\": " + std::to_string(used) + ", \"items\": [";
+                    ", \"used\": " + std::to_string(used) + ", \"file_flags\": [";
+    for (size_t i = 0; i < fileFlags.size(); ++i) s += (i ? ", " : "") + JsonString(fileFlags[i]);
+    s += "], \"items\": [";
     bool first = true;
     for (const sfl_ItemInfo& it : slots) {
       if (!shown(it)) continue;
@@ -233,8 +258,11 @@ int RunLs(const Args& a) {
     return kExitOk;
   }
 
-  std::printf("%s  %s  %zu of %zu item slots used\n", RefText(ref).c_str(), RefPath(ref).c_str(),
-              used, slots.empty() ? size_t{0} : slots.size() - 1);
+  std::string joined;
+  for (const std::string& f : fileFlags) joined += (joined.empty() ? "" : "|") + f;
+  std::printf("%s  %s  %zu of %zu item slots used  file flags: %s\n", RefText(ref).c_str(),
+              RefPath(ref).c_str(), used, slots.empty() ? size_t{0} : slots.size() - 1,
+              joined.empty() ? "-" : joined.c_str());
   std::printf("%4s %12s %8s %6s  %-20s  %s\n", "ITEM", "SIZE", "BLOCKS", "ATTACH", "CHANGED",
               "FLAGS");
   for (const sfl_ItemInfo& it : slots) {
@@ -366,8 +394,10 @@ const std::vector<Command>& ItemCommands() {
       {"ls",
        "<container> [--json] [--all]",
        "list the items of a container",
-       "Lists the items in use: item number, size in bytes, 128-byte blocks reserved,\n"
-       "attach count, change time (UTC) and flags by name.\n",
+       "Lists the container's own flags (NEED_COMPACTION: its next last close or 'sfl\n"
+       "compact' rebuilds it; HAS_BEEN_COMPACTED: replaced by a rebuild; ...), then the\n"
+       "items in use: item number, size in bytes, 128-byte blocks reserved, attach\n"
+       "count, change time (UTC) and flags by name.\n",
        {{"json", 0, false, "print one JSON object"},
         {"all", 'a', false, "also show slot 0 (the free map) and free slots"}},
        1,

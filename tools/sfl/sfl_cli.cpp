@@ -43,7 +43,8 @@ const char kTrailer[] =
 std::vector<const Command*> AllCommands() {
   std::vector<const Command*> all;
   for (const auto* table : {&cli::ItemCommands(), &cli::StreamCommands(), &cli::BlockCommands(),
-                            &cli::ServiceCommands(), &cli::CheckCommands()})
+                            &cli::ServiceCommands(), &cli::CheckCommands(),
+                            &cli::CompactCommands()})
     for (const Command& c : *table) all.push_back(&c);
   return all;
 }

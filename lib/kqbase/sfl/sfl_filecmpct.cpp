@@ -283,10 +283,13 @@ int32_t CopyContainer(int32_t newBase, uint32_t newHeaderOff, int fd, uint32_t d
   return result;
 }
 
-// Clears INT_ITEM in a header of the new file. Blocked items are recreated as
-// internal items; one that lives in the item table must not stay marked so,
-// or deleting it later would never give its slot back.
-void MarkAsTableItem(sfl_BaseRec* newRec, uint32_t headerOff) {
+// Gives a copied item's new header what the old one said about the item
+// itself: its owners (attach count), change date, flags and size. Only where
+// its space lies stays new. A
+// rebuilt header would otherwise leave an item with several owners to the
+// first detach, and mark a table item internal, so that deleting it would
+// never give its slot back.
+void KeepItemFields(sfl_BaseRec* newRec, uint32_t headerOff, const sfl_ItemHeader& old) {
   sfl_ItemRec stub;
   stub.BaseRecord = newRec;
   stub.HeaderOff = headerOff;
@@ -294,7 +297,10 @@ void MarkAsTableItem(sfl_BaseRec* newRec, uint32_t headerOff) {
   lock.IntHeader(newRec, headerOff, SFL_LOCK_EXCL);
   sfl_ItemHeader h;
   sfl_ReadInternalItemH(&stub, headerOff, &h);
-  h.Flags &= ~static_cast<uint32_t>(INT_ITEM);
+  h.AccCount = old.AccCount;
+  h.ChangeDate = old.ChangeDate;
+  h.Flags = old.Flags & ~static_cast<uint32_t>(MEM_FREEMAP);
+  h.FileSize = old.FileSize;
   sfl_WriteInternalItemH(&stub, headerOff, h);
 }
 
@@ -311,26 +317,36 @@ int32_t CopyItem(int32_t newBase, uint32_t newHeaderOff, int fd, uint64_t oldHea
   if (h.Flags & BLOCKED_ITEM) {
     const int32_t code = CopyBlocked(newBase, newHeaderOff, fd, h.FileOffset);
     if (code != kCopied) return kIncomplete;
-    if ((h.Flags & INT_ITEM) == 0) MarkAsTableItem(sfl_Handle2Record(newBase), newHeaderOff);
+    KeepItemFields(sfl_Handle2Record(newBase), newHeaderOff, h);
     return kCopied;
   }
 
   // The data a simple header describes must lie inside the old file; a
   // size or offset that does not is a header whose item cannot be read.
   if (!InsideSource(fd, h.FileOffset, h.FileSize)) return kHeaderShort;
+  // The whole reserved run is copied, so that the item can still be made
+  // larger within the space reserved when it was stored. A run recorded as
+  // reaching past the old file's last block is not believed: then only the
+  // data is copied.
+  uint32_t run = h.FileSize;
+  const uint64_t reserved = uint64_t{h.UsedBlocks} * SFL_BLOCK_SIZE;
+  const uint64_t sourceBlocksEnd = (SourceSize(fd) + SFL_BLOCK_SIZE - 1) / SFL_BLOCK_SIZE * SFL_BLOCK_SIZE;
+  if (reserved > run && uint64_t{h.FileOffset} + reserved <= sourceBlocksEnd && reserved <= UINT32_MAX)
+    run = static_cast<uint32_t>(reserved);
   if (h.FileSize > 1023) {
     uint8_t marker[8];
     if (ReadOld(fd, marker, sizeof marker, h.FileOffset) && sfl_GetU32(marker) == SFL_MAGIC &&
         sfl_GetU32(marker + 4) == kContainerMarkerType) {
       if (nesting >= kMaxContainerNesting) return kIncomplete;
-      return CopyContainer(newBase, newHeaderOff, fd, h.FileOffset, h.FileSize, nesting) == 0
-                 ? kIncomplete
-                 : kCopied;
+      if (CopyContainer(newBase, newHeaderOff, fd, h.FileOffset, run, nesting) == 0)
+        return kIncomplete;
+      KeepItemFields(sfl_Handle2Record(newBase), newHeaderOff, h);
+      return kCopied;
     }
   }
-  NewHandle copy(sfl_CopySimpleItem(newBase, newHeaderOff, fd, h.FileOffset, h.FileSize, 0),
-                 false);
+  NewHandle copy(sfl_CopySimpleItem(newBase, newHeaderOff, fd, h.FileOffset, run, 0), false);
   copy.Close();
+  KeepItemFields(sfl_Handle2Record(newBase), newHeaderOff, h);
   return kCopied;
 }
 
