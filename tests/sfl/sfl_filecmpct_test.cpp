@@ -1004,3 +1004,42 @@ TEST(FileCompaction, EverySystemCallFailingInTurnLeavesAWholeFileAndNothingHeld)
   std::fprintf(stderr, "%d rebuilds with one failing call each\n", runs);
   EXPECT_GT(runs, 20);
 }
+
+TEST(FileCompaction, ItemsKeepTheirOwnersDatesFlagsAndReservedSpace) {
+  auto c = sfltest::NewContainer();
+  sfl_ItemRef twoOwners{}, shrunk{}, tree{};
+  int32_t h = PutSimple(c.bh, Data(500, 1), &twoOwners);
+  sfl_Attach2OpenItem(h);
+  sfl_ChangeTime(h, 1000000000);
+  sfl_CloseItem(h);
+  h = PutSimple(c.bh, Data(1000, 2), &shrunk);
+  sfl_TruncateSimItem(h, 10);
+  sfl_CloseItem(h);
+  h = PutBlocked(c.bh, {{0, Data(20, 3)}}, &tree);
+  sfl_CloseItem(h);
+  sfl_CloseFile(c.bh);
+  const std::string path = ItemPath(c.ref);
+  const sfl_ItemHeader before1 = SlotOfPath(path, 1), before2 = SlotOfPath(path, 2),
+                       before3 = SlotOfPath(path, 3);
+
+  EXPECT_EQ(sfl_CompactContainer(&c.ref), SFL_COMPACT_DONE);
+  const sfl_ItemHeader after1 = SlotOfPath(path, 1), after2 = SlotOfPath(path, 2),
+                       after3 = SlotOfPath(path, 3);
+  EXPECT_EQ(after1.AccCount, 2u);
+  EXPECT_EQ(after1.ChangeDate, 1000000000u);
+  EXPECT_EQ(after2.FileSize, 10u);
+  EXPECT_EQ(after2.UsedBlocks, before2.UsedBlocks);
+  EXPECT_EQ(after3.AccCount, before3.AccCount);
+  EXPECT_EQ(after3.Flags, before3.Flags);
+  EXPECT_EQ(after3.FileSize, before3.FileSize);
+  EXPECT_EQ(after1.Flags, before1.Flags);
+
+  // One detach leaves the second owner; the shrunk item grows back within
+  // its reserved run, to the bytes it held.
+  EXPECT_EQ(sfl_DetachItem(&twoOwners), 1u);
+  EXPECT_EQ(sfl_ItemExists(&twoOwners), 1);
+  const int32_t s = sfl_OpenItem(&shrunk, 0);
+  sfl_TruncateSimItem(s, 1000);
+  EXPECT_EQ(ReadSimple(s), Data(1000, 2));
+  sfl_CloseItem(s);
+}
