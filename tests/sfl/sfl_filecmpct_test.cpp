@@ -273,6 +273,11 @@ std::string CheckMap(const sfl_ItemRef& file) {
   return err;
 }
 
+// The integrity check's verdict on a container; "" when it finds no fault.
+std::string Integrity(const sfl_ItemRef& file) {
+  return sfl_CheckSflIntegrity(&file, 0) == 0 ? "" : "the integrity check found faults; ";
+}
+
 // Runs `check` in another process; expects it to return "".
 void ExpectElsewhere(const std::function<std::string()>& check) {
   const int rc = sfltest::RunInChild([&] {
@@ -368,8 +373,8 @@ TEST(FileCompaction, EveryKindOfItemReadsBackAfterTheLastCloseCompacts) {
   EXPECT_LT(std::llabs(lostA - deletedA - mapA), 128) << lostA << " " << mapA;
   EXPECT_LT(std::llabs(lostB - deletedB - mapB), 128) << lostB << " " << mapB;
 
-  ExpectElsewhere([&] { return CheckContent(a.ref, wantA) + CheckMap(a.ref); });
-  ExpectElsewhere([&] { return CheckContent(b.ref, wantB) + CheckMap(b.ref); });
+  ExpectElsewhere([&] { return CheckContent(a.ref, wantA) + CheckMap(a.ref) + Integrity(a.ref); });
+  ExpectElsewhere([&] { return CheckContent(b.ref, wantB) + CheckMap(b.ref) + Integrity(b.ref); });
 }
 
 // ==== the free-map analysis and its settings ===================================================
@@ -560,7 +565,7 @@ TEST(FileCompaction, ASecondProcessStopsItAndItsCloseCompactsWithoutAnalysis) {
   EXPECT_FALSE(HeaderOfPath(path).Flags & (NEED_COMPACTION | HAS_BEEN_COMPACTED));
   Expected want;
   want.simple[1] = data;
-  ExpectElsewhere([&] { return CheckContent(c.ref, want) + CheckMap(c.ref); });
+  ExpectElsewhere([&] { return CheckContent(c.ref, want) + CheckMap(c.ref) + Integrity(c.ref); });
 }
 
 TEST(FileCompaction, ASlotInUseWithAZeroHeaderIsCountedButNotWritten) {
@@ -633,7 +638,7 @@ TEST(FileCompaction, ExactlyOneKibibyteWithTheMarkerIsAContainerOneByteLessIsDat
   EXPECT_EQ(sfl_CompactContainer(&c.ref), SFL_COMPACT_DONE);
   // The map check counts the 1,024-byte item's internal tree and must not
   // find the 1,023-byte item's.
-  ExpectElsewhere([&] { return CheckContent(c.ref, want) + CheckMap(c.ref); });
+  ExpectElsewhere([&] { return CheckContent(c.ref, want) + CheckMap(c.ref) + Integrity(c.ref); });
 }
 
 namespace {
@@ -673,7 +678,7 @@ TEST(FileCompaction, EmptyIndexEntriesComeBackAsEmptyBlocksAtTheSameNumbers) {
   want[2] = {};  // never written below EverUsed: empty as well
   Expected e;
   e.blocked[1] = want;
-  ExpectElsewhere([&] { return CheckContent(c.ref, e) + CheckMap(c.ref); });
+  ExpectElsewhere([&] { return CheckContent(c.ref, e) + CheckMap(c.ref) + Integrity(c.ref); });
   // Past EverUsed of the last leaf reads stay refused as before.
   const int32_t h = sfl_OpenItem(&ref, 0);
   uint8_t buf[16];
@@ -727,7 +732,7 @@ TEST(FileCompaction, AnItemPendingDeletionIsReleasedNotRevived) {
   EXPECT_EQ(sfl_ItemExists(&goneRef), 0);
   Expected want;
   want.simple[1] = keep;
-  ExpectElsewhere([&] { return CheckContent(c.ref, want) + CheckMap(c.ref); });
+  ExpectElsewhere([&] { return CheckContent(c.ref, want) + CheckMap(c.ref) + Integrity(c.ref); });
 }
 
 TEST(FileCompaction, ABlockedItemOfTheTableStaysATableItem) {
