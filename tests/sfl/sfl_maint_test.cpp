@@ -677,6 +677,23 @@ TEST(CheckFaults, ItemWithSizeButNoBlocksCollides) {
   EXPECT_EQ(Faults(r), (std::vector<int>{1043, 1024, 1031})) << Describe(r);
 }
 
+TEST(CheckFaults, HugeBlockCountIsRefusedNotMapped) {
+  // 2^32 - 1 blocks from a small file: the shadow map is not grown to
+  // cover them (half a gigabyte); the area is reported like a collision.
+  Made m;
+  const uint32_t slot = m.Simple(1000);
+  m.Close();
+  RawFile f(m.Path());
+  const uint32_t off = f.Header(SlotAt(slot)).FileOffset;
+  f.PutU32(SlotAt(slot) + sfl_ih::UsedBlocks, 0xFFFFFFFFu);
+  const auto start = std::chrono::steady_clock::now();
+  CheckRun r = RunCheck(m.ref(), 0);
+  EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 2.0);
+  EXPECT_EQ(r.result, 1) << Describe(r);
+  EXPECT_EQ(Faults(r), (std::vector<int>{1024, 1031})) << Describe(r);
+  EXPECT_EQ(r.Line(1024).rfind("SFL-204-1024: item data at file offset " + std::to_string(off), 0), 0u);
+}
+
 TEST(CheckFaults, AllZeroSlotClearsItsInUseBitOnRepair) {
   Made m;
   const uint32_t slot = m.Simple(100);

@@ -156,9 +156,8 @@ class Checker {
     const uint64_t needBytes = (first + n + 7) / 8;
     if (needBytes > shadow_.size())
       shadow_.resize(BlocksOf(needBytes) * SFL_BLOCK_SIZE, 0);
-    for (uint64_t b = first; b < first + n; ++b)
-      if (shadow_[b / 8] & (1u << (b % 8))) return false;
-    for (uint64_t b = first; b < first + n; ++b) shadow_[b / 8] |= static_cast<uint8_t>(1u << (b % 8));
+    if (!Bits(first, n, false)) return false;
+    Bits(first, n, true);
     return true;
   }
 
@@ -171,6 +170,32 @@ class Checker {
     sfl_IndexBytes raw{};
     sfl_IndexRecord rec;
   };
+
+  // With set false: whether bits [first, first + n) are all clear. With set
+  // true: sets them. Whole bytes are handled a byte at a time, so that a
+  // damaged file full of long overlapping areas stays quick to check.
+  bool Bits(uint64_t first, uint64_t n, bool set) {
+    uint64_t b = first;
+    const uint64_t end = first + n;
+    while (b < end) {
+      uint8_t& byte = shadow_[b / 8];
+      if (b % 8 == 0 && end - b >= 8) {
+        if (set)
+          byte = 0xFF;
+        else if (byte != 0)
+          return false;
+        b += 8;
+        continue;
+      }
+      const uint8_t bit = static_cast<uint8_t>(1u << (b % 8));
+      if (set)
+        byte = static_cast<uint8_t>(byte | bit);
+      else if (byte & bit)
+        return false;
+      ++b;
+    }
+    return true;
+  }
 
   void MarkDeleted(uint64_t loc, sfl_ItemHeaderBytes raw, bool repair);
   int BlockedCheck(uint64_t loc, sfl_ItemHeaderBytes& raw, const sfl_ItemHeader& h, bool repair);
