@@ -83,6 +83,9 @@ class MessageStore {
   // Reads every part of a message into bufs (each at least its part size).
   virtual void Read(int msg, uint8_t* const bufs[kPartsPerMessage]) = 0;
   virtual void Delete(int msg) = 0;
+  // Deletes some parts of a message and keeps the rest (W4 strips the
+  // attachments); the parts are given in `parts`.
+  virtual void DeleteParts(int msg, const std::vector<int>& parts) = 0;
   // One part, for the many-readers workload; returns the bytes read.
   virtual uint32_t ReadPart(int msg, int part, uint8_t* buf) = 0;
   // Makes what was stored findable by other processes (untimed).
@@ -117,7 +120,7 @@ std::vector<uint64_t> SflCallSnapshot();
 void AddSflCallFigures(Figures& f, const std::vector<uint64_t>& before);
 
 // ---- the measured run (child side) -------------------------------------------------
-// Runs one workload ("W1", "W2", "W3", "W3build", or "idle" / "idleread",
+// Runs one workload ("W1", "W2", "W3", "W3build", "W4", or "idle" / "idleread",
 // which only open the system for reading or writing) on one system
 // in `dir`, and returns its figures.
 Figures RunWorkload(const std::string& workload, const std::string& system, Durability d,

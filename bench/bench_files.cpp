@@ -54,6 +54,12 @@ class FilesStore : public MessageStore {
     if (rmdir(mdir.c_str()) != 0) Fail("rmdir %s", mdir.c_str());
   }
 
+  void DeleteParts(int msg, const std::vector<int>& parts) override {
+    std::string mdir = MessageDir(msg);
+    for (int p : parts)
+      if (unlink(PartPath(mdir, p).c_str()) != 0) Fail("unlink");
+  }
+
  private:
   std::string MessageDir(int msg) const {
     return root_ + "/" + std::to_string(msg % kFanOut) + "/" + std::to_string(msg);

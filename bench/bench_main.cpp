@@ -4,7 +4,7 @@
 //
 //   sfl_bench [--out FILE] [--reps N] [--dir DIR] [--scale F] [--sync-scale F]
 //             [--sync-block-scale F] [--strace-scale F] [--no-strace]
-//             [--workloads W1,W2,W3]
+//             [--workloads W1,W2,W3,W4]
 //
 // A flush costs milliseconds on an ordinary disk, so the flushing runs
 // use fewer messages (--sync-scale, default 0.1) and blocks
@@ -47,7 +47,7 @@ struct Options {
   double syncBlockScale = 0.04;  // W2 blocks when flushing
   double straceScale = 0.1;
   bool strace = true;
-  std::vector<std::string> workloads = {"W1", "W2", "W3"};
+  std::vector<std::string> workloads = {"W1", "W2", "W3", "W4"};
 };
 
 struct Run {

@@ -80,6 +80,7 @@ class SqliteStore : public MessageStore {
       db_.Exec("CREATE TABLE IF NOT EXISTS parts(id INTEGER PRIMARY KEY, data BLOB)");
       insert_ = db_.Prepare("INSERT INTO parts(id, data) VALUES(?, ?)");
       delete_ = db_.Prepare("DELETE FROM parts WHERE id BETWEEN ? AND ?");
+      deletePart_ = db_.Prepare("DELETE FROM parts WHERE id = ?");
       begin_ = db_.Prepare("BEGIN");
       commit_ = db_.Prepare("COMMIT");
     }
@@ -113,10 +114,22 @@ class SqliteStore : public MessageStore {
     db_.Step(commit_);
   }
 
+  // One transaction per message; the freed pages stay in the file (no VACUUM).
+  void DeleteParts(int msg, const std::vector<int>& parts) override {
+    db_.CloseBlob();
+    db_.Step(begin_);
+    for (int p : parts) {
+      sqlite3_bind_int64(deletePart_, 1, PartRow(msg, p));
+      db_.Step(deletePart_);
+    }
+    db_.Step(commit_);
+  }
+
  private:
   Db db_;
   sqlite3_stmt* insert_ = nullptr;
   sqlite3_stmt* delete_ = nullptr;
+  sqlite3_stmt* deletePart_ = nullptr;
   sqlite3_stmt* begin_ = nullptr;
   sqlite3_stmt* commit_ = nullptr;
 };

@@ -96,6 +96,48 @@ Figures RunW1(const std::string& system, Durability d, const std::string& dir, c
   return f;
 }
 
+// W4, churn: W1's messages stored, then the two largest parts of every
+// message deleted (attachments stripped) and the store closed. Figures: the
+// deletions' time, compaction and close included, and the disk left per
+// byte of payload still live.
+Figures RunW4(const std::string& system, Durability d, const std::string& dir, const Sizes& s) {
+  auto store = OpenStore(system, dir, d, true);
+  PartBuffers in;
+  StoreAll(*store, s.messages, in);
+  Figures f;
+  if (s.measureDisk) f["disk_after_store"] = static_cast<double>(DiskBytes(dir));
+  const std::vector<int> stripped = {kPartsPerMessage - 2, kPartsPerMessage - 1};
+  int64_t calls0 = store->OwnCallCount();
+  std::vector<uint64_t> kinds0 = SflCallSnapshot();
+  double t0 = Now();
+  for (int m = 0; m < s.messages; ++m) store->DeleteParts(m, stripped);
+  double t1 = Now();
+  int64_t calls1 = store->OwnCallCount();
+  if (system == "sfl") AddSflCallFigures(f, kinds0);
+  // What is left must still read back (untimed).
+  std::vector<uint8_t> buf(kPartSizes[kPartsPerMessage - 1]);
+  for (int m = 0; m < s.messages; ++m) {
+    for (int p = 0; p < kPartsPerMessage - 2; ++p) {
+      uint32_t n = store->ReadPart(m, p, buf.data());
+      if (n != kPartSizes[p] || !CheckPayload(buf.data(), n, m, p)) Fail("message %d part %d differs", m, p);
+    }
+  }
+  double t2 = Now();
+  store.reset();
+  double t3 = Now();
+  if (s.measureDisk) f["disk_end"] = static_cast<double>(DiskBytes(dir));
+
+  uint64_t live = 0;
+  for (int p = 0; p < kPartsPerMessage - 2; ++p) live += kPartSizes[p];
+  f["t_delete"] = (t1 - t0) + (t3 - t2);
+  f["seconds"] = f["t_delete"];
+  f["ops"] = static_cast<double>(s.messages) * static_cast<double>(stripped.size());
+  f["payload_after_store"] = static_cast<double>(PayloadBytesPerMessage()) * s.messages;
+  f["payload_end"] = static_cast<double>(live) * s.messages;
+  if (calls0 >= 0) f["own_calls"] = static_cast<double>(calls1 - calls0);
+  return f;
+}
+
 Figures RunW3Build(const std::string& system, Durability d, const std::string& dir, const Sizes& s) {
   auto store = OpenStore(system, dir, d, true);
   PartBuffers in;
@@ -249,6 +291,7 @@ Figures RunWorkload(const std::string& workload, const std::string& system, Dura
   if (workload == "W2") return RunW2(system, d, dir, sizes);
   if (workload == "W3build") return RunW3Build(system, d, dir, sizes);
   if (workload == "W3") return RunW3(system, d, dir, sizes);
+  if (workload == "W4") return RunW4(system, d, dir, sizes);
   if (workload == "idle") return RunIdle(system, d, dir, true);
   if (workload == "idleread") return RunIdle(system, d, dir, false);
   Fail("unknown workload %s", workload.c_str());

@@ -494,6 +494,18 @@ void SyncDirectoryOf(const std::string& path) {
   if (rc != 0) ER_RAISE(ER_GROUP_OS, err);
 }
 
+// Whether this process was told never to flush ("SFL_ALL_ASYNC_IO", or the
+// switch set by sfl_SetAllAsync). The new file is flushed even so before it
+// replaces the old one: without that a crash could leave the name on a file
+// that was never written out, and the old contents would be gone as well.
+bool ProcessNeverFlushes() {
+  const uint32_t allAsync = sfl_SetAllAsync(0);
+  sfl_SetAllAsync(allAsync);
+  if (allAsync == 1) return true;
+  return cust_GetCustomiseInfo("SFL_ALL_ASYNC_IO") != nullptr &&
+         cust_GetCustomiseInfo("SFL_ALL_SYNC_IO") == nullptr;
+}
+
 // Copies the old file's items into the new one (steps of the copy loop):
 // returns the working header with the slots that were copied.
 void CopyItems(Rebuild& r, int32_t newBase, const sfl_FileHeader& old, sfl_FileHeader* work) {
@@ -601,9 +613,11 @@ sfl_CompactOutcome Compact(const sfl_ItemRef& ref) {
   sfl_SetRef(r.newInterest, tmp);
   r.newInterest.InterestToken = r.newRec->InterestToken;
   r.newInterestHeld = true;
-  // The new file is flushed once, before the rename; flushes on the way
-  // would only slow the copy down.
+  // The new file is flushed once, whole, before the rename; flushes on the
+  // way (whatever the sync settings) would only slow the copy down. The mark
+  // is this record's only: the new file's header keeps its flags.
   r.newRec->UserAsync = 1;
+  r.newRec->FileFlags |= ASYNCHRONOUS;
   sfl_FileHeaderBytes workRaw{};
   if (os_pread(r.newFd, workRaw.data(), workRaw.size(), 0) != static_cast<ssize_t>(workRaw.size()))
     SFL_RAISE(SFL_R_SHORT_READ);
@@ -637,7 +651,7 @@ sfl_CompactOutcome Compact(const sfl_ItemRef& ref) {
   r.newNamed = false;
   // Before the old file says it was replaced, the replacement's name must
   // hold across a crash.
-  if ((old.Flags & ASYNCHRONOUS) == 0) SyncDirectoryOf(path);
+  if ((old.Flags & ASYNCHRONOUS) == 0 && !ProcessNeverFlushes()) SyncDirectoryOf(path);
 
   // Lands in the old, now nameless file: processes that still hold it learn
   // from this mark that it has been replaced and never rebuild it again.
