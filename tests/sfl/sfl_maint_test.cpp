@@ -5,6 +5,7 @@
 // damage always ends in a report and a result.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -1161,6 +1162,54 @@ TEST(CheckFile, FailedHeaderWriteIsAnError) {
   os_ClearFaults();
   EXPECT_EQ(r.result, 1) << Describe(r);
   EXPECT_NE(r.err.find("SFL-204-1042: could not write back the repaired file header"), std::string::npos) << r.err;
+}
+
+// ---- nothing left behind ---------------------------------------------------------------------
+
+int OpenDescriptors() {
+  int n = 0;
+  for (int fd = 0; fd < 1024; ++fd) n += sfltest::DescriptorOpen(fd) ? 1 : 0;
+  return n;
+}
+
+TEST(CheckResources, NoDescriptorLockOrInterestLeftOnAnyPath) {
+  Made m;
+  m.Simple(100);
+  m.Close();
+  RawFile f(m.Path());
+  const Bytes original = sfltest::FileBytes(m.Path());
+  // A failed check first: what the process opens once on first use (the
+  // log file, where the absorbed escape is logged) is not counted.
+  f.PutU32(0, 1);
+  EXPECT_EQ(RunCheck(m.ref(), 1).result, 1);
+  f.Write(0, original);
+  const int before = OpenDescriptors();
+  // A clean check, one that fails after recording its interest (a blocked
+  // free-map item), and one that fails at the header.
+  EXPECT_EQ(RunCheck(m.ref(), 1).result, 0);
+  f.PutU32(SlotAt(0) + sfl_ih::Flags, BLOCKED_ITEM);
+  f.PutU32(sfl_fh::InUseItms, 0x02);
+  CheckRun r = RunCheck(m.ref(), 1);
+  EXPECT_NE(r.err.find("SFL-204-1033:"), std::string::npos) << r.err;
+  f.Write(0, original);
+  f.PutU32(0, 1);
+  EXPECT_EQ(RunCheck(m.ref(), 1).result, 1);
+  f.Write(0, original);
+  EXPECT_EQ(OpenDescriptors(), before);
+  EXPECT_EQ(er_GetLive(), 0);
+
+  // The whole-file lock is gone: another process takes it at once.
+  const std::string path = m.Path();
+  EXPECT_EQ(sfltest::RunInChild([&] {
+              int fd = ::open(path.c_str(), O_RDONLY);
+              return fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0 ? 0 : 1;
+            }),
+            0);
+  // No interest of this process is left: a repair still sees it alone.
+  SetMapBit(f, MapOf(f).off / 128, false);
+  r = RunCheck(m.ref(), 1);
+  EXPECT_FALSE(r.Saw(1029)) << Describe(r);
+  EXPECT_TRUE(MapBit(f, MapOf(f).off / 128));
 }
 
 // ---- another process holding the file -----------------------------------------------------------
