@@ -187,10 +187,6 @@ void PrepareSfl(const std::string& dir, Durability d) {
   unsetenv("SFL_ALL_ASYNC_IO");
   unsetenv("SFL_ALL_SYNC_IO");
   setenv(d == Durability::Sync ? "SFL_ALL_SYNC_IO" : "SFL_ALL_ASYNC_IO", "1", 1);
-  // A message container is about 90 KiB: with the default 32 KiB limit the
-  // close would not even look at its holes. 4 KiB lets stripping a message's
-  // attachments compact its container.
-  if (std::getenv("SFL_HOLES_SIZE_LIMIT") == nullptr) setenv("SFL_HOLES_SIZE_LIMIT", "4", 1);
 }
 
 std::unique_ptr<MessageStore> NewSflStore(const std::string& dir, Durability d, bool create) {

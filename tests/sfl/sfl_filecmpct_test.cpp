@@ -1048,3 +1048,27 @@ TEST(FileCompaction, ItemsKeepTheirOwnersDatesFlagsAndReservedSpace) {
   EXPECT_EQ(ReadSimple(s), Data(1000, 2));
   sfl_CloseItem(s);
 }
+
+TEST(FileCompaction, TheNewFileIsFlushedBeforeTheRenameAndTheDirectoryAfterIt) {
+  auto c = sfltest::NewContainer();
+  sfl_CloseItem(PutSimple(c.bh, Data(100, 1)));
+  sfl_CloseFile(c.bh);
+  const std::string path = ItemPath(c.ref);
+  const ino_t ino = InodeOf(path);
+  // A failed flush of the new file stops the rebuild before the rename.
+  os_FailNth(os_Op::Fsync, 1, EIO);
+  EXPECT_EQ(sfl_CompactContainer(&c.ref), SFL_COMPACT_FAILED);
+  os_ClearFaults();
+  EXPECT_EQ(os_CallCount(os_Op::Rename), 0u);
+  EXPECT_EQ(InodeOf(path), ino);
+  // A synchronous file: the new file, then the directory.
+  os_ResetCallCounts();
+  EXPECT_EQ(sfl_CompactContainer(&c.ref), SFL_COMPACT_DONE);
+  EXPECT_EQ(os_CallCount(os_Op::Fsync), 2u);
+  // A process that never flushes still flushes the new file, not the directory.
+  const uint32_t was = sfl_SetAllAsync(1);
+  os_ResetCallCounts();
+  EXPECT_EQ(sfl_CompactContainer(&c.ref), SFL_COMPACT_DONE);
+  EXPECT_EQ(os_CallCount(os_Op::Fsync), 1u);
+  sfl_SetAllAsync(was);
+}
