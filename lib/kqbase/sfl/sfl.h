@@ -253,6 +253,14 @@ SFL_API uint32_t sfl_ReadBlockedData(int32_t itemHandle, uint32_t block, uint32_
                                      void* buffer);
 SFL_API int32_t sfl_WriteBlockedData(int32_t itemHandle, uint32_t block, uint32_t length,
                                      const void* buffer);
+/* Renumbers a blocked item's blocks from 0 without gaps, in their old order,
+   by building a dense index tree beside the old one and switching the item
+   header to it; no block data moves. Returns the last block number (0 when
+   the item holds no blocks). */
+SFL_API uint32_t sfl_CompactBlockedItem(int32_t itemHandle);
+/* Moves block `from` of a blocked item to position `to`, shifting the
+   blocks in between by one place; only index entries move. */
+SFL_API void sfl_ReorderIndex(int32_t itemHandle, uint32_t from, uint32_t to);
 
 /* ---- diagnostic dumps ------------------------------------------------------------------ */
 /* Text dumps for people investigating a container or this process's tables.

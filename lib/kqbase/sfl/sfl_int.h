@@ -49,7 +49,9 @@ enum sfl_Reason : int {
   SFL_R_BAD_INDEX = 28879,
   SFL_R_BAD_ITEM_HEADER = 28880,
   SFL_R_BAD_FILE_HEADER = 28881,
+  SFL_R_EMPTY_FIRST_CHILD = 28882,
   SFL_R_NOT_INT_ITEM = 28883,
+  SFL_R_REORDER_LOST = 28884,
   SFL_R_CLOSED_WITH_LOCKS = 28885,
   SFL_R_STREAM_MODE = 28886,
   SFL_R_STREAM_ELEMENT = 28887,
@@ -264,6 +266,60 @@ void sfl_WalkIndexTree(sfl_BaseRec* rec, uint32_t rootOff, const sfl_IndexVisito
 // and, when freeData is non-zero, of every data block it reaches.
 void sfl_FreeIndexTree(sfl_ItemRec* item, uint32_t rootOff, uint8_t* map, uint32_t mapLen,
                        uint32_t freeData);
+
+// ---- item compaction and reordering (sfl_Compct, sfl_Reord) -------------------------------
+// A path from the root to one leaf: the record read at each level (0 = the
+// root), its file offset and the current slot there. Room for 8 levels; a
+// tree has at most 7.
+struct sfl_LeafCursor {
+  static constexpr int kLevels = 8;
+  sfl_IndexRecord Rec[kLevels];
+  uint32_t Off[kLevels] = {};
+  int32_t Slot[kLevels] = {};
+  int32_t Leaf = 0;    // the deepest level in use (the leaf's)
+  bool Ended = false;  // a step found nothing further in its direction
+
+  sfl_IndexRecord& LeafRec() { return Rec[Leaf]; }
+  uint32_t LeafOff() const { return Off[Leaf]; }
+  int32_t LeafSlot() const { return Slot[Leaf]; }
+  // The block number under the leaf slot (BaseBlockNum + slot).
+  int64_t Block() const { return static_cast<int64_t>(Rec[Leaf].BaseBlockNum) + Slot[Leaf]; }
+};
+
+// Puts the cursor on the leftmost leaf under the root at `rootOff`, slot 0
+// at every level; 28882 when a branch on the way has an empty entry 0.
+void sfl_CursorToFirstLeaf(sfl_ItemRec* item, uint32_t rootOff, sfl_LeafCursor* c);
+// Puts the cursor on the leaf that holds `block`, slot by slot from the
+// root: 28876 for a slot above 31 or at or above a branch's EverUsed,
+// 28882 for an empty child on the way. A root already read may be given.
+void sfl_CursorToBlock(sfl_ItemRec* item, uint32_t rootOff, uint32_t block, sfl_LeafCursor* c,
+                       const sfl_IndexRecord* root = nullptr);
+// One step forward (direction 1) or backward (-1). `beforeLeave`, when
+// given, runs before the cursor leaves its leaf for another. Returns false
+// (and sets Ended) when the walk ends.
+bool sfl_CursorStep(sfl_ItemRec* item, sfl_LeafCursor* c, int32_t direction,
+                    const std::function<void()>& beforeLeave = {});
+
+uint32_t sfl_CorrectCompactItem(sfl_ItemRec* item);
+uint32_t sfl_CreateCompactTree(sfl_ItemRec* source, sfl_ItemRec* dest);
+uint32_t sfl_CompactAll(sfl_ItemRec* source, sfl_ItemRec* dest, sfl_LeafCursor* cursor);
+// Leaf records written by a slide, as they were before it, so that a
+// refused reorder can put them back.
+struct sfl_SlideJournal {
+  std::vector<std::pair<uint32_t, sfl_IndexBytes>> Before;
+};
+constexpr uint32_t SFL_NO_LIMIT = 0xFFFFFFFFu;
+uint32_t sfl_CompactRange(uint32_t limit, int32_t direction, sfl_ItemRec* item,
+                          sfl_LeafCursor* source, sfl_LeafCursor* dest, sfl_ItemHeader* header,
+                          sfl_SlideJournal* journal = nullptr);
+void sfl_SyncUpCompaction(sfl_ItemRec* item, sfl_LeafCursor* source, sfl_LeafCursor* dest,
+                          sfl_SlideJournal* journal = nullptr);
+// Writes the journal's records back, newest first, ignoring failures.
+void sfl_UndoSlide(sfl_ItemRec* item, const sfl_SlideJournal& journal);
+
+void sfl_ReorderSingleIndex(sfl_IndexRecord* r, uint32_t from, uint32_t to);
+void sfl_ComplexReorder(sfl_ItemRec* item, const sfl_IndexRecord& root, uint32_t from, uint32_t to,
+                        sfl_ItemHeader* header);
 
 // ---- whole-file compaction (sfl_filecmpct) ---------------------------------------------------
 // sfl_AnalyseFreeMap, sfl_CompactSflFile and the exported copy routines are
