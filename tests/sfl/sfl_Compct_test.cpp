@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <map>
+#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -299,10 +300,10 @@ TEST_F(Compact, OnlyIndexRecordsAndHeadersAreWritten) {
   EXPECT_EQ(last, static_cast<uint32_t>(before.size() - 1));
   sfltest::TreeScan scan = sfltest::WalkTree(fd_, Rec(h)->HeaderOff);
   // 2,571 blocks: 81 leaves, 3 branches, a root. Records go out 64 to a
-  // write; besides them: the temporary header (made, then updated), its
-  // empty root, the item header, three free-map pieces for the new space
-  // and the free map once more for the release. Far fewer than one write
-  // per block.
+  // write, the root alone; besides them: the temporary header (made, then
+  // updated), its empty root, the item header, three free-map pieces for
+  // the new space and the free map once more for the release. Far fewer
+  // than one write per block.
   EXPECT_EQ(scan.records, 85u);
   EXPECT_LE(made, (scan.records - 1 + 63) / 64 + 1 + 8);
   EXPECT_EQ(Contents(h), Dense(before));
@@ -554,6 +555,140 @@ TEST_F(Compact, ASlideOverAOneLeafItemWithNoBlocksLeftCountsNone) {
   EXPECT_EQ(sfl_CompactRange(SFL_NO_LIMIT, 1, Rec(h), &src, &dst, &hd), 0u);
   EXPECT_EQ(Index(rootOff).EverUsed, 1u);
   EXPECT_EQ(Index(rootOff).Used, 1u);
+}
+
+// ---- random trees against a model ----------------------------------------------------------------
+
+// Builds random trees of a chosen depth (appends, first-free placements,
+// writes at random numbers, random frees), compacts each, and holds the
+// result to the model's dense renumbering: the blocks in their old order
+// numbered from 0, each read back whole; the structure walk and the free
+// map agree; and the rebuild wrote index records and headers only, far
+// fewer transfers than blocks.
+class CompactModel : public Compact, public ::testing::WithParamInterface<uint32_t> {
+ protected:
+  Bytes Data(uint32_t len) {
+    Bytes b(len);
+    for (auto& c : b) c = static_cast<uint8_t>(rng_());
+    return b;
+  }
+  uint32_t Length() { return 1 + rng_() % 180; }
+
+  // A tree of about `blocks` blocks whose numbers lie below `span`, with
+  // roughly one block in `freeOneIn` freed afterwards.
+  // Appends go past the highest block, so a shallow tree gets none.
+  std::map<uint32_t, Bytes> Grow(int32_t h, uint32_t blocks, uint32_t span, uint32_t freeOneIn,
+                                 bool appends) {
+    std::map<uint32_t, Bytes> model;
+    for (uint32_t i = 0; i < blocks; ++i) {
+      const uint32_t pick = rng_() % 10;
+      Bytes d = Data(Length());
+      if (pick < 5) {
+        const int mode = appends && pick < 4 ? 1 : 0;
+        const int32_t b = sfl_GetNewBlock(h, static_cast<int32_t>(d.size()), mode, d.data());
+        EXPECT_GE(b, 0);
+        if (b < 0) return model;
+        model[static_cast<uint32_t>(b)] = d;
+      } else {
+        const uint32_t n = rng_() % span;
+        if (model.count(n)) continue;
+        EXPECT_EQ(sfl_WriteBlockedData(h, n, static_cast<uint32_t>(d.size()), d.data()),
+                  static_cast<int32_t>(d.size()));
+        model[n] = d;
+      }
+    }
+    std::vector<uint32_t> gone;
+    for (const auto& [n, b] : model)
+      if (rng_() % freeOneIn == 0) gone.push_back(n);
+    for (uint32_t n : gone) {
+      sfl_FreeBlock(h, n, 0);
+      model.erase(n);
+    }
+    return model;
+  }
+
+  void CompactAndCheck(int32_t h, const std::map<uint32_t, Bytes>& model) {
+    const std::map<uint32_t, Bytes> dense = Dense(model);
+    const uint64_t writes = os_CallCount(os_Op::Pwrite);
+    const uint32_t last = sfl_CompactBlockedItem(h);
+    const uint64_t made = os_CallCount(os_Op::Pwrite) - writes;
+    EXPECT_EQ(last, model.empty() ? 0u : static_cast<uint32_t>(model.size() - 1));
+    for (const auto& [n, bytes] : dense) {
+      Bytes buf(bytes.size() + 8, 0xEE);
+      ASSERT_EQ(sfl_ReadBlockedData(h, n, static_cast<uint32_t>(buf.size()), buf.data()),
+                bytes.size())
+          << "block " << n;
+      buf.resize(bytes.size());
+      ASSERT_EQ(buf, bytes) << "block " << n;
+    }
+    uint8_t probe[4];
+    EXPECT_NE(EscapeCodeOf([&] {
+                sfl_ReadBlockedData(h, static_cast<uint32_t>(dense.size()), 4, probe);
+              }),
+              0);
+    sfltest::TreeScan scan = sfltest::WalkTree(fd_, Rec(h)->HeaderOff);
+    ASSERT_TRUE(scan.faults.empty()) << sfltest::Join(scan.faults);
+    ASSERT_EQ(scan.blocks.size(), dense.size());
+    uint32_t expectDepth = 0;
+    while (Pow(expectDepth + 1) < dense.size()) ++expectDepth;
+    EXPECT_EQ(scan.rootDepth, expectDepth);
+    // Records 64 to a write and the root alone, plus the headers and the
+    // free-map pieces (see OnlyIndexRecordsAndHeadersAreWritten), and two
+    // more when the new records' space makes the free map grow and move.
+    EXPECT_LE(made, (scan.records - 1 + 63) / 64 + 1 + 10) << dense.size() << " blocks";
+    CheckStructure({h});
+  }
+
+  static uint64_t Pow(uint32_t e) {
+    uint64_t v = 1;
+    while (e-- > 0) v *= 32;
+    return v;
+  }
+
+  std::mt19937 rng_;
+};
+
+TEST_P(CompactModel, RandomTreesOfEveryDepthCompactToTheModelsDenseNumbering) {
+  rng_.seed(GetParam());
+  struct Shape {
+    uint32_t depth, blocks, span, freeOneIn;
+    bool appends;
+  };
+  for (const Shape& s : {Shape{0, 25, 32, 3, false}, Shape{1, 400, 600, 4, true},
+                         Shape{2, 1500, 30000, 3, true}, Shape{3, 600, 40000, 2, true}}) {
+    SCOPED_TRACE("depth " + std::to_string(s.depth));
+    const int32_t h = NewItem();
+    const std::map<uint32_t, Bytes> model = Grow(h, s.blocks, s.span, s.freeOneIn, s.appends);
+    ASSERT_EQ(HeaderOf(h).IndexDepth, s.depth);
+    CompactAndCheck(h, model);
+    if (HasFatalFailure()) return;
+    // A second rebuild of a dense tree changes nothing but where it lies.
+    CompactAndCheck(h, Dense(model));
+    if (HasFatalFailure()) return;
+    sfl_DeleteItem(h);
+    sfl_CloseItem(h);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, CompactModel, ::testing::Values(3u, 1123u, 20261123u));
+
+TEST_F(CompactModel, FortyThousandBlocksWithRandomFrees) {
+  rng_.seed(40000);
+  const int32_t h = NewItem();
+  std::map<uint32_t, Bytes> model;
+  for (uint32_t i = 0; i < 40000; ++i) {
+    Bytes d = Data(1 + rng_() % 24);
+    ASSERT_EQ(sfl_GetNewBlock(h, static_cast<int32_t>(d.size()), 1, d.data()), static_cast<int32_t>(i));
+    model[i] = std::move(d);
+  }
+  ASSERT_EQ(HeaderOf(h).IndexDepth, 3u);
+  for (uint32_t i = 0; i < 6000; ++i) {
+    const uint32_t n = rng_() % 40000;
+    if (!model.count(n)) continue;
+    sfl_FreeBlock(h, n, 0);
+    model.erase(n);
+  }
+  CompactAndCheck(h, model);
 }
 
 }  // namespace
