@@ -131,7 +131,7 @@ MapView ReadMap(int fd) {
 
 }  // namespace
 
-std::vector<std::string> CheckMap(int fd, std::vector<Area> areas) {
+std::vector<std::string> CheckMap(int fd, std::vector<Area> areas, std::vector<uint32_t>* unowned) {
   std::vector<std::string> faults;
   MapView map = ReadMap(fd);
   areas.push_back({0, SFL_CONTAINER_DATA_OFFSET, "header and item table"});
@@ -154,6 +154,10 @@ std::vector<std::string> CheckMap(int fd, std::vector<Area> areas) {
   std::string first;
   for (size_t u = 0; u < bits; ++u) {
     const bool set = ((map.bits[u / 8] >> (u % 8)) & 1) != 0;
+    if (set && !owned[u] && unowned != nullptr) {
+      unowned->push_back(static_cast<uint32_t>(u));
+      continue;
+    }
     if (set != (owned[u] != 0)) {
       if (wrong++ == 0)
         first = "block " + std::to_string(u) + (set ? " marked but unowned" : " owned but free");

@@ -41,7 +41,10 @@ sfl_ItemHeader RawItemHeader(int fd, uint32_t off);
 
 // Compares the on-disk free map with `areas` plus the file's header, item
 // table and the map itself; returns the faults (overlaps, bits wrong).
-std::vector<std::string> CheckMap(int fd, std::vector<Area> areas);
+// With `unowned`, blocks marked in use that nothing owns are listed there
+// instead of counted as faults.
+std::vector<std::string> CheckMap(int fd, std::vector<Area> areas,
+                                  std::vector<uint32_t>* unowned = nullptr);
 
 // The first ten faults, one a line.
 std::string Join(const std::vector<std::string>& v);

@@ -368,12 +368,12 @@ void LayDenseTree(sfl_ItemRec* dest, uint32_t parentOfRoot,
   const uint64_t runBytes = (total - 1) * kIdx;
   // Offsets are 32 bits: a run that could not be addressed is refused.
   if (runBytes > 0xFFFFFFFFull) SFL_RAISE(SFL_R_TOO_DEEP);
-  uint32_t units = 0;
-  const uint32_t run =
-      runBytes == 0 ? 0
-                    : sfl_GetFreeSpaceNew(dest->BaseRecord, static_cast<uint32_t>(runBytes), &units);
-  if (runBytes > 0 && static_cast<uint64_t>(run) + runBytes > 0xFFFFFFFFull)
-    SFL_RAISE(SFL_R_TOO_DEEP);
+  // The run goes back unless the root comes to refer to it. A root written
+  // half way is the temporary item's alone, which the caller gives back
+  // with whatever it reaches.
+  sfl_SpaceRun run;
+  const uint32_t at =
+      runBytes == 0 ? 0 : run.Take(dest->BaseRecord, static_cast<uint32_t>(runBytes));
 
   std::vector<uint64_t> firstOfLevel(levels.size());  // index of its first record, by depth
   {
@@ -384,7 +384,7 @@ void LayDenseTree(sfl_ItemRec* dest, uint32_t parentOfRoot,
     }
   }
   auto offsetOf = [&](uint64_t k) -> uint32_t {
-    return k == 0 ? rootOff : static_cast<uint32_t>(run + (k - 1) * kIdx);
+    return k == 0 ? rootOff : static_cast<uint32_t>(at + (k - 1) * kIdx);
   };
 
   std::vector<sfl_IndexRecord> recs(total, sfl_NewIndexRecord());
@@ -413,8 +413,9 @@ void LayDenseTree(sfl_ItemRec* dest, uint32_t parentOfRoot,
       r.EverUsed = used;
     }
   }
-  if (total > 1) WriteRecords(dest, run, recs, 1, total - 1);
+  if (total > 1) WriteRecords(dest, at, recs, 1, total - 1);
   WriteRecords(dest, rootOff, recs, 0, 1);
+  run.Commit();
 
   const uint64_t lastLeaf = firstOfLevel[0] + levels[0] - 1;
   dest->LastIdxOff = offsetOf(lastLeaf);
@@ -502,6 +503,46 @@ bool BlankRecord(sfl_BaseRec* rec, uint32_t off) {
   return std::all_of(raw.begin(), raw.end(), [](uint8_t b) { return b == 0; });
 }
 
+// Gives back, in one read-modify-write of the free map under its lock, the
+// index records of the tree at `rootOff` (not its blocks) and the 64 bytes
+// of the temporary item's header at `tempHeaderOff`.
+void GiveBackRecords(sfl_ItemRec* item, uint32_t rootOff, uint32_t tempHeaderOff) {
+  sfl_BaseRec* rec = item->BaseRecord;
+  if (rec->FreeMapItem == nullptr) return;
+  sfl_Held mapLock;  // item 0's header lock guards the free map
+  mapLock.ItemHeader(rec->FreeMapItem, SFL_LOCK_EXCL);
+  sfl_ItemHeader mapHeader;
+  sfl_ReadItemHeader(rec->FreeMapItem, &mapHeader);
+  std::vector<uint8_t> map;
+  const uint32_t mapLen = sfl_ReadFreeMap(rec, &map, mapHeader);
+  sfl_FreeIndexTree(item, rootOff, map.data(), mapLen, 0);
+  sfl_ClearFreeMapArea(map.data(), mapLen, tempHeaderOff, SFL_ITEM_HEADER_SIZE);
+  sfl_WriteFreeMap(rec, map, mapHeader);
+  mapLock.Unlock();
+}
+
+// Until the item switches to the new tree, the temporary item's records and
+// header space are the rebuild's to give back if it fails; its blocks are
+// the old tree's and stay.
+class TempTreeBack {
+ public:
+  TempTreeBack(sfl_ItemRec* item, sfl_ItemRec* temp, uint32_t headerOff)
+      : item_(item), temp_(temp), headerOff_(headerOff) {}
+  ~TempTreeBack() {
+    if (armed_)
+      sfl_GiveBackQuietly([this] { GiveBackRecords(item_, temp_->Offset, headerOff_); });
+  }
+  TempTreeBack(const TempTreeBack&) = delete;
+  TempTreeBack& operator=(const TempTreeBack&) = delete;
+  void Commit() { armed_ = false; }
+
+ private:
+  sfl_ItemRec* item_;
+  sfl_ItemRec* temp_;
+  uint32_t headerOff_;
+  bool armed_ = true;
+};
+
 }  // namespace
 
 uint32_t sfl_CorrectCompactItem(sfl_ItemRec* item) {
@@ -512,10 +553,12 @@ uint32_t sfl_CorrectCompactItem(sfl_ItemRec* item) {
   if (h.FileOffset == 0 || BlankRecord(rec, h.FileOffset)) return 0;
 
   AsyncWhileBuilding async(rec);
-  uint32_t units = 0;
-  const uint32_t tempHeaderOff = sfl_GetFreeSpaceNew(rec, SFL_ITEM_HEADER_SIZE, &units);
+  sfl_SpaceRun headerSpace;
+  const uint32_t tempHeaderOff = headerSpace.Take(rec, SFL_ITEM_HEADER_SIZE);
   TempHandle temp(sfl_GenCreateIntBItem(item, tempHeaderOff, 0));
   sfl_ItemRec* t = temp.get();
+  TempTreeBack back(item, t, tempHeaderOff);  // covers the header space from here
+  headerSpace.Commit();
 
   const uint32_t last = sfl_CreateCompactTree(item, t);
   async.Restore();
@@ -527,8 +570,24 @@ uint32_t sfl_CorrectCompactItem(sfl_ItemRec* item) {
   sfl_ReadItemHeader(t, &th);
   sfl_ReadItemHeader(item, &h);
   const uint32_t oldRoot = h.FileOffset;
+  const uint32_t oldDepth = h.IndexDepth;
   h.FileOffset = th.FileOffset;
   h.IndexDepth = th.IndexDepth;
+  try {
+    sfl_WriteItemHeader(item, h);
+  } catch (const er_Escape&) {
+    // A header written half way may name the new tree: it is kept unless
+    // the header still names the old one, in which case it goes back.
+    bool old = false;
+    sfl_GiveBackQuietly([&] {
+      sfl_ItemHeader now;
+      sfl_ReadItemHeader(item, &now);
+      old = now.FileOffset == oldRoot && now.IndexDepth == oldDepth;
+    });
+    if (!old) back.Commit();
+    throw;
+  }
+  back.Commit();
   item->LastIdxOff = t->LastIdxOff;
   item->LastIdxBase = t->LastIdxBase;
   item->LastIdxDepth = t->LastIdxDepth;
@@ -537,26 +596,13 @@ uint32_t sfl_CorrectCompactItem(sfl_ItemRec* item) {
   item->HeaderCacheValid = 0;
   t->IndexCacheValid = 0;
   t->HeaderCacheValid = 0;
-  sfl_WriteItemHeader(item, h);
   Sync(item, SFL_EV_COMPACTED);
   // The new root was laid down already pointing at this item's header.
   item->Offset = h.FileOffset;
 
   // Give back the old tree's records (its blocks now belong to the new
   // tree) and the temporary item's header.
-  sfl_BaseRec* base = rec;
-  if (base->FreeMapItem != nullptr) {
-    sfl_Held mapLock;  // item 0's header lock guards the free map
-    mapLock.ItemHeader(base->FreeMapItem, SFL_LOCK_EXCL);
-    sfl_ItemHeader mapHeader;
-    sfl_ReadItemHeader(base->FreeMapItem, &mapHeader);
-    std::vector<uint8_t> map;
-    const uint32_t mapLen = sfl_ReadFreeMap(base, &map, mapHeader);
-    sfl_FreeIndexTree(item, oldRoot, map.data(), mapLen, 0);
-    sfl_ClearFreeMapArea(map.data(), mapLen, tempHeaderOff, SFL_ITEM_HEADER_SIZE);
-    sfl_WriteFreeMap(base, map, mapHeader);
-    mapLock.Unlock();
-  }
+  GiveBackRecords(item, oldRoot, tempHeaderOff);
   return last;
 }
 
