@@ -658,6 +658,8 @@ class CompactModel : public Compact, public ::testing::WithParamInterface<uint32
     // more when the new records' space makes the free map grow and move.
     EXPECT_LE(made, (scan.records - 1 + 63) / 64 + 1 + 10) << dense.size() << " blocks";
     CheckStructure({h});
+    // The library's own integrity check finds nothing wrong with the file.
+    EXPECT_EQ(sfl_CheckSflIntegrity(&fileRef_, 0), 0);
   }
 
   static uint64_t Pow(uint32_t e) {

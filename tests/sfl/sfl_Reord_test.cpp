@@ -103,6 +103,7 @@ class Reorder : public sfltest::ParentItemTest {
     areas.push_back({Rec(parent_)->Offset, Rec(parent_)->Size, "parent item"});
     const std::vector<std::string> faults = sfltest::CheckMap(fd_, areas);
     ASSERT_TRUE(faults.empty()) << sfltest::Join(faults);
+    EXPECT_EQ(sfl_CheckSflIntegrity(&fileRef_, 0), 0);
   }
 };
 
