@@ -320,7 +320,7 @@ Json ParseJson(const std::string& text) {
 
 const char* const kCommands[] = {"create", "put",      "get", "ls",    "stat",  "rm",     "attach",
                                  "detach", "truncate", "cat", "lines", "write", "service"};
-const char* const kBlockCommands[] = {"append", "read", "list", "free"};
+const char* const kBlockCommands[] = {"append", "read", "list", "free", "compact", "move"};
 
 TEST(SflCliHelp, OverviewDocumentsTheTextFormAndEveryCommand) {
   Outcome r = Sfl({"--help"});

@@ -56,7 +56,7 @@ void PrintOverview() {
 }
 
 void PrintBlocksHelp() {
-  std::printf("usage: sfl blocks <append|read|list|free> ...\n\ncommands on blocked items:\n");
+  std::printf("usage: sfl blocks <append|read|list|free|compact|move> ...\n\ncommands on blocked items:\n");
   for (const Command& c : cli::BlockCommands())
     std::printf("  sfl %s %s\n      %s\n", c.name, c.synopsis, c.summary);
 }
@@ -131,7 +131,7 @@ int Main(int argc, char** argv) {
   if (name == "blocks") {
     if (i < words.size() && (words[i] == "--help" || words[i] == "-h")) wantHelp = true;
     if (i >= words.size() || words[i][0] == '-') {
-      if (!wantHelp) throw cli::UsageError{"missing blocks command: append, read, list or free"};
+      if (!wantHelp) throw cli::UsageError{"missing blocks command: append, read, list, free, compact or move"};
       PrintBlocksHelp();
       return cli::kExitOk;
     }
