@@ -125,6 +125,8 @@ void AddSflCallFigures(Figures& f, const std::vector<uint64_t>& before);
 // in `dir`, and returns its figures.
 Figures RunWorkload(const std::string& workload, const std::string& system, Durability d,
                     const std::string& dir, const Sizes& sizes);
+// C1: the rebuild of one blocked item of `sizes.blocks` blocks (sfl only).
+Figures RunSflRebuild(Durability d, const std::string& dir, const Sizes& sizes);
 
 }  // namespace bench
 

@@ -298,6 +298,10 @@ Figures RunWorkload(const std::string& workload, const std::string& system, Dura
   if (workload == "W3build") return RunW3Build(system, d, dir, sizes);
   if (workload == "W3") return RunW3(system, d, dir, sizes);
   if (workload == "W4") return RunW4(system, d, dir, sizes);
+  if (workload == "C1") {
+    if (system != "sfl") Fail("C1 is sfl's alone");
+    return RunSflRebuild(d, dir, sizes);
+  }
   if (workload == "idle") return RunIdle(system, d, dir, true);
   if (workload == "idleread") return RunIdle(system, d, dir, false);
   Fail("unknown workload %s", workload.c_str());
