@@ -7,8 +7,9 @@ BUILD_TYPE ?= RelWithDebInfo
 CMAKE_ARGS ?=
 CTEST_ARGS ?=
 JOBS       ?= $(shell nproc)
+PREFIX     ?= /usr/local
 
-.PHONY: all deps configure build test run bench soak asan clean
+.PHONY: all deps configure build test install run bench soak asan clean
 
 all: build
 
@@ -26,6 +27,9 @@ build: configure
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
+
+install: build
+	cmake --install $(BUILD) --prefix $(PREFIX)
 
 run: build
 	sh tools/demo.sh $(BUILD)

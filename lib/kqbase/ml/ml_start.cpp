@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <string>
 #include <sys/file.h>
@@ -32,6 +33,11 @@
 #endif
 #ifndef ML_MONITOR_BUILT
 #define ML_MONITOR_BUILT ""
+#endif
+// The program's place relative to the directory holding the library (for
+// an installed tree, the library directory to the program directory).
+#ifndef ML_MONITOR_FROM_LIBDIR
+#define ML_MONITOR_FROM_LIBDIR ""
 #endif
 
 namespace {
@@ -84,11 +90,31 @@ bool waitPublished(const std::string& runDir) {
   ::_exit(127);
 }
 
+// The program beside this library: the directory of the object this code
+// was loaded from (libsfl.so, or the program a static copy is linked into),
+// then the relative step to the program directory. An installed tree moved
+// as a whole, or installed under another prefix, still finds its own
+// service program.
+std::string besideLibrary() {
+  const std::string rel = ML_MONITOR_FROM_LIBDIR;
+  if (rel.empty()) return {};
+  Dl_info info;
+  if (::dladdr(reinterpret_cast<void*>(&ml_MonitorProgram), &info) == 0 || info.dli_fname == nullptr)
+    return {};
+  // Only an absolute name says where the object lies whatever the current
+  // directory is now.
+  const std::string self = info.dli_fname;
+  if (self.empty() || self[0] != '/') return {};
+  const std::string::size_type slash = self.rfind('/');
+  return self.substr(0, slash + 1) + rel;
+}
+
 }  // namespace
 
 std::string ml_MonitorProgram() {
   if (const char* v = cust_GetCustomiseInfo("SFL_MONITOR_PROGRAM"); v != nullptr && *v != '\0')
     return v;
+  if (std::string beside = besideLibrary(); executable(beside)) return beside;
   if (executable(ML_MONITOR_INSTALLED)) return ML_MONITOR_INSTALLED;
   return ML_MONITOR_BUILT;
 }
