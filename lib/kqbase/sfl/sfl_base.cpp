@@ -505,9 +505,10 @@ int32_t sfl_OpenSfl(const sfl_ItemRef* ref, uint32_t implicitOpen) {
   header.Header(rec.get(), SFL_LOCK_SHARED);
   sfl_FileHeader h;
   ReadAndCheckHeader(rec.get(), &h);
-  if (h.Flags & HAS_BEEN_COMPACTED) {
+  while (h.Flags & HAS_BEEN_COMPACTED) {
     // A rebuild replaced the file under this name after we opened it:
-    // open the name again and read the new file's header instead.
+    // open the name again and read the new file's header instead (which
+    // another rebuild may have replaced meanwhile in its turn).
     header.Unlock();
     int old = rec->FileDes;
     rec->FileDes = -1;

@@ -129,22 +129,21 @@ constexpr uint32_t kIntSlots = 8;
 // the nesting a damaged file could make endless is cut off here.
 constexpr int kMaxContainerNesting = 8;
 
-// The old file being copied: its size bounds every run read from it. Set by
-// the rebuild; outside one the size is asked of the descriptor.
-int g_sourceFd = -1;
-uint64_t g_sourceSize = 0;
+// Whether a run recorded in the old file's records lies within 32-bit file
+// offsets, where every run of this format lies. Runs may reach past the end
+// of the old file: space reserved but never written reads as zeros.
+bool WithinOffsets(uint64_t offset, uint64_t length) { return offset + length <= UINT32_MAX; }
 
-uint64_t SourceSize(int fd) {
-  if (fd == g_sourceFd) return g_sourceSize;
-  struct stat st;
-  if (os_fstat(fd, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
-  return static_cast<uint64_t>(st.st_size);
-}
-
-// Whether [offset, offset + length) lies inside the old file. Sizes and
-// offsets come from the old file's own records and are not trusted.
-bool InsideSource(int fd, uint64_t offset, uint64_t length) {
-  return offset + length <= SourceSize(fd);
+// Reads up to `len` bytes and zeros what lies past the end of the file.
+void ReadOldRun(int fd, uint8_t* buf, size_t len, uint64_t offset) {
+  size_t done = 0;
+  while (done < len) {
+    const ssize_t n = os_pread(fd, buf + done, len - done, static_cast<off_t>(offset + done));
+    if (n < 0) ER_RAISE(ER_GROUP_OS, errno);
+    if (n == 0) break;
+    done += static_cast<size_t>(n);
+  }
+  std::fill(buf + done, buf + len, 0);
 }
 
 // Reads exactly `len` bytes; returns false on a short read. A failed read
@@ -220,10 +219,10 @@ int32_t CopyIndexChild(int32_t itemHandle, int fd, const sfl_IndexRecord& parent
     if (child.Depth >= parent.Depth) return kIndexType;
     return CopyIndex(itemHandle, fd, child);
   }
-  // A block whose recorded run leaves the old file cannot be read whole.
-  if (!InsideSource(fd, e.SectionOffSet, e.SectionSize)) return kIncomplete;
+  // A block recorded beyond 32-bit offsets is not of this format.
+  if (!WithinOffsets(e.SectionOffSet, e.SectionSize)) return kIncomplete;
   if (buffer->size() < e.SectionSize) buffer->resize(e.SectionSize);
-  if (!ReadOld(fd, buffer->data(), e.SectionSize, e.SectionOffSet)) return kIncomplete;
+  ReadOldRun(fd, buffer->data(), e.SectionSize, e.SectionOffSet);
   sfl_WriteBlockedData(itemHandle, block, e.SectionSize, buffer->data());
   return kCopied;
 }
@@ -321,18 +320,14 @@ int32_t CopyItem(int32_t newBase, uint32_t newHeaderOff, int fd, uint64_t oldHea
     return kCopied;
   }
 
-  // The data a simple header describes must lie inside the old file; a
-  // size or offset that does not is a header whose item cannot be read.
-  if (!InsideSource(fd, h.FileOffset, h.FileSize)) return kHeaderShort;
   // The whole reserved run is copied, so that the item can still be made
-  // larger within the space reserved when it was stored. A run recorded as
-  // reaching past the old file's last block is not believed: then only the
-  // data is copied.
-  uint32_t run = h.FileSize;
+  // larger within the space reserved when it was stored (reserved space the
+  // old file never wrote comes over as zeros). A header whose size passes
+  // its reservation, or whose run passes 32-bit offsets, is not believed:
+  // its item cannot be copied.
   const uint64_t reserved = uint64_t{h.UsedBlocks} * SFL_BLOCK_SIZE;
-  const uint64_t sourceBlocksEnd = (SourceSize(fd) + SFL_BLOCK_SIZE - 1) / SFL_BLOCK_SIZE * SFL_BLOCK_SIZE;
-  if (reserved > run && uint64_t{h.FileOffset} + reserved <= sourceBlocksEnd && reserved <= UINT32_MAX)
-    run = static_cast<uint32_t>(reserved);
+  if (h.FileSize > reserved || !WithinOffsets(h.FileOffset, reserved)) return kHeaderShort;
+  const uint32_t run = static_cast<uint32_t>(reserved);
   if (h.FileSize > 1023) {
     uint8_t marker[8];
     if (ReadOld(fd, marker, sizeof marker, h.FileOffset) && sfl_GetU32(marker) == SFL_MAGIC &&
@@ -515,9 +510,12 @@ void CopyItems(Rebuild& r, int32_t newBase, const sfl_FileHeader& old, sfl_FileH
     if ((old.InUseItms & (1u << i)) == 0) continue;
     const uint64_t oldAt = uint64_t{old.TableOffset} + uint64_t{i} * SFL_ITEM_HEADER_SIZE;
     // An item waiting for its deletion to be carried out is released here,
-    // as the last close would have done: nobody else holds the file.
+    // as the last close would have done: nobody else holds the file. As at
+    // the close, only while the file says deletions are pending: DELETED
+    // alone is also left on an item whose owners came back after a detach.
     sfl_ItemHeaderBytes peek;
-    if (oldAt <= UINT32_MAX && ReadOld(r.oldFd, peek.data(), peek.size(), oldAt)) {
+    if ((old.Flags & ITEM_PEND_DEL) && oldAt <= UINT32_MAX &&
+        ReadOld(r.oldFd, peek.data(), peek.size(), oldAt)) {
       const sfl_ItemHeader h = sfl_DecodeItemHeader(peek);
       if (h.Magic == SFL_MAGIC && h.Type == SFL_TYPE_ITEM_HEADER && (h.Flags & DELETED)) continue;
     }
@@ -527,6 +525,10 @@ void CopyItems(Rebuild& r, int32_t newBase, const sfl_FileHeader& old, sfl_FileH
     const std::vector<uint8_t> mapBefore(MemFreeMap, MemFreeMap + MemFreeMapSize);
     const int32_t code = CopyItem(newBase, newAt, r.oldFd, oldAt, 0);
     if (code != kCopied && code != kEmptySlot) {
+      ER_LOG(3, ER_GROUP_SFL, SFL_R_BAD_ITEM_HEADER,
+             "rebuilding file %u: item %u could not be copied (code %d); it and the items "
+             "after it are left out of the new file",
+             r.request.FileId, i, code);
       std::copy(mapBefore.begin(), mapBefore.end(), MemFreeMap);
       if (MemFreeMapSize > mapBefore.size())
         std::fill(MemFreeMap + mapBefore.size(), MemFreeMap + MemFreeMapSize, 0);
@@ -569,8 +571,6 @@ sfl_CompactOutcome Compact(const sfl_ItemRef& ref) {
   struct stat st;
   if (os_fstat(r.oldFd, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
   if (st.st_size <= static_cast<off_t>(SFL_FILE_HEADER_SIZE)) SFL_RAISE(SFL_R_BAD_FILE);
-  g_sourceFd = r.oldFd;
-  g_sourceSize = static_cast<uint64_t>(st.st_size);
 
   // The old header stays locked until the old file is marked replaced: an
   // open or a revival waits on it and then finds the file replaced, so no
@@ -673,12 +673,6 @@ sfl_CompactOutcome Compact(const sfl_ItemRef& ref) {
 int32_t sfl_CompactContainer(const sfl_ItemRef* ref) {
   ER_TRACE_PROC("sfl_CompactSflFile");
   if (ref->Flags & SFL_ITEM_NUM_MASK) ER_RAISE(ER_GROUP_MAINT, kMaintRefIsItem);
-  struct SourceReset {
-    ~SourceReset() {
-      g_sourceFd = -1;
-      g_sourceSize = 0;
-    }
-  } sourceReset;
   try {
     return Compact(*ref);
   } catch (const er_Escape&) {
