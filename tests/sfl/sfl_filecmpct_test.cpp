@@ -1072,3 +1072,51 @@ TEST(FileCompaction, TheNewFileIsFlushedBeforeTheRenameAndTheDirectoryAfterIt) {
   EXPECT_EQ(os_CallCount(os_Op::Fsync), 1u);
   sfl_SetAllAsync(was);
 }
+
+TEST(FileCompaction, AnOpenFollowsTheNameThroughTwoRebuilds) {
+  // The name moves from A to B to C while an open waits on each file's
+  // header lock in turn; B has been replaced too by the time the open reads
+  // it, so the open must go on to C.
+  auto c = sfltest::NewContainer();
+  const Bytes inA = Data(300, 1), inC = Data(300, 2);
+  sfl_ItemRef itemRef{};
+  sfl_CloseItem(PutSimple(c.bh, inA, &itemRef));
+  const uint32_t dataOff = sfltest::SlotOf(c.bh, 1).FileOffset;
+  sfl_CloseFile(c.bh);
+  const std::string path = ItemPath(c.ref);
+  Bytes b = FileBytes(path);
+  Bytes cBytes = b;
+  std::copy(inC.begin(), inC.end(), cBytes.begin() + dataOff);
+  sfl_PutU32(b.data() + sfl_fh::Flags, U32At(b, sfl_fh::Flags) | HAS_BEEN_COMPACTED);
+  auto writeFile = [](const std::string& p, const Bytes& bytes) {
+    const int fd = ::open(p.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0660);
+    EXPECT_EQ(::write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    ::close(fd);
+  };
+  writeFile(path + ".b", b);
+  writeFile(path + ".c", cBytes);
+
+  // The child starts first: the locks below must be this process's alone.
+  sfltest::Gate locked;
+  const int child = sfltest::StartChild([&] {
+    locked.Wait();
+    const int32_t h = sfl_OpenItem(&itemRef, 0);
+    const Bytes got = ReadSimple(h);
+    sfl_CloseItem(h);
+    return got == inC ? 0 : 1;
+  });
+  const int fdA = ::open(path.c_str(), O_RDWR);
+  ASSERT_GE(fdA, 0);
+  ASSERT_EQ(os_TryLockPart(fdA, OS_LOCK_EXCL, SEEK_SET, 0, 0, SFL_FILE_HEADER_SIZE, 0), 1);
+  locked.Open();
+  ::usleep(300 * 1000);  // the child waits on A's header
+  PatchU32(path, sfl_fh::Flags, U32At(FileBytes(path), sfl_fh::Flags) | HAS_BEEN_COMPACTED);
+  ASSERT_EQ(::rename((path + ".b").c_str(), path.c_str()), 0);
+  const int fdB = ::open(path.c_str(), O_RDWR);
+  ASSERT_EQ(os_TryLockPart(fdB, OS_LOCK_EXCL, SEEK_SET, 0, 0, SFL_FILE_HEADER_SIZE, 0), 1);
+  ::close(fdA);  // A's header free: the child finds A replaced and opens B
+  ::usleep(300 * 1000);  // ... and waits on B's header
+  ASSERT_EQ(::rename((path + ".c").c_str(), path.c_str()), 0);
+  ::close(fdB);
+  EXPECT_EQ(sfltest::WaitChild(child), 0);
+}

@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <vector>
+#include <sys/stat.h>
 
 #include "ext.h"
 #include "im.h"
@@ -508,14 +509,21 @@ int32_t sfl_OpenSfl(const sfl_ItemRef* ref, uint32_t implicitOpen) {
   while (h.Flags & HAS_BEEN_COMPACTED) {
     // A rebuild replaced the file under this name after we opened it:
     // open the name again and read the new file's header instead (which
-    // another rebuild may have replaced meanwhile in its turn).
+    // another rebuild may have replaced meanwhile in its turn). A name still
+    // on the same file has nothing newer to offer.
     header.Unlock();
+    struct stat was {};
+    const bool known = os_fstat(rec->FileDes, &was) == 0;
     int old = rec->FileDes;
     rec->FileDes = -1;
     mdc_close(old);
     rec->FileDes = im_OpenItem(ref);
     header.Header(rec.get(), SFL_LOCK_SHARED);
     ReadAndCheckHeader(rec.get(), &h);
+    struct stat now {};
+    if (!known || os_fstat(rec->FileDes, &now) != 0 ||
+        (now.st_ino == was.st_ino && now.st_dev == was.st_dev))
+      break;
   }
 
   rec->ITableOff = h.TableOffset;
