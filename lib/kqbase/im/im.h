@@ -60,6 +60,11 @@ void im_UnlinkItem(const sfl_ItemRef* ref);
 // Writes the container file's path into `out` and returns the reference's
 // item number (Flags & 7).
 int32_t im_GetRealFileName(const sfl_ItemRef* ref, char* out, size_t outLen);
+// Whether `name` is an item name ("<container path>:<item number>"); if so,
+// fills `ref` with the item's reference and returns 1, else returns 0. The
+// stream layer asks this of every name it opens; it lives here, beside the
+// parse it relies on, so the operating-system layer knows nothing of items.
+int os_CheckFileName(const char* name, sfl_ItemRef* ref);
 // Fallbacks used when a container is full: they place the item in a new
 // container and return its open item handle.
 int32_t im_CopyItem2SflDataItem(sfl_ItemRef* out, uint32_t size, uint32_t noZeroFill,

@@ -16,8 +16,6 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
-struct sfl_ItemRef;
-
 enum class os_Op : int {
   Open, Close, Read, Write, Pread, Pwrite, Lseek, Fstat, Stat, Fdatasync, Fsync, Ftruncate,
   Lock, Flock, Rename, Unlink, Link, Mkdir, Rmdir, Malloc,
@@ -114,9 +112,6 @@ long os_ftell(FILE* f);
 char* os_fgets(char* buf, int len, FILE* f);
 int os_fflush(FILE* f);
 int os_fileno(FILE* f);
-// Whether `name` is an item name ("<container path>:<item number>"); if so,
-// fills `ref` with the item's reference and returns 1, else returns 0.
-int os_CheckFileName(const char* name, sfl_ItemRef* ref);
 
 // ---- System V message queues ---------------------------------------------
 // Messages cross this interface in the wire layout: a 32-bit little-endian

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "er.h"
-#include "os.h"
+#include "im.h"
 #include "sfl.h"
 #include "test_env.h"
 

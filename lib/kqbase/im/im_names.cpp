@@ -1,12 +1,11 @@
 // os_CheckFileName: tells item names ("<container path>:<item number>")
-// from plain file names. The item-reference library owns the name layout; a
-// name is an item name exactly when it parses there to a reference whose
-// item number is not zero.
+// from plain file names. It sits with the item-reference code, which owns the
+// name layout: a name is an item name exactly when it parses to a reference
+// whose item number is not zero.
 #include <cstring>
 
 #include "er.h"
-#include "os.h"
-#include "sfl.h"
+#include "im.h"
 
 int os_CheckFileName(const char* name, sfl_ItemRef* ref) {
   sfl_ItemRef found{};
