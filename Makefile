@@ -39,6 +39,7 @@ bench: build
 
 soak: build
 	SFL_STRESS_PROCS=16 SFL_STRESS_OPS=20000 $(BUILD)/tests/stress_test
+	SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
 
 asan:
 	$(MAKE) test BUILD=build-asan BUILD_TYPE=Debug CMAKE_ARGS="-DSFL_SANITIZE=ON $(CMAKE_ARGS)"

@@ -161,7 +161,7 @@ TEST_F(OsTest, RecordLocks) {
   });
   EXPECT_EQ(rc, 0);
   os_FailNth(os_Op::Lock, 1, EACCES);  // the other errno of a conflict
-  EXPECT_EQ(os_TryLockPart(fd, OS_LOCK_EXCL, SEEK_SET, 0, 0, 1, 0), 0);
+  EXPECT_EQ(os_TryLockPart(fd, OS_LOCK_EXCL | OS_LOCK_NOWAIT, SEEK_SET, 0, 0, 1, 0), 0);
   os_close(fd);
 }
 

@@ -391,7 +391,7 @@ TEST_F(BaseTest, FailureAfterTheFreeMapItemReleasesEverything) {
   // armed, so that the receive that fails is the open's own reply.
   sfl_GetQueue(nullptr, nullptr, nullptr, nullptr, nullptr);
   const int fds = OpenDescriptors();
-  os_FailNth(os_Op::Msgrcv, 1, EIO);
+  os_FailNth(os_Op::Msgrcv, 1, EIO, 3);  // every try of the receive
   EXPECT_EQ(EscapeOf([&] { sfl_OpenSfl(&ref, 0); }), std::make_pair(int(ER_GROUP_OS), EIO));
   os_ClearFaults();
   EXPECT_EQ(sfl_OpenFiles().InUseCount(), filesBefore_);

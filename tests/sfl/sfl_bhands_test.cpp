@@ -497,7 +497,7 @@ TEST_F(ColdStoreFilesTest, RevivalThatCannotRecordTheInterestLeavesTheFileCold) 
   sfl_ItemRef fileRef = itemRef;
   fileRef.Flags = static_cast<uint16_t>(fileRef.Flags & ~SFL_ITEM_NUM_MASK);
   ASSERT_EQ(FilesInColdStore, 1);
-  os_FailNth(os_Op::Msgrcv, 1, EIO);  // the interest service's answer is lost
+  os_FailNth(os_Op::Msgrcv, 1, EIO, 3);  // the interest service's answer is lost, every try
   sfl_BaseRec* rec = nullptr;
   Raised r = RaisedBy([&] { sfl_CheckFileAccessed(&fileRef, &rec, nullptr, 1, nullptr); });
   os_ClearFaults();

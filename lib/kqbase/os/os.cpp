@@ -27,22 +27,56 @@ struct Fault {
   bool fail = false;
   int err = 0;
   size_t maxBytes = 0;
+  unsigned times = 1;  // calls in a row that fail, from the nth on
 };
 
 std::array<uint64_t, os_OpCount> g_counts{};
 std::array<Fault, os_OpCount> g_faults{};
 
+// The fault of the next calls of any kind (os_FailNthCall, os_ShortNthTransfer).
+struct AnyFault {
+  uint64_t countdown = 0;  // 0: none pending
+  bool shortOnly = false;  // counts transfers only, and shortens the one it meets
+  int err = 0;
+  size_t divisor = 2;      // a short transfer moves len / divisor bytes
+  bool met = false;
+  os_Op metKind = os_Op::Count_;
+};
+AnyFault g_any;
+uint64_t g_total = 0;
+uint64_t g_transfers = 0;
+
+// The fault of any kind, if this call is the one it waits for.
+int enterAny(os_Op op, size_t* maxBytes, size_t len) {
+  ++g_total;
+  if (maxBytes != nullptr) ++g_transfers;
+  if (g_any.countdown == 0) return 0;
+  if (g_any.shortOnly && maxBytes == nullptr) return 0;
+  if (--g_any.countdown != 0) return 0;
+  g_any.met = true;
+  g_any.metKind = op;
+  if (!g_any.shortOnly) {
+    errno = g_any.err;
+    return 1;
+  }
+  *maxBytes = len / g_any.divisor;
+  return 2;
+}
+
 // Counts the call and reports whether this call is the one to fail or to
 // come up short. Returns 0 for a normal call, 1 for a failure (errno set),
-// 2 for a short transfer (limit in *maxBytes).
-int enter(os_Op op, size_t* maxBytes = nullptr) {
+// 2 for a short transfer (limit in *maxBytes). `len` is a transfer's length.
+int enter(os_Op op, size_t* maxBytes = nullptr, size_t len = 0) {
   int i = static_cast<int>(op);
   ++g_counts[i];
+  // A message is sent whole or not at all: only a failure applies to it.
+  if (int any = enterAny(op, op == os_Op::Msgsnd ? nullptr : maxBytes, len); any != 0) return any;
   Fault& f = g_faults[i];
   if (f.countdown == 0) return 0;
   if (--f.countdown != 0) return 0;
   if (f.fail) {
     errno = f.err;
+    if (--f.times > 0) f.countdown = 1;  // the next call fails too
     return 1;
   }
   if (maxBytes != nullptr) {
@@ -69,15 +103,39 @@ const char* os_OpName(os_Op op) {
   return names[static_cast<int>(op)];
 }
 
-void os_FailNth(os_Op op, unsigned nth, int err) {
-  g_faults[static_cast<int>(op)] = Fault{nth, true, err, 0};
+void os_FailNth(os_Op op, unsigned nth, int err, unsigned times) {
+  g_faults[static_cast<int>(op)] = Fault{nth, true, err, 0, times < 1 ? 1 : times};
 }
 
 void os_ShortNth(os_Op op, unsigned nth, size_t maxBytes) {
-  g_faults[static_cast<int>(op)] = Fault{nth, false, 0, maxBytes};
+  g_faults[static_cast<int>(op)] = Fault{nth, false, 0, maxBytes, 1};
 }
 
-void os_ClearFaults() { g_faults = {}; }
+void os_ClearFaults() {
+  g_faults = {};
+  g_any = {};
+}
+
+void os_FailNthCall(uint64_t nth, int err) {
+  g_any = AnyFault{};
+  g_any.countdown = nth;
+  g_any.err = err;
+}
+
+void os_ShortNthTransfer(uint64_t nth, size_t divisor) {
+  g_any = AnyFault{};
+  g_any.countdown = nth;
+  g_any.shortOnly = true;
+  g_any.divisor = divisor < 2 ? 2 : divisor;
+}
+
+bool os_FaultMet() { return g_any.met; }
+
+const char* os_FaultMetKind() { return g_any.met ? os_OpName(g_any.metKind) : "none"; }
+
+uint64_t os_TotalCalls() { return g_total; }
+
+uint64_t os_TransferCalls() { return g_transfers; }
 
 uint64_t os_CallCount(os_Op op) { return g_counts[static_cast<int>(op)]; }
 
@@ -106,13 +164,19 @@ int os_open(const char* path, int flags, mode_t mode) {
 }
 
 int os_close(int fd) {
-  if (enter(os_Op::Close)) return -1;
+  if (enter(os_Op::Close)) {
+    // A close that fails still releases the descriptor, as close(2) does.
+    const int err = errno;
+    ::close(fd);
+    errno = err;
+    return -1;
+  }
   return ::close(fd);
 }
 
 ssize_t os_read(int fd, void* buf, size_t len) {
   size_t maxBytes = 0;
-  int v = enter(os_Op::Read, &maxBytes);
+  int v = enter(os_Op::Read, &maxBytes, len);
   if (v == 1) return -1;
   ssize_t n;
   do n = ::read(fd, buf, limit(v, maxBytes, len));
@@ -122,7 +186,7 @@ ssize_t os_read(int fd, void* buf, size_t len) {
 
 ssize_t os_write(int fd, const void* buf, size_t len) {
   size_t maxBytes = 0;
-  int v = enter(os_Op::Write, &maxBytes);
+  int v = enter(os_Op::Write, &maxBytes, len);
   if (v == 1) return -1;
   ssize_t n;
   do n = ::write(fd, buf, limit(v, maxBytes, len));
@@ -132,7 +196,7 @@ ssize_t os_write(int fd, const void* buf, size_t len) {
 
 ssize_t os_pread(int fd, void* buf, size_t len, off_t off) {
   size_t maxBytes = 0;
-  int v = enter(os_Op::Pread, &maxBytes);
+  int v = enter(os_Op::Pread, &maxBytes, len);
   if (v == 1) return -1;
   ssize_t n;
   do n = ::pread(fd, buf, limit(v, maxBytes, len), off);
@@ -142,7 +206,7 @@ ssize_t os_pread(int fd, void* buf, size_t len, off_t off) {
 
 ssize_t os_pwrite(int fd, const void* buf, size_t len, off_t off) {
   size_t maxBytes = 0;
-  int v = enter(os_Op::Pwrite, &maxBytes);
+  int v = enter(os_Op::Pwrite, &maxBytes, len);
   if (v == 1) return -1;
   ssize_t n;
   do n = ::pwrite(fd, buf, limit(v, maxBytes, len), off);
@@ -227,22 +291,23 @@ int os_GetUserIds(const char* user, uid_t* uid, gid_t* gid) {
 // ---- locks ---------------------------------------------------------------
 
 namespace {
-// A lock call that failed: a conflict (only a call that does not wait meets
-// one) is a refusal, reported by the result; anything else is an error, and
-// going on as if the range were merely refused would let an update run
-// without its lock.
-int lockFailed(int err) {
-  if (err == EAGAIN || err == EACCES) return 0;
+// A lock call that failed: a conflict met by a call that does not wait is a
+// refusal, reported by the result; anything else (including a "conflict"
+// from a call that waits, which cannot meet one) is an error, and going on
+// as if the range were merely refused would let an update run without its
+// lock.
+int lockFailed(int err, bool nowait) {
+  if (nowait && (err == EAGAIN || err == EACCES)) return 0;
   ER_RAISE(ER_GROUP_OS, err);
 }
 }  // namespace
 
 int os_TryLockPart(int fd, int mode, int whence, uint32_t offLow, uint32_t offHigh, uint32_t lenLow,
                    uint32_t lenHigh) {
-  if (enter(os_Op::Lock)) return lockFailed(errno);
+  const bool nowait = (mode & OS_LOCK_NOWAIT) != 0 && (mode & ~OS_LOCK_NOWAIT) != OS_LOCK_RELEASE;
+  if (enter(os_Op::Lock)) return lockFailed(errno, nowait);
   struct flock fl;
   std::memset(&fl, 0, sizeof fl);
-  const bool nowait = (mode & OS_LOCK_NOWAIT) != 0;
   switch (mode & ~OS_LOCK_NOWAIT) {
     case OS_LOCK_SHARED: fl.l_type = F_RDLCK; break;
     case OS_LOCK_EXCL: fl.l_type = F_WRLCK; break;
@@ -257,7 +322,7 @@ int os_TryLockPart(int fd, int mode, int whence, uint32_t offLow, uint32_t offHi
   int rc;
   do rc = ::fcntl(fd, cmd, &fl);
   while (rc < 0 && errno == EINTR);
-  return rc == 0 ? 1 : lockFailed(errno);
+  return rc == 0 ? 1 : lockFailed(errno, nowait);
 }
 
 int os_flock(int fd, int op) {
@@ -316,7 +381,7 @@ int os_fclose(FILE* f) {
 
 size_t os_fread(void* buf, size_t size, size_t count, FILE* f) {
   size_t maxBytes = 0;
-  int v = enter(os_Op::Fread, &maxBytes);
+  int v = enter(os_Op::Fread, &maxBytes, size * count);
   if (v == 1) return 0;
   if (v == 2 && size > 0) count = std::min(count, maxBytes / size);
   return std::fread(buf, size, count, f);
@@ -324,7 +389,7 @@ size_t os_fread(void* buf, size_t size, size_t count, FILE* f) {
 
 size_t os_fwrite(const void* buf, size_t size, size_t count, FILE* f) {
   size_t maxBytes = 0;
-  int v = enter(os_Op::Fwrite, &maxBytes);
+  int v = enter(os_Op::Fwrite, &maxBytes, size * count);
   if (v == 1) return 0;
   if (v == 2 && size > 0) count = std::min(count, maxBytes / size);
   return std::fwrite(buf, size, count, f);
@@ -369,7 +434,7 @@ int os_msgget(key_t key, int flags) {
 
 int os_msgsnd(int qid, const void* msg, size_t textLen, int flags) {
   size_t maxBytes = 0;
-  int v = enter(os_Op::Msgsnd, &maxBytes);
+  int v = enter(os_Op::Msgsnd, &maxBytes, textLen);
   if (v == 1) return -1;
   if (textLen > kMaxText) {
     errno = EINVAL;

@@ -29,11 +29,25 @@ const char* os_OpName(os_Op op);
 
 // ---- test switch -------------------------------------------------------
 // The nth call (1 = the very next one) of `op` fails with `err`, transferring
-// nothing. Only one pending fault per kind; a new one replaces the old.
-void os_FailNth(os_Op op, unsigned nth, int err);
+// nothing, and so do the `times` - 1 calls of that kind after it. Only one
+// pending fault per kind; a new one replaces the old.
+void os_FailNth(os_Op op, unsigned nth, int err, unsigned times = 1);
 // The nth call of `op` transfers at most `maxBytes` (read, write, pread,
 // pwrite, fread, fwrite, msgsnd).
 void os_ShortNth(os_Op op, unsigned nth, size_t maxBytes);
+// The nth call of any kind from now (1 = the very next one) fails with `err`.
+void os_FailNthCall(uint64_t nth, int err);
+// The nth transfer from now (read, write, pread, pwrite, fread, fwrite)
+// moves only len / divisor bytes.
+void os_ShortNthTransfer(uint64_t nth, size_t divisor);
+// Whether the fault set by one of the two above has been met.
+bool os_FaultMet();
+// The kind of call that met it ("none" when not met).
+const char* os_FaultMetKind();
+// Calls of every kind, and transfers, since the process started.
+uint64_t os_TotalCalls();
+uint64_t os_TransferCalls();
+// Clears every pending fault, of one kind or of any.
 void os_ClearFaults();
 uint64_t os_CallCount(os_Op op);
 void os_ResetCallCounts();

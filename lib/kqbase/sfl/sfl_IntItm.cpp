@@ -119,8 +119,13 @@ int32_t sfl_OpenIntItem(int32_t parentHandle, uint32_t block, uint32_t position)
 void sfl_CloseIntItem(int32_t itemHandle) {
   ER_TRACE_PROC("sfl_CloseIntItem");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  if (--item->OpenRefs > 0) return;
+  if (item->OpenRefs > 1) {
+    --item->OpenRefs;
+    return;
+  }
+  // A flush that fails leaves the handle open, to be closed again.
   sfl_ConsiderSync(item->BaseRecord, item, SFL_EV_CLOSE);
+  item->OpenRefs = 0;
   sfl_DeleteOSerItem(item);
 }
 

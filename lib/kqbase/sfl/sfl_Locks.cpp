@@ -83,7 +83,16 @@ int32_t releaseRange(int fd, uint64_t offset, uint64_t length) {
   // that fails leaves nothing here claiming a lock.
   if (h->modes.empty()) g_holds.erase(g_holds.begin() + (h - g_holds.data()));
   if (after == before) return 1;
-  return lockRange(fd, after == 0 ? SFL_LOCK_RELEASE : after, offset, length);
+  const int32_t mode = after == 0 ? SFL_LOCK_RELEASE : after;
+  // A release (or downgrade) that fails is tried once more before the
+  // failure passes on: a lock left behind shuts other processes out until
+  // the descriptor closes.
+  try {
+    return lockRange(fd, mode, offset, length);
+  } catch (const er_Escape&) {
+    er_Clear();
+  }
+  return lockRange(fd, mode, offset, length);
 }
 
 int baseFd(const sfl_ItemRec* item) {

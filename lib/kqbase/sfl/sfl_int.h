@@ -533,11 +533,19 @@ class sfl_ImplicitOpen {
 // Holds at most one byte-range lock (the "held variable" of the lock
 // protocol) and releases it, if still held, when it goes out of scope: an
 // escape unwinding through a frame releases exactly what that frame holds.
+//
+// A release that fails while an escape unwinds is absorbed (the first
+// escape is the one reported); on the ordinary way out it raises, so an
+// operation never reports success while a lock of its own is left behind.
 class sfl_Held {
  public:
-  sfl_Held() = default;
-  ~sfl_Held() {
-    if (held_) sfl_GiveBackQuietly([this] { Unlock(); });
+  sfl_Held() : unwinding_(std::uncaught_exceptions()) {}
+  ~sfl_Held() noexcept(false) {
+    if (!held_) return;
+    if (std::uncaught_exceptions() > unwinding_)
+      sfl_GiveBackQuietly([this] { Unlock(); });
+    else
+      Unlock();
   }
   sfl_Held(const sfl_Held&) = delete;
   sfl_Held& operator=(const sfl_Held&) = delete;
@@ -589,6 +597,7 @@ class sfl_Held {
   sfl_ItemRec* item_ = nullptr;
   uint32_t offset_ = 0;
   int32_t held_ = 0;
+  int unwinding_;
 };
 
 // One read-modify-write of an item's header under its exclusive header lock:

@@ -117,17 +117,38 @@ struct Answer {
   uint32_t w0 = 0, w1 = 0, w2 = 0;
 };
 
+// Set from a request's send until its reply is in hand: a reply that an
+// exchange failed to take stays in the queue, and must not be read as the
+// answer to the next request.
+bool g_replyPending = false;
+constexpr int kReceiveTries = 3;
+
 // Sends one request about `ref` and waits for its reply of `replyLen` bytes.
 Answer exchange(const sfl_ItemRef& ref, const uint8_t* text, size_t textLen, int32_t type,
                 size_t replyLen) {
   int32_t requestQueue = 0, replyQueue = 0;
   sfl_GetQueue(&ref, &requestQueue, &replyQueue, nullptr, nullptr);
+  if (g_replyPending) {
+    drainStaleReplies(os_getpid());
+    g_replyPending = false;
+  }
   uint8_t msg[4 + ML_WITHDRAW_LEN] = {};
   sfl_PutU32(msg, static_cast<uint32_t>(type));
   std::memcpy(msg + 4, text, textLen);
   sfl_DoSendMsg(requestQueue, msg, textLen, 0);
+  g_replyPending = true;
   uint8_t reply[4 + ML_RECORD_REPLY_LEN] = {};
-  os_msgrcv(replyQueue, reply, replyLen, os_getpid(), 0);
+  // A receive that fails leaves the reply where it is: it is tried again.
+  for (int attempt = 1;; ++attempt) {
+    try {
+      os_msgrcv(replyQueue, reply, replyLen, os_getpid(), 0);
+      break;
+    } catch (const er_Escape&) {
+      if (attempt >= kReceiveTries) throw;
+      er_Clear();
+    }
+  }
+  g_replyPending = false;
   Answer a;
   a.w0 = sfl_GetU32(reply + 4);
   a.w1 = sfl_GetU32(reply + 8);
