@@ -433,6 +433,45 @@ TEST_F(ListTree, OtherEscapesPassOn) {
   EXPECT_EQ(sfltest::ReasonOf([&] { sfl_ListIndexTree(stdout, 8999); }), SFL_R_BAD_HANDLE);
 }
 
+// ---- a whole container ---------------------------------------------------------------------
+
+// A slot the file does not have is refused; an unformatted blocked root is
+// shown as the zeros it is; no lock is left behind.
+TEST(DumpContainer, SlotsRootsAndLocks) {
+  sfltest::OpenContainer c = sfltest::NewContainer();
+  sfl_ItemRef ref{};
+  const int32_t h = sfl_CreateBlockedItem(c.bh, &ref);
+  EXPECT_EQ(sfltest::ReasonOf([&] { sfl_DumpContainer(stdout, c.bh, 8); }), SFL_R_NO_ITEM);
+  EXPECT_EQ(sfltest::ReasonOf([&] { sfl_DumpContainer(stdout, c.bh, -2); }), SFL_R_NO_ITEM);
+
+  const std::string text = Printed([&](FILE* f) { sfl_DumpContainer(f, c.bh, 1); });
+  const uint32_t root = sfltest::SlotOf(c.bh, 1).FileOffset;
+  const Bytes header = sfltest::ReadExactly(sfl_Handle2Record(c.bh)->FileDes, 192, 64);
+  const Bytes zeros(384, 0);
+  EXPECT_EQ(text, Printed([&](FILE* f) {
+              sfl_DumpItemHeader(f, header.data(), 192);
+              sfl_DumpBlockedIndex(f, zeros.data(), root);
+            }));
+  EXPECT_NE(text.find("Depth=0\nUsed=0\nEverUsed=0\nBaseBlockNum=0\nParentOff=0x00000000 (0)\n"),
+            std::string::npos)
+      << text;
+
+  // A free slot asked for by number is shown as it lies (all zeros).
+  const std::string free = Printed([&](FILE* f) { sfl_DumpContainer(f, c.bh, 5); });
+  EXPECT_EQ(free.find("=IIIIIIIIIIIIIIIIIIIIIIII=\nLocation=0x000001c0 (448)\nAccCount=0\n"), 0u)
+      << free;
+
+  const std::string path = sfltest::ItemPath(c.ref);
+  FILE* sink = std::tmpfile();
+  ASSERT_NE(sink, nullptr);
+  sfl_DumpContainer(sink, c.bh, -1);
+  std::fclose(sink);
+  EXPECT_TRUE(sfltest::LockableElsewhere(path, 0, 128));
+  EXPECT_TRUE(sfltest::LockableElsewhere(path, 192, 64));
+  sfl_CloseItem(h);
+  sfl_CloseFile(c.bh);
+}
+
 // ---- the per-process tables -------------------------------------------------------------------
 
 TEST(DumpTables, OpenFiles) {

@@ -15,6 +15,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <memory>
 #include <sstream>
@@ -905,6 +906,194 @@ TEST(SflCliBlocks, RefusedOnSimpleItemsAndForSimpleCommands) {
   EXPECT_NE(t.err.find("error 100/28889"), std::string::npos) << t.err;
   Json j = ParseJson(Sfl({"blocks", "list", blocked, "--json"}).out);
   EXPECT_EQ(j["count"].num, 1);
+}
+
+// ---- dump
+// ------------------------------------------------------------------------------------------
+
+// The dump routines' text for raw records, printed in this process.
+std::string DumpedWith(const std::function<void(FILE*)>& fn) {
+  char* text = nullptr;
+  size_t len = 0;
+  FILE* f = open_memstream(&text, &len);
+  fn(f);
+  std::fclose(f);
+  std::string s(text, len);
+  std::free(text);
+  return s;
+}
+
+size_t Count(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+// A container with a simple item (1) and a blocked item (2) of 40 one-line
+// blocks, block n holding the line "n+1": a tree of a root and two leaves.
+struct DumpFixture {
+  std::string c, simple, blocked, path;
+  DumpFixture() {
+    c = NewContainer();
+    simple = Put(c, "hello");
+    std::string lines;
+    for (int i = 1; i <= 40; ++i) lines += std::to_string(i) + "\n";
+    blocked = Lines(Sfl({"blocks", "append", c}, lines).out)[0];
+    Json st = ParseJson(Sfl({"stat", simple, "--json"}).out);
+    path = st["path"].str.substr(0, st["path"].str.rfind(':'));
+  }
+  std::string Raw(size_t off, size_t len) const { return ReadFile(path).substr(off, len); }
+  const uint8_t* Bytes(const std::string& s) const {
+    return reinterpret_cast<const uint8_t*>(s.data());
+  }
+};
+
+TEST(SflCliDump, WholeContainerInFileOrder) {
+  DumpFixture f;
+  Outcome r = Sfl({"dump", f.c});
+  EXPECT_OK(r);
+  // The expected text: the file header, slots 0 to 2, then item 2's tree
+  // (its root, then the leaves in entry order), read from the file here.
+  const std::string header = f.Raw(0, 128);
+  std::string want = DumpedWith([&](FILE* o) { sfl_DumpHeader(o, f.Bytes(header), 0); });
+  for (uint32_t slot = 0; slot < 3; ++slot) {
+    const uint32_t at = 128 + 64 * slot;
+    const std::string h = f.Raw(at, 64);
+    want += DumpedWith([&](FILE* o) { sfl_DumpItemHeader(o, f.Bytes(h), at); });
+  }
+  const sfl_ItemHeaderBytes item2 = [&] {
+    sfl_ItemHeaderBytes b{};
+    const std::string s = f.Raw(256, 64);
+    std::memcpy(b.data(), s.data(), b.size());
+    return b;
+  }();
+  const sfl_ItemHeader h2 = sfl_DecodeItemHeader(item2);
+  ASSERT_EQ(h2.IndexDepth, 1u);
+  const std::string rootBytes = f.Raw(h2.FileOffset, 384);
+  sfl_IndexBytes rb{};
+  std::memcpy(rb.data(), rootBytes.data(), rb.size());
+  const sfl_IndexRecord root = sfl_DecodeIndex(rb);
+  want += DumpedWith([&](FILE* o) { sfl_DumpBlockedIndex(o, f.Bytes(rootBytes), h2.FileOffset); });
+  for (int e = 0; e < 2; ++e) {
+    const uint32_t off = root.Entries[e].SectionOffSet;
+    const std::string leaf = f.Raw(off, 384);
+    want += DumpedWith([&](FILE* o) { sfl_DumpBlockedIndex(o, f.Bytes(leaf), off); });
+  }
+  EXPECT_EQ(r.out, want);
+  // And what that text says about this file.
+  EXPECT_EQ(r.out.compare(0, 51, "=HHHHHHHHHHHHHHHHHHHHHHHH=\nLocation=0x00000000 (0)\n"), 0);
+  EXPECT_NE(r.out.find("UsedItems=2\nMaxItems=8\n"), std::string::npos);
+  EXPECT_NE(r.out.find("InUseItms BitMap=11100000 \n"), std::string::npos);
+  EXPECT_EQ(Count(r.out, "=IIIIIIIIIIIIIIIIIIIIIIII=\n"), 3u);
+  EXPECT_EQ(Count(r.out, "=XXXXXXXXXXXXXXXXXXXXXXXX=\n"), 3u);
+  EXPECT_NE(r.out.find("Location=0x00000100 (256)\n"), std::string::npos);
+  EXPECT_NE(r.out.find("IndexDepth=1\nFlags=0x00000001\nBLOCKED_ITEM \n"), std::string::npos);
+  EXPECT_NE(r.out.find("Depth=0\nUsed=8\nEverUsed=8\nBaseBlockNum=32\n"), std::string::npos);
+  EXPECT_NE(r.out.find(" 7:SectionSize  =0x00000003 (3)\n"), std::string::npos);  // "40\n"
+}
+
+TEST(SflCliDump, OneItem) {
+  DumpFixture f;
+  Outcome simple = Sfl({"dump", f.c, "--item", "1"});
+  EXPECT_OK(simple);
+  const std::string h1 = f.Raw(192, 64);
+  EXPECT_EQ(simple.out, DumpedWith([&](FILE* o) { sfl_DumpItemHeader(o, f.Bytes(h1), 192); }));
+  EXPECT_NE(simple.out.find("FileSize=0x00000005 (5)\n"), std::string::npos) << simple.out;
+
+  Outcome blocked = Sfl({"dump", f.c, "--item=2"});
+  EXPECT_OK(blocked);
+  EXPECT_EQ(blocked.out.find("=IIIIIIIIIIIIIIIIIIIIIIII=\nLocation=0x00000100 (256)\n"), 0u);
+  EXPECT_EQ(Count(blocked.out, "=IIII"), 1u);
+  EXPECT_EQ(Count(blocked.out, "=XXXX"), 3u);
+  EXPECT_EQ(Count(blocked.out, "=HHHH"), 0u);
+
+  Outcome map = Sfl({"dump", f.c, "--item", "0"});
+  EXPECT_OK(map);
+  EXPECT_NE(map.out.find("Location=0x00000080 (128)\nAccCount=1\nFileSize=0x00000100 (256)\n"),
+            std::string::npos)
+      << map.out;
+}
+
+TEST(SflCliDump, TreeListsBlocksAndHoles) {
+  DumpFixture f;
+  EXPECT_OK(Sfl({"blocks", "free", f.blocked, "3", "33"}));
+  Outcome r = Sfl({"dump", f.c, "--tree", "2"});
+  EXPECT_OK(r);
+  std::string want;
+  char line[64];
+  for (int n = 0; n < 40; ++n) {
+    if (n % 32 == 0) want += "------> BaseBlock=" + std::to_string(n) + "\n";
+    const int len = static_cast<int>(std::to_string(n + 1).size()) + 1;
+    if (n == 3 || n == 33)
+      std::snprintf(line, sizeof line, "Record %5d is UNUSED\n", n);
+    else
+      std::snprintf(line, sizeof line, "Record %5d is %5d Bytes\n", n, len);
+    want += line;
+  }
+  EXPECT_EQ(r.out, want);
+  EXPECT_NE(r.out.find("Record     3 is UNUSED\nRecord     4 is     2 Bytes\n"), std::string::npos);
+}
+
+TEST(SflCliDump, Refusals) {
+  DumpFixture f;
+  const std::vector<std::vector<std::string>> usage = {
+      {"dump"},
+      {"dump", f.c, f.c},
+      {"dump", f.simple},
+      {"dump", f.c, "--item"},
+      {"dump", f.c, "--item", "8"},
+      {"dump", f.c, "--item", "x"},
+      {"dump", f.c, "--tree", "0"},
+      {"dump", f.c, "--tree", "-1"},
+      {"dump", f.c, "--item", "1", "--tree", "2"},
+      {"dump", f.c, "--json"},
+  };
+  for (const auto& args : usage) {
+    SCOPED_TRACE(args.size() > 2 ? args[2] : "");
+    EXPECT_FAILS(Sfl(args), 2);
+  }
+  Outcome free = Sfl({"dump", f.c, "--item", "5"});
+  EXPECT_FAILS(free, 1);
+  EXPECT_NE(free.err.find("slot 5 is free"), std::string::npos) << free.err;
+  Outcome simple = Sfl({"dump", f.c, "--tree", "1"});
+  EXPECT_FAILS(simple, 1);
+  EXPECT_NE(simple.err.find("not a blocked item"), std::string::npos) << simple.err;
+  EXPECT_FAILS(Sfl({"dump", "9.9.999999"}), 1);
+  EXPECT_EQ(Sfl({"dump", f.c, "--tree", "3"}).status, 1);
+}
+
+// A damaged index record: what lies before it is printed, then the read
+// fails with one error line.
+TEST(SflCliDump, DamagedLeafEndsTheDumpWithAnError) {
+  DumpFixture f;
+  const std::string s = f.Raw(256, 64);
+  sfl_ItemHeaderBytes hb{};
+  std::memcpy(hb.data(), s.data(), hb.size());
+  const uint32_t rootOff = sfl_DecodeItemHeader(hb).FileOffset;
+  const std::string rootBytes = f.Raw(rootOff, 384);
+  sfl_IndexBytes rb{};
+  std::memcpy(rb.data(), rootBytes.data(), rb.size());
+  const uint32_t leaf1 = sfl_DecodeIndex(rb).Entries[1].SectionOffSet;
+  {
+    std::fstream io(f.path, std::ios::binary | std::ios::in | std::ios::out);
+    io.seekp(leaf1);
+    io.write("\0\0\0\0", 4);  // the magic number
+  }
+  Outcome r = Sfl({"dump", f.c});
+  EXPECT_FAILS(r, 1);
+  EXPECT_NE(r.err.find("error 100/28879"), std::string::npos) << r.err;
+  EXPECT_EQ(Count(r.out, "=IIII"), 3u);
+  EXPECT_EQ(Count(r.out, "=XXXX"), 2u);  // the root and the first leaf
+}
+
+TEST(SflCliDump, Help) {
+  Outcome r = Sfl({"dump", "--help"});
+  EXPECT_OK(r);
+  EXPECT_EQ(r.out.find("usage: sfl dump <container> [--item N | --tree N]"), 0u) << r.out;
+  EXPECT_NE(r.out.find("--tree"), std::string::npos);
+  EXPECT_NE(r.out.find("exit status"), std::string::npos);
+  EXPECT_EQ(Sfl({"help", "dump"}).out, r.out);
+  EXPECT_NE(Sfl({"--help"}).out.find("  dump "), std::string::npos);
 }
 
 // ---- the interest service

@@ -66,6 +66,7 @@ const std::vector<Command>& BlockCommands();
 const std::vector<Command>& ServiceCommands();
 const std::vector<Command>& CheckCommands();
 const std::vector<Command>& CompactCommands();
+const std::vector<Command>& DumpCommands();
 
 // Parses the words after the command name. Returns false when `--help` was
 // given (the caller prints the help). Throws UsageError.

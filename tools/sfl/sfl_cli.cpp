@@ -44,7 +44,7 @@ std::vector<const Command*> AllCommands() {
   std::vector<const Command*> all;
   for (const auto* table : {&cli::ItemCommands(), &cli::StreamCommands(), &cli::BlockCommands(),
                             &cli::ServiceCommands(), &cli::CheckCommands(),
-                            &cli::CompactCommands()})
+                            &cli::CompactCommands(), &cli::DumpCommands()})
     for (const Command& c : *table) all.push_back(&c);
   return all;
 }

@@ -280,6 +280,12 @@ SFL_API void sfl_ListIndexTree(FILE* out, int32_t itemHandle);
 SFL_API int32_t sfl_DumpBaseItems(void);
 SFL_API int32_t sfl_DumpOpenItems(void);
 SFL_API int32_t sfl_DumpOpenL3Items(void);
+/* Dumps an open container: its file header, then the header of every item
+   slot in use and, for a blocked item, every index record of its tree
+   (parents before children). With `item` 0 to 7 only that slot is dumped,
+   in use or not, without the file header; -1 dumps the whole file. A slot
+   the file does not have raises 28857. */
+SFL_API void sfl_DumpContainer(FILE* out, int32_t baseHandle, int32_t item);
 
 /* ---- integrity check ----------------------------------------------------------------- */
 /* Checks a container file (the reference must name the file, not an item):

@@ -2,10 +2,13 @@
 // entries and index records) as text for people investigating a container,
 // the blocks of a blocked item, and the open-files table. The open-items and
 // stream tables are dumped beside their tables (sfl_ihands, sfl_l3hand).
+// sfl_DumpContainer puts the record dumps together for a whole open file.
 //
 // The record dumps take the raw record bytes as they lie in the file and
 // decode them field by field; they check nothing and change nothing, so a
 // damaged record is shown as it is. Output errors are ignored.
+#include <algorithm>
+#include <array>
 #include <climits>
 #include <cstdio>
 #include <vector>
@@ -57,6 +60,14 @@ constexpr FlagName kItemFlags[] = {
     {BLOCKED_ITEM, "BLOCKED_ITEM"}, {HAS_INT_ITEM, "HAS_INT_ITEM"}, {INT_ITEM, "INT_ITEM"},
     {DELETED, "DELETED"},           {OTHER_LOCKS, "OTHER_LOCKS"},   {MEM_FREEMAP, "MEM_FREEMAP"},
 };
+
+// Reads exactly `N` bytes at `offset` of an open file or raises 28871.
+template <size_t N>
+std::array<uint8_t, N> ReadRaw(sfl_BaseRec* rec, uint32_t offset) {
+  std::array<uint8_t, N> bytes{};
+  if (sfl_PRead(rec, bytes.data(), N, offset) != static_cast<ssize_t>(N)) SFL_RAISE(SFL_R_SHORT_READ);
+  return bytes;
+}
 
 // The largest block a blocked item can hold is longer than anyone reads
 // whole in a listing; the listing only reports each block's length.
@@ -175,4 +186,52 @@ extern "C" int32_t sfl_DumpBaseItems(void) {
                  rec->ProcAccCount);
   }
   return static_cast<int32_t>(table.HighWater());
+}
+
+// The file header and item table are read together under the shared
+// file-header lock, then released: a blocked item's header and tree are read
+// again under that item's own shared header lock (as every reader of a tree
+// does), never while the file-header lock is held, so the dump waits on one
+// lock at a time.
+extern "C" void sfl_DumpContainer(FILE* out, int32_t baseHandle, int32_t item) {
+  ER_TRACE_PROC("sfl_DumpContainer");
+  sfl_BaseRec* rec = sfl_Handle2Record(baseHandle);
+  sfl_PtrEnsureBaseFileOpen(rec);
+
+  sfl_Held fileLock;
+  fileLock.Header(rec, SFL_LOCK_SHARED);
+  const sfl_FileHeaderBytes headerBytes = ReadRaw<SFL_FILE_HEADER_SIZE>(rec, 0);
+  const sfl_FileHeader fh = sfl_DecodeFileHeader(headerBytes);
+  // The in-use map is one byte, so no file has more than eight slots to show.
+  const uint32_t slots = std::min<uint32_t>(fh.MaxItems, 8);
+  if (item < -1 || item >= static_cast<int32_t>(slots)) SFL_RAISE(SFL_R_NO_ITEM);
+  std::vector<sfl_ItemHeaderBytes> table(slots);
+  for (uint32_t i = 0; i < slots; ++i)
+    table[i] = ReadRaw<SFL_ITEM_HEADER_SIZE>(rec, fh.TableOffset + i * SFL_ITEM_HEADER_SIZE);
+  fileLock.Unlock();
+
+  if (item == -1) sfl_DumpHeader(out, headerBytes.data(), 0);
+  for (uint32_t i = 0; i < slots; ++i) {
+    const bool inUse = ((fh.InUseItms >> i) & 1u) != 0;
+    if (item == -1 ? !inUse : static_cast<uint32_t>(item) != i) continue;
+    const uint32_t at = fh.TableOffset + i * SFL_ITEM_HEADER_SIZE;
+    const sfl_ItemHeader first = sfl_DecodeItemHeader(table[i]);
+    if ((first.Flags & BLOCKED_ITEM) == 0) {
+      sfl_DumpItemHeader(out, table[i].data(), at);
+      continue;
+    }
+    sfl_Held itemLock;
+    if ((first.Flags & OTHER_LOCKS) == 0) itemLock.IntHeader(rec, at, SFL_LOCK_SHARED);
+    const sfl_ItemHeaderBytes bytes = ReadRaw<SFL_ITEM_HEADER_SIZE>(rec, at);
+    const sfl_ItemHeader h = sfl_DecodeItemHeader(bytes);
+    sfl_DumpItemHeader(out, bytes.data(), at);
+    if ((h.Flags & BLOCKED_ITEM) == 0 || h.FileOffset == 0) continue;
+    sfl_WalkIndexTree(rec, h.FileOffset, [out](uint32_t off, const sfl_IndexRecord& r, uint64_t) {
+      sfl_IndexBytes record{};
+      sfl_EncodeIndex(r, record);
+      sfl_DumpBlockedIndex(out, record.data(), off);
+      return true;
+    });
+    itemLock.Unlock();
+  }
 }
