@@ -29,7 +29,13 @@ std::string Printed(const std::function<void(FILE*)>& fn) {
   size_t len = 0;
   FILE* out = open_memstream(&text, &len);
   EXPECT_NE(out, nullptr);
-  fn(out);
+  try {
+    fn(out);
+  } catch (...) {
+    std::fclose(out);
+    std::free(text);
+    throw;
+  }
   std::fclose(out);
   std::string s(text, len);
   std::free(text);
@@ -61,14 +67,9 @@ std::string Pad(const std::string& text, size_t width) {
 std::string Pad(uint64_t v, size_t width) { return Pad(std::to_string(v), width); }
 
 std::string Hex(uint32_t v, bool upper) {
-  static const char* lower = "0123456789abcdef";
-  static const char* capital = "0123456789ABCDEF";
-  std::string s;
-  do {
-    s.insert(s.begin(), (upper ? capital : lower)[v % 16]);
-    v /= 16;
-  } while (v != 0);
-  return s;
+  char buf[16];
+  std::snprintf(buf, sizeof buf, upper ? "%X" : "%x", v);
+  return buf;
 }
 
 // ---- records built byte by byte ----------------------------------------------------------
