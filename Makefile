@@ -9,7 +9,7 @@ CTEST_ARGS ?=
 JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 
-.PHONY: all deps configure build test install run bench soak asan clean
+.PHONY: all deps configure build test install run bench soak asan coverage clean
 
 all: build
 
@@ -44,5 +44,14 @@ soak: build
 asan:
 	$(MAKE) test BUILD=build-asan BUILD_TYPE=Debug CMAKE_ARGS="-DSFL_SANITIZE=ON $(CMAKE_ARGS)"
 
+# The whole suite in a build with coverage counters (build-cov/), then a
+# report on the terminal and in build-cov/coverage/index.html, and the
+# floor check of lib/ (.ci/coverage-floor).
+coverage:
+	$(MAKE) build BUILD=build-cov BUILD_TYPE=Debug CMAKE_ARGS="-DSFL_COVERAGE=ON -DSFL_BUILD_BENCH=OFF $(CMAKE_ARGS)"
+	find build-cov -name '*.gcda' -delete
+	cd build-cov && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
+	JOBS=$(JOBS) sh tools/coverage-report.sh build-cov
+
 clean:
-	rm -rf build build-asan
+	rm -rf build build-asan build-cov

@@ -14,6 +14,7 @@
 
 #include "er.h"
 #include "ml.h"
+#include "os.h"
 
 namespace sfltest {
 namespace {
@@ -69,7 +70,7 @@ int StartChild(const std::function<int()>& body) {
       rc = 99;
     }
     std::fflush(nullptr);
-    _exit(rc);
+    os_ExitNow(rc);
   }
   return static_cast<int>(pid);
 }
@@ -103,7 +104,7 @@ int StartService(const std::vector<std::string>& args) {
     for (std::string& a : argv) cargv.push_back(a.data());
     cargv.push_back(nullptr);
     execv(cargv[0], cargv.data());
-    _exit(127);
+    os_ExitNow(127);
   }
   for (int i = 0; i < 1000; ++i) {
     ml_State st;

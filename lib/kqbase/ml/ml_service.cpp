@@ -381,7 +381,7 @@ int ml_RunService(const ml_ServiceOptions& opts) {
     if (pid == 0) {
       os_close(lockFd);  // only the main process holds the service's lock
       body();
-      std::_Exit(0);
+      os_ExitNow(0);
     }
     if (pid < 0) forkFailed = true;
     return pid;

@@ -84,10 +84,11 @@ bool waitPublished(const std::string& runDir) {
   sigset_t none;
   sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  os_FlushCoverage();
   ::execve(argv[0], argv, envp);
   const int err = errno;
   (void)!::write(kReportFd, &err, sizeof err);
-  ::_exit(127);
+  os_ExitNow(127);
 }
 
 // The program beside this library: the directory of the object this code
@@ -159,7 +160,7 @@ int ml_StartDetached(const ml_ServiceOptions& opts, const std::string& program) 
   if (child == 0) {
     ::setsid();
     pid_t grandchild = ::fork();
-    if (grandchild != 0) ::_exit(grandchild < 0 ? 1 : 0);
+    if (grandchild != 0) os_ExitNow(grandchild < 0 ? 1 : 0);
     execService(logPath.c_str(), report[1], argv.data(), envp.data());
   }
   ::close(report[1]);

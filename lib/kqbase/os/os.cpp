@@ -495,6 +495,25 @@ pid_t os_fork() {
   return ::fork();
 }
 
+#ifdef SFL_COVERAGE_BUILD
+extern "C" void __gcov_dump(void);
+extern "C" void __gcov_reset(void);
+#endif
+
+void os_FlushCoverage() {
+#ifdef SFL_COVERAGE_BUILD
+  // A dump marks the counts written; the reset zeroes them and lets a
+  // later dump (or the one at exit) write what follows.
+  __gcov_dump();
+  __gcov_reset();
+#endif
+}
+
+void os_ExitNow(int code) {
+  os_FlushCoverage();
+  ::_exit(code);
+}
+
 pid_t os_waitpid(pid_t pid, int* status, int options) {
   pid_t r;
   do r = ::waitpid(pid, status, options);

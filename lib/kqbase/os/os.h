@@ -145,6 +145,15 @@ uid_t os_getuid();
 int os_usleep(uint64_t microseconds);
 int os_kill(pid_t pid, int sig);
 pid_t os_fork();
+// Ends this process at once, as _exit does: no atexit handlers, no stream
+// flushes. What a forked child ends with. In a coverage build it first
+// writes the process's coverage counts (os_FlushCoverage), which _exit
+// would lose.
+[[noreturn]] void os_ExitNow(int code);
+// In a coverage build, writes the counts gathered so far and starts
+// counting afresh (a process about to exec or to _exit loses them
+// otherwise); elsewhere nothing.
+void os_FlushCoverage();
 pid_t os_waitpid(pid_t pid, int* status, int options);
 pid_t os_setsid();
 // The target descriptor stays open across exec: this is how a starting
