@@ -222,4 +222,42 @@ TEST(MlConfig, GroupsByNumberOrName) {
   EXPECT_EQ(-1, ml_ResolveGroup(""));
 }
 
+TEST(MlRunDir, EmptyNameAndAnotherUsersTmpDirectoryAreRefused) {
+  errno = 0;
+  EXPECT_EQ(-1, ml_PrepareRunDir("", 0700));
+  EXPECT_EQ(EINVAL, errno);
+  if (getuid() != 0) GTEST_SKIP() << "needs root to give a directory away";
+  char tmpl[] = "/tmp/sfl-run-other-XXXXXX";
+  ASSERT_NE(nullptr, mkdtemp(tmpl));
+  ASSERT_EQ(0, chown(tmpl, 12345, 12345));
+  errno = 0;
+  EXPECT_EQ(-1, ml_PrepareRunDir(tmpl, 0700));
+  EXPECT_EQ(EPERM, errno);
+  std::filesystem::remove(tmpl);
+}
+
+TEST(MlState, FailedWriteLeavesTheOldStateAndNoTemporary) {
+  ASSERT_EQ(0, ml_PublishState(RunDir(), sample(), 0600));
+  ml_State other = sample();
+  other.MainPid = 1;
+  os_FailNth(os_Op::Write, 1, ENOSPC);
+  EXPECT_EQ(-1, ml_PublishState(RunDir(), other, 0600));
+  os_ClearFaults();
+  ml_State back;
+  ASSERT_TRUE(ml_ReadState(RunDir(), &back));
+  EXPECT_EQ(getpid(), back.MainPid);
+  for (const auto& e : std::filesystem::directory_iterator(RunDir()))
+    EXPECT_EQ(std::string::npos, e.path().string().find(".tmp")) << e.path();
+  std::filesystem::remove(ml_StatePath(RunDir()));
+}
+
+TEST(MlConfig, GroupKeyGivesTheOnDemandServiceItsGroup) {
+  setenv("SFL_MONITOR_GROUP", "root", 1);
+  EXPECT_EQ(0, ml_OnDemandOptions().Gid);
+  setenv("SFL_MONITOR_GROUP", "", 1);
+  EXPECT_EQ(-1, ml_OnDemandOptions().Gid);
+  unsetenv("SFL_MONITOR_GROUP");
+  EXPECT_EQ(-1, ml_OnDemandOptions().Gid);
+}
+
 }  // namespace
