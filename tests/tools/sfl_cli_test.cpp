@@ -25,6 +25,7 @@
 #include "sfl.h"
 #include "sfl_records.h"
 #include "test_env.h"
+#include "tool_run.h"
 
 namespace {
 
@@ -32,27 +33,16 @@ namespace fs = std::filesystem;
 
 // ---- running the tool -----------------------------------------------------------
 
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using sfltest::BinDir;
+using sfltest::Exec;
+using sfltest::Outcome;
+using sfltest::Sfl;
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
+std::string ReadFile(const std::string& path) { return sfltest::ReadWholeFile(path); }
 
 void WriteFile(const std::string& path, const std::string& data) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << data;
-}
-
-std::string BinDir() {
-  const char* d = std::getenv("SFL_TEST_BIN_DIR");
-  return d != nullptr ? d : ".";
 }
 
 // The repository root: this file lives in <root>/tests/tools/.
@@ -65,50 +55,6 @@ std::string SourceRoot() {
   while (std::getline(cache, line))
     if (line.compare(0, key.size(), key) == 0) return line.substr(key.size());
   return p.string();
-}
-
-// Runs `program args...` with `input` on standard input; `cwd` and extra
-// environment changes apply to the child only.
-Outcome Exec(const std::vector<std::string>& argv, const std::string& input = "",
-             const std::string& cwd = "", const std::map<std::string, std::string>& env = {},
-             const std::vector<std::string>& unset = {}) {
-  static int seq = 0;
-  const std::string base = sfltest::TestDir() + "/run" + std::to_string(++seq);
-  WriteFile(base + ".in", input);
-  std::fflush(nullptr);
-  pid_t pid = fork();
-  if (pid == 0) {
-    int in = open((base + ".in").c_str(), O_RDONLY);
-    int out = open((base + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    int err = open((base + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (in < 0 || out < 0 || err < 0) _exit(126);
-    dup2(in, 0);
-    dup2(out, 1);
-    dup2(err, 2);
-    if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(126);
-    for (const auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
-    for (const auto& k : unset) unsetenv(k.c_str());
-    std::vector<char*> args;
-    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    _exit(127);
-  }
-  Outcome r;
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return r;
-  }
-  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  r.out = ReadFile(base + ".out");
-  r.err = ReadFile(base + ".err");
-  return r;
-}
-
-Outcome Sfl(const std::vector<std::string>& args, const std::string& input = "") {
-  std::vector<std::string> argv = {BinDir() + "/bin/sfl"};
-  argv.insert(argv.end(), args.begin(), args.end());
-  return Exec(argv, input);
 }
 
 std::string Trim(const std::string& s) {

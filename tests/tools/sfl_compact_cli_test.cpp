@@ -15,58 +15,14 @@
 #include "sfl_int.h"
 #include "test_env.h"
 #include "test_util.h"
+#include "tool_run.h"
 
 namespace {
 
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
+using sfltest::Outcome;
+using sfltest::Sfl;
 
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-// Runs the built `sfl` with `args`; standard output and error to files.
-Outcome Sfl(const std::vector<std::string>& args) {
-  static int seq = 0;
-  const std::string base = sfltest::TestDir() + "/compact-run" + std::to_string(++seq);
-  const char* bin = std::getenv("SFL_TEST_BIN_DIR");
-  std::vector<std::string> argv = {std::string(bin != nullptr ? bin : ".") + "/bin/sfl"};
-  argv.insert(argv.end(), args.begin(), args.end());
-  std::fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const int out = open((base + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int err = open((base + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (out < 0 || err < 0) _exit(126);
-    dup2(out, 1);
-    dup2(err, 2);
-    std::vector<char*> cargs;
-    for (const std::string& a : argv) cargs.push_back(const_cast<char*>(a.c_str()));
-    cargs.push_back(nullptr);
-    execv(cargs[0], cargs.data());
-    _exit(127);
-  }
-  Outcome r;
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0)
-    if (errno != EINTR) return r;
-  r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  r.out = ReadFile(base + ".out");
-  r.err = ReadFile(base + ".err");
-  return r;
-}
-
-std::string Text(const sfl_ItemRef& ref) {
-  char buf[64];
-  im_ItemRef2Text(&ref, buf, sizeof buf);
-  return buf;
-}
+std::string Text(const sfl_ItemRef& ref) { return sfltest::RefText(ref); }
 
 uint64_t SizeOf(const std::string& path) {
   struct stat st {};
