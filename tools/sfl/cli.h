@@ -143,6 +143,8 @@ class Item {
 // ---- output -----------------------------------------------------------------
 std::string FormatTime(uint32_t seconds);  // ISO 8601, UTC
 std::vector<std::string> ItemFlagNames(uint32_t flags);
+// The names of a container's own flags (its file header's).
+std::vector<std::string> FileFlagNames(uint32_t flags);
 std::string JoinFlags(uint32_t flags);  // "BLOCKED_ITEM|DELETED", or "-"
 std::string JsonString(const std::string& s);
 std::string JsonFlags(uint32_t flags);  // ["BLOCKED_ITEM", ...]

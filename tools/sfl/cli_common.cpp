@@ -288,16 +288,20 @@ std::string FormatTime(uint32_t seconds) {
   return buf;
 }
 
-std::vector<std::string> ItemFlagNames(uint32_t flags) {
-  static const struct {
-    uint32_t bit;
-    const char* name;
-  } kNames[] = {{BLOCKED_ITEM, "BLOCKED_ITEM"}, {HAS_INT_ITEM, "HAS_INT_ITEM"},
-                {INT_ITEM, "INT_ITEM"},         {DELETED, "DELETED"},
-                {OTHER_LOCKS, "OTHER_LOCKS"},   {MEM_FREEMAP, "MEM_FREEMAP"}};
+namespace {
+
+struct FlagName {
+  uint32_t bit;
+  const char* name;
+};
+
+// The names of the bits set in `flags`, in table order; bits the table does
+// not know are shown together as one hexadecimal value.
+template <size_t N>
+std::vector<std::string> NamesOfBits(uint32_t flags, const FlagName (&table)[N]) {
   std::vector<std::string> names;
   uint32_t known = 0;
-  for (const auto& n : kNames) {
+  for (const auto& n : table) {
     known |= n.bit;
     if (flags & n.bit) names.push_back(n.name);
   }
@@ -307,6 +311,23 @@ std::vector<std::string> ItemFlagNames(uint32_t flags) {
     names.push_back(buf);
   }
   return names;
+}
+
+}  // namespace
+
+std::vector<std::string> ItemFlagNames(uint32_t flags) {
+  static const FlagName kNames[] = {{BLOCKED_ITEM, "BLOCKED_ITEM"}, {HAS_INT_ITEM, "HAS_INT_ITEM"},
+                                    {INT_ITEM, "INT_ITEM"},         {DELETED, "DELETED"},
+                                    {OTHER_LOCKS, "OTHER_LOCKS"},   {MEM_FREEMAP, "MEM_FREEMAP"}};
+  return NamesOfBits(flags, kNames);
+}
+
+std::vector<std::string> FileFlagNames(uint32_t flags) {
+  static const FlagName kNames[] = {
+      {SINGLE_FILE, "SINGLE_FILE"},         {ASYNCHRONOUS, "ASYNCHRONOUS"},
+      {BEEN_COMPACTED, "BEEN_COMPACTED"},   {ITEM_PEND_DEL, "ITEM_PEND_DEL"},
+      {NEED_COMPACTION, "NEED_COMPACTION"}, {HAS_BEEN_COMPACTED, "HAS_BEEN_COMPACTED"}};
+  return NamesOfBits(flags, kNames);
 }
 
 std::string JoinFlags(uint32_t flags) {

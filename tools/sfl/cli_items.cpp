@@ -196,28 +196,6 @@ std::string ItemRefIn(const sfl_ItemRef& container, uint32_t n) {
   return RefText(r);
 }
 
-// The container's own flags (file header) by name.
-std::vector<std::string> FileFlagNames(uint32_t flags) {
-  static const struct {
-    uint32_t bit;
-    const char* name;
-  } kNames[] = {{SINGLE_FILE, "SINGLE_FILE"},         {ASYNCHRONOUS, "ASYNCHRONOUS"},
-                {BEEN_COMPACTED, "BEEN_COMPACTED"},   {ITEM_PEND_DEL, "ITEM_PEND_DEL"},
-                {NEED_COMPACTION, "NEED_COMPACTION"}, {HAS_BEEN_COMPACTED, "HAS_BEEN_COMPACTED"}};
-  std::vector<std::string> names;
-  uint32_t known = 0;
-  for (const auto& n : kNames) {
-    known |= n.bit;
-    if (flags & n.bit) names.push_back(n.name);
-  }
-  if (flags & ~known) {
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "0x%x", flags & ~known);
-    names.push_back(buf);
-  }
-  return names;
-}
-
 int RunLs(const Args& a) {
   sfl_ItemRef ref = ParseContainerRef(a.positional[0]);
   Container c(ref);
