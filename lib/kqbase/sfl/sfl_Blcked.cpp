@@ -697,15 +697,9 @@ void sfl_DeleteIndexTree(sfl_ItemRec* item, const sfl_ItemHeader& header) {
   if (rec->FreeMapItem == nullptr || header.FileOffset == 0) return;
   sfl_Held own;
   own.ItemHeader(item, SFL_LOCK_EXCL);
-  sfl_Held mapLock;  // item 0's header lock guards the free map
-  mapLock.ItemHeader(rec->FreeMapItem, SFL_LOCK_EXCL);
-  sfl_ItemHeader mapHeader;
-  sfl_ReadItemHeader(rec->FreeMapItem, &mapHeader);
-  std::vector<uint8_t> map;
-  const uint32_t mapLen = sfl_ReadFreeMap(rec, &map, mapHeader);
-  sfl_FreeIndexTree(item, header.FileOffset, map.data(), mapLen, 1);
-  sfl_WriteFreeMap(rec, map, mapHeader);
-  mapLock.Unlock();
+  sfl_UpdateFreeMap(rec, [&](uint8_t* map, uint32_t mapLen) {
+    sfl_FreeIndexTree(item, header.FileOffset, map, mapLen, 1);
+  });
   own.Unlock();
 }
 

@@ -509,16 +509,10 @@ bool BlankRecord(sfl_BaseRec* rec, uint32_t off) {
 void GiveBackRecords(sfl_ItemRec* item, uint32_t rootOff, uint32_t tempHeaderOff) {
   sfl_BaseRec* rec = item->BaseRecord;
   if (rec->FreeMapItem == nullptr) return;
-  sfl_Held mapLock;  // item 0's header lock guards the free map
-  mapLock.ItemHeader(rec->FreeMapItem, SFL_LOCK_EXCL);
-  sfl_ItemHeader mapHeader;
-  sfl_ReadItemHeader(rec->FreeMapItem, &mapHeader);
-  std::vector<uint8_t> map;
-  const uint32_t mapLen = sfl_ReadFreeMap(rec, &map, mapHeader);
-  sfl_FreeIndexTree(item, rootOff, map.data(), mapLen, 0);
-  sfl_ClearFreeMapArea(map.data(), mapLen, tempHeaderOff, SFL_ITEM_HEADER_SIZE);
-  sfl_WriteFreeMap(rec, map, mapHeader);
-  mapLock.Unlock();
+  sfl_UpdateFreeMap(rec, [&](uint8_t* map, uint32_t mapLen) {
+    sfl_FreeIndexTree(item, rootOff, map, mapLen, 0);
+    sfl_ClearFreeMapArea(map, mapLen, tempHeaderOff, SFL_ITEM_HEADER_SIZE);
+  });
 }
 
 // Until the item switches to the new tree, the temporary item's records and

@@ -207,25 +207,32 @@ void sfl_GiveBackItemSlot(sfl_BaseRec* rec, int32_t slot) {
 // Releases blocks in the on-disk map (an in-memory map is never released
 // into). With the deletion service on, the range is overwritten with zeros
 // before the map is written, so freed data is gone before it can be reused.
-void sfl_FreeFreeBlocks(sfl_BaseRec* rec, uint32_t offset, uint32_t blockCount) {
-  ER_TRACE_PROC("sfl_FreeFreeBlocks");
-  if (blockCount == 0 || IsSingle(rec)) return;
-
+void sfl_UpdateFreeMap(sfl_BaseRec* rec,
+                       const std::function<void(uint8_t* map, uint32_t length)>& change) {
   sfl_Held lock;
   lock.ItemHeader(MapItem(rec), SFL_LOCK_EXCL);
   sfl_ItemHeader fm;
   sfl_ReadItemHeader(MapItem(rec), &fm);
   std::vector<uint8_t> map;
-  uint32_t length = sfl_ReadFreeMap(rec, &map, fm);
-  ext_SetBits(map.data(), length, offset / SFL_BLOCK_SIZE, blockCount, 0);
-  if (mdc_DDSGetDelStatus() != 0 &&
-      mdc_DDSDelFileByDes(rec->FileDes, offset,
-                          static_cast<uint64_t>(blockCount) * SFL_BLOCK_SIZE) != 0) {
-    // The blocks stay marked in use: better lost space than readable data.
-    SFL_RAISE(SFL_R_SHORT_WRITE);
-  }
+  const uint32_t length = sfl_ReadFreeMap(rec, &map, fm);
+  change(map.data(), length);
   sfl_WriteFreeMap(rec, map, fm);
   lock.Unlock();
+}
+
+void sfl_FreeFreeBlocks(sfl_BaseRec* rec, uint32_t offset, uint32_t blockCount) {
+  ER_TRACE_PROC("sfl_FreeFreeBlocks");
+  if (blockCount == 0 || IsSingle(rec)) return;
+
+  sfl_UpdateFreeMap(rec, [&](uint8_t* map, uint32_t length) {
+    ext_SetBits(map, length, offset / SFL_BLOCK_SIZE, blockCount, 0);
+    if (mdc_DDSGetDelStatus() != 0 &&
+        mdc_DDSDelFileByDes(rec->FileDes, offset,
+                            static_cast<uint64_t>(blockCount) * SFL_BLOCK_SIZE) != 0) {
+      // The blocks stay marked in use: better lost space than readable data.
+      SFL_RAISE(SFL_R_SHORT_WRITE);
+    }
+  });
   rec->SpaceAnalysis |= 1;
   sfl_ConsiderSync(rec, nullptr, SFL_EV_FREED);
 }

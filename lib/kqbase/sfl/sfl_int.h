@@ -237,6 +237,9 @@ ssize_t sfl_PWrite(sfl_BaseRec* rec, const void* buf, size_t len, uint64_t offse
 // ---- free space (sfl_base) ------------------------------------------------------------
 uint32_t sfl_GetFreeSpaceNew(sfl_BaseRec* rec, uint32_t size, uint32_t* blockCount);
 void sfl_FreeFreeBlocks(sfl_BaseRec* rec, uint32_t offset, uint32_t blockCount);
+// One read-modify-write of the on-disk free map under item 0's header lock:
+// `change` edits the map read from disk, which is then written back whole.
+void sfl_UpdateFreeMap(sfl_BaseRec* rec, const std::function<void(uint8_t* map, uint32_t length)>& change);
 void sfl_FreeFreeSpace(sfl_ItemRec* item, uint32_t offset, uint32_t size);
 void sfl_ClearFreeMapArea(uint8_t* map, uint32_t mapLength, uint32_t offset, uint32_t size);
 void sfl_MakeSpaceFitMemMap(sfl_BaseRec* rec);
