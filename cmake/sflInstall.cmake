@@ -6,8 +6,11 @@ include(CMakePackageConfigHelpers)
 
 set(SFL_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/sfl)
 
-# The public headers: sfl.h and the escape header it includes, nothing else.
-install(FILES ${PROJECT_SOURCE_DIR}/lib/kqbase/sfl/sfl.h ${PROJECT_SOURCE_DIR}/lib/kqbase/er/er.h
+# The public headers: sfl.h and the two it includes (escapes, item
+# references), nothing else.
+install(FILES ${PROJECT_SOURCE_DIR}/lib/kqbase/sfl/include/sfl.h
+              ${PROJECT_SOURCE_DIR}/lib/kqbase/er/include/er.h
+              ${PROJECT_SOURCE_DIR}/lib/kqbase/im/include/im_ref.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sfl)
 
 install(TARGETS sfl EXPORT sflTargets

@@ -1,18 +1,12 @@
 // Bit sets over byte arrays: least significant bit first, runs across byte
 // and word boundaries, maps whose length is not a multiple of eight bytes,
-// a 1 MiB scan, and the hand-over of a file to the service account.
+// a 1 MiB scan.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <fcntl.h>
-#include <pwd.h>
-#include <string>
-#include <unistd.h>
+#include <cstdint>
 #include <vector>
 
 #include "ext.h"
-#include "os.h"
-#include "test_env.h"
 
 namespace {
 
@@ -98,63 +92,6 @@ TEST(ExtBits, OneMebibyteMapScan) {
   std::vector<uint8_t> empty(len, 0);
   EXPECT_EQ(ext_FindBits(empty.data(), len, len * 8, 0), 0);
   EXPECT_EQ(ext_FindBits(empty.data(), len, 1, 1), -1);
-}
-
-TEST(ExtChown, AbsentKeyDoesNothing) {
-  unsetenv("SFL_SERVICE_USER");
-  os_ResetCallCounts();
-  EXPECT_EQ(ext_ChownToVessant("/nonexistent/file"), 0);
-  EXPECT_EQ(os_CallCount(os_Op::Chown), 0u);
-}
-
-TEST(ExtChown, GivesTheFileToTheNamedAccount) {
-  const std::string path = sfltest::StoreRoot() + "/owned";
-  int fd = os_open(path.c_str(), O_RDWR | O_CREAT, 0600);
-  os_close(fd);
-  struct passwd* me = getpwuid(getuid());
-  ASSERT_NE(me, nullptr);
-  setenv("SFL_SERVICE_USER", me->pw_name, 1);
-  os_ResetCallCounts();
-  EXPECT_EQ(ext_ChownToVessant(path.c_str()), 0);
-  EXPECT_EQ(os_CallCount(os_Op::Chown), 1u);
-  os_FailNth(os_Op::Chown, 1, EPERM);
-  EXPECT_EQ(ext_ChownToVessant(path.c_str()), -1);
-  setenv("SFL_SERVICE_USER", "no-such-account-anywhere", 1);
-  EXPECT_EQ(ext_ChownToVessant(path.c_str()), -1);
-  unsetenv("SFL_SERVICE_USER");
-}
-
-}  // namespace
-
-namespace {
-
-TEST(ExtChown, AcceptsANumericUid) {
-  const std::string path = sfltest::StoreRoot() + "/by-uid";
-  int fd = os_open(path.c_str(), O_RDWR | O_CREAT, 0600);
-  os_close(fd);
-  setenv("SFL_SERVICE_USER", std::to_string(getuid()).c_str(), 1);
-  os_ResetCallCounts();
-  EXPECT_EQ(ext_ChownToVessant(path.c_str()), 0);
-  EXPECT_EQ(os_CallCount(os_Op::Chown), 1u);
-  setenv("SFL_SERVICE_USER", "12x", 1);  // neither a name that exists nor a number
-  EXPECT_EQ(ext_ChownToVessant(path.c_str()), -1);
-  unsetenv("SFL_SERVICE_USER");
-}
-
-TEST(ExtChown, AChangeTheProcessMayNotMakeIsAnError) {
-  // An unprivileged process giving its own file to another user.
-  const int rc = sfltest::RunInChild([] {
-    if (getuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) return 10;
-    char tmpl[] = "/tmp/sfl-chown-XXXXXX";
-    const int fd = mkstemp(tmpl);
-    if (fd < 0) return 11;
-    close(fd);
-    setenv("SFL_SERVICE_USER", std::to_string(getuid() == 4321 ? 4322 : 4321).c_str(), 1);
-    const int result = ext_ChownToVessant(tmpl);
-    unlink(tmpl);
-    return result == -1 ? 0 : 1;
-  });
-  EXPECT_EQ(rc, 0);
 }
 
 }  // namespace

@@ -1,13 +1,17 @@
 // cust_: configuration lookup (environment first, then the SFL_CONFIG file).
+//
+// cust_ is the bottom of the support libraries: the error library reads its
+// log settings here, and os_ raises through the error library. So the one
+// file it reads is read with the system calls themselves, not through os_.
 #include "cust.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <deque>
 #include <fcntl.h>
 #include <map>
 #include <string>
-
-#include "os.h"
+#include <unistd.h>
 
 namespace {
 
@@ -38,13 +42,17 @@ void loadFile() {
   st.file.clear();
   const char* path = std::getenv("SFL_CONFIG");
   if (path == nullptr || *path == '\0') return;
-  int fd = os_open(path, O_RDONLY);
+  int fd = ::open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return;
   std::string text;
   char buf[4096];
-  ssize_t n;
-  while ((n = os_read(fd, buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
-  os_close(fd);
+  for (;;) {
+    ssize_t n = ::read(fd, buf, sizeof buf);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    text.append(buf, static_cast<size_t>(n));
+  }
+  ::close(fd);
   size_t pos = 0;
   while (pos < text.size()) {
     size_t eol = text.find('\n', pos);

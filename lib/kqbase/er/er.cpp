@@ -1,4 +1,10 @@
 // er_: the escape type, the process-wide error status, logging and tracing.
+//
+// er_ sits beneath os_ (os_ raises its escapes through er_), so its own few
+// system calls, opening, writing and closing the log, are made directly:
+// going through os_ would make the two depend on each other, and a log line
+// must neither raise nor use up a fault the test switch keeps for the
+// library's own calls.
 #include "er.h"
 
 #include <cerrno>
@@ -13,7 +19,6 @@
 
 #include "cust.h"
 #include "mes.h"
-#include "os.h"
 
 int er_SubSystemLoggingLevel = 0;
 
@@ -30,7 +35,7 @@ void readLogSettings() {
   if (const char* v = cust_GetCustomiseInfo("SFL_LOG_LEVEL")) g_threshold = std::atoi(v);
   g_logFd = 2;
   if (const char* path = cust_GetCustomiseInfo("SFL_LOG_FILE")) {
-    int fd = os_open(path, O_WRONLY | O_CREAT | O_APPEND, 0640);
+    int fd = ::open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0640);
     if (fd >= 0) g_logFd = fd;
   }
 }
@@ -40,7 +45,8 @@ void writeLine(const std::string& line) {
   const char* p = line.data();
   size_t left = line.size();
   while (left > 0) {
-    ssize_t n = os_write(g_logFd, p, left);
+    ssize_t n = ::write(g_logFd, p, left);
+    if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return;  // logging must never raise
     p += n;
     left -= static_cast<size_t>(n);
@@ -139,7 +145,7 @@ void er_RealLogProc(const char* name, int entering) {
 }
 
 void er_ResetLogSettings(void) {
-  if (g_logFd > 2) os_close(g_logFd);
+  if (g_logFd > 2) ::close(g_logFd);
   g_logFd = -1;
   g_threshold = -1;
 }

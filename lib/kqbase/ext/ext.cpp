@@ -2,12 +2,7 @@
 #include "ext.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
 #include <cstring>
-
-#include "cust.h"
-#include "os.h"
 
 namespace {
 
@@ -89,23 +84,4 @@ bool ext_CheckBits(const uint8_t* map, uint32_t lenBytes, uint32_t first, uint32
     if (getBit(map, bit) != (value != 0)) return false;
   }
   return true;
-}
-
-int ext_ChownToVessant(const char* path) {
-  const char* account = cust_GetCustomiseInfo("SFL_SERVICE_USER");
-  if (account == nullptr || *account == '\0') return 0;  // none configured: keep the owner
-  uid_t uid;
-  gid_t gid = static_cast<gid_t>(-1);  // a bare uid leaves the group as it is
-  const bool numeric = std::all_of(account, account + std::strlen(account),
-                                   [](char c) { return c >= '0' && c <= '9'; });
-  if (numeric) {
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long v = std::strtoul(account, &end, 10);
-    if (errno != 0 || v >= static_cast<unsigned long>(static_cast<uid_t>(-1))) return -1;
-    uid = static_cast<uid_t>(v);
-  } else if (os_GetUserIds(account, &uid, &gid) != 0) {
-    return -1;  // an account that does not exist is a configuration error
-  }
-  return os_chown(path, uid, gid) == 0 ? 0 : -1;
 }

@@ -1,8 +1,11 @@
-// mdc_: time, close, sleep, status and the deletion service's two queries.
+// mdc_: time, close, sleep, status, the deletion service's two queries and
+// the hand-over of a new file to the service account.
 #include "mdc.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <time.h>
@@ -33,4 +36,23 @@ int mdc_DDSDelFileByDes(int fd, uint64_t offset, uint64_t len) {
     len -= static_cast<uint64_t>(n);
   }
   return 0;
+}
+
+int ext_ChownToVessant(const char* path) {
+  const char* account = cust_GetCustomiseInfo("SFL_SERVICE_USER");
+  if (account == nullptr || *account == '\0') return 0;  // none configured: keep the owner
+  uid_t uid;
+  gid_t gid = static_cast<gid_t>(-1);  // a bare uid leaves the group as it is
+  const bool numeric = std::all_of(account, account + std::strlen(account),
+                                   [](char c) { return c >= '0' && c <= '9'; });
+  if (numeric) {
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long v = std::strtoul(account, &end, 10);
+    if (errno != 0 || v >= static_cast<unsigned long>(static_cast<uid_t>(-1))) return -1;
+    uid = static_cast<uid_t>(v);
+  } else if (os_GetUserIds(account, &uid, &gid) != 0) {
+    return -1;  // an account that does not exist is a configuration error
+  }
+  return os_chown(path, uid, gid) == 0 ? 0 : -1;
 }

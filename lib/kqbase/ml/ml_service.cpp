@@ -34,10 +34,10 @@
 #include <vector>
 
 #include "er.h"
+#include "le.h"
 #include "ml.h"
 #include "ml_interest.h"
 #include "os.h"
-#include "sfl_coding.h"
 
 namespace {
 
@@ -131,7 +131,7 @@ void compactReplies(int queue) {
   std::unordered_set<int32_t> seen;
   std::vector<const std::vector<uint8_t>*> keep;
   for (auto it = held.rbegin(); it != held.rend(); ++it) {
-    int32_t pid = static_cast<int32_t>(sfl_GetU32(it->data()));
+    int32_t pid = static_cast<int32_t>(le_GetU32(it->data()));
     if (seen.insert(pid).second && pidAlive(pid)) keep.push_back(&*it);
   }
   for (auto it = keep.rbegin(); it != keep.rend(); ++it)
@@ -140,7 +140,7 @@ void compactReplies(int queue) {
 
 void sendReply(Server& s, int32_t pid, const uint8_t* text, size_t len) {
   uint8_t msg[4 + 16] = {};
-  sfl_PutU32(msg, static_cast<uint32_t>(pid));
+  le_PutU32(msg, static_cast<uint32_t>(pid));
   std::memcpy(msg + 4, text, len);
   for (int attempt = 0; attempt < 3; ++attempt) {
     if (os_msgsnd(s.replyQueue, msg, len, IPC_NOWAIT) == 0) return;
@@ -161,7 +161,7 @@ void noteMalformed(Server& s, int32_t type, ssize_t len) {
 }
 
 void handle(Server& s, const uint8_t* msg, ssize_t len) {
-  const int32_t type = static_cast<int32_t>(sfl_GetU32(msg));
+  const int32_t type = static_cast<int32_t>(le_GetU32(msg));
   const uint8_t* text = msg + 4;
   if (type == ML_MSG_TICK) return;
   ml_RefKey ref;
@@ -172,33 +172,33 @@ void handle(Server& s, const uint8_t* msg, ssize_t len) {
   switch (type) {
     case ML_MSG_RECORD:
       if (len != ML_RECORD_LEN) break;
-      pid = static_cast<int32_t>(sfl_GetU32(text + 16));
+      pid = static_cast<int32_t>(le_GetU32(text + 16));
       if (pid <= 0) break;
       std::memcpy(ref.data(), text, 16);
       a = s.table.Record(ref, pid);
-      sfl_PutU32(reply, a.Token);
-      sfl_PutU32(reply + 4, a.Other);
-      sfl_PutU32(reply + 8, a.Count);
+      le_PutU32(reply, a.Token);
+      le_PutU32(reply + 4, a.Other);
+      le_PutU32(reply + 8, a.Count);
       replyLen = ML_RECORD_REPLY_LEN;
       break;
     case ML_MSG_WITHDRAW:
       if (len != ML_WITHDRAW_LEN) break;
-      pid = static_cast<int32_t>(sfl_GetU32(text + 20));
+      pid = static_cast<int32_t>(le_GetU32(text + 20));
       if (pid <= 0) break;
       std::memcpy(ref.data(), text, 16);
-      a = s.table.Withdraw(ref, sfl_GetU32(text + 16), pid);
-      sfl_PutU32(reply, a.Count);
-      sfl_PutU32(reply + 4, a.Other);
+      a = s.table.Withdraw(ref, le_GetU32(text + 16), pid);
+      le_PutU32(reply, a.Count);
+      le_PutU32(reply + 4, a.Other);
       replyLen = ML_WITHDRAW_REPLY_LEN;
       break;
     case ML_MSG_CHECK:
       if (len != ML_CHECK_LEN) break;
-      pid = static_cast<int32_t>(sfl_GetU32(text + 16));
+      pid = static_cast<int32_t>(le_GetU32(text + 16));
       if (pid <= 0) break;
       std::memcpy(ref.data(), text, 16);
       a = s.table.Check(ref, pid);
-      sfl_PutU32(reply, a.Count);
-      sfl_PutU32(reply + 4, a.Other);
+      le_PutU32(reply, a.Count);
+      le_PutU32(reply + 4, a.Other);
       replyLen = ML_CHECK_REPLY_LEN;
       break;
     default:
@@ -251,7 +251,7 @@ void serve(Server& s, KeepGoing keepGoing) {
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    const bool tick = n >= 0 && static_cast<int32_t>(sfl_GetU32(buf.data())) == ML_MSG_TICK;
+    const bool tick = n >= 0 && static_cast<int32_t>(le_GetU32(buf.data())) == ML_MSG_TICK;
     if (n >= 0) handle(s, buf.data(), n);
     int64_t now = nowMs();
     if (now >= s.nextSweepMs) {
@@ -276,7 +276,7 @@ void removeQueues(const std::vector<int>& queues) {
 // processes wake and end.
 void ticker(const std::vector<int>& queues, int pairs, int32_t mainPid) {
   uint8_t tick[4];
-  sfl_PutU32(tick, ML_MSG_TICK);
+  le_PutU32(tick, ML_MSG_TICK);
   for (;;) {
     std::this_thread::sleep_for(std::chrono::milliseconds(kTickMs));
     if (g_stop) return;

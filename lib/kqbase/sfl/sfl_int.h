@@ -250,6 +250,15 @@ void sfl_GetExtItemHeader(sfl_ItemRec* item, sfl_ItemHeader* out);
 // Wipes an item's header (and, for table items, its slot in the file header).
 void sfl_IntDeleteItem(sfl_ItemRec* item);
 
+// ---- placement fallbacks (sfl_fallback) -------------------------------------------------
+// The item-reference library's fallbacks for a full container: they store
+// the item in a new container of its own and return its open item handle.
+// They create and fill a container, so they are built with the library.
+int32_t im_CopyItem2SflDataItem(sfl_ItemRef* out, uint32_t size, uint32_t noZeroFill,
+                                const sfl_ItemRef* source, int32_t passOn);
+int32_t im_GetNewSflItem(sfl_ItemRef* out, int32_t passOn1, uint32_t size, int32_t type,
+                         int32_t passOn2, uint32_t noZeroFill, const sfl_ItemRef* source);
+
 // ---- blocked items (sfl_Blcked) ------------------------------------------------------------
 uint32_t sfl_FindBlock(sfl_ItemRec* item, uint32_t block, sfl_IndexRecord* out);
 uint32_t sfl_AppendIndex(sfl_ItemRec* item, uint32_t blockOffset, uint32_t blockSize);

@@ -35,7 +35,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "sfl.h"  // sfl_ItemRef and the exported name conversions
+#include "im_ref.h"  // sfl_ItemRef and the exported name conversions
 
 // Reasons raised in group ER_GROUP_CONFIG.
 enum im_Reason : int {
@@ -65,14 +65,8 @@ int32_t im_GetRealFileName(const sfl_ItemRef* ref, char* out, size_t outLen);
 // stream layer asks this of every name it opens; it lives here, beside the
 // parse it relies on, so the operating-system layer knows nothing of items.
 int os_CheckFileName(const char* name, sfl_ItemRef* ref);
-// Fallbacks used when a container is full: they place the item in a new
-// container and return its open item handle.
-int32_t im_CopyItem2SflDataItem(sfl_ItemRef* out, uint32_t size, uint32_t noZeroFill,
-                                const sfl_ItemRef* source, int32_t passOn);
-int32_t im_GetNewSflItem(sfl_ItemRef* out, int32_t passOn1, uint32_t size, int32_t type,
-                         int32_t passOn2, uint32_t noZeroFill, const sfl_ItemRef* source);
 
-// The exported conversions (declared in sfl.h) behave so:
+// The exported conversions (declared in im_ref.h) behave so:
 //   im_FormItemRef(text, out)       parses the text form; returns 0.
 //   im_ItemRef2Text(ref, out, len)  writes the text form; returns its length.
 //   im_ItemRef2FName(ref, out, len) writes the item name (container path, and

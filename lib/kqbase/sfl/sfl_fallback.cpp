@@ -1,9 +1,10 @@
 // Placement fallbacks: when a container has no free item slot, the item is
 // stored in a container of its own, newly created for it. The caller gets
 // the new item open, with its reference filled in; closing that item also
-// closes the new container.
-#include "im.h"
-#include "sfl.h"
+// closes the new container. They keep the item-reference library's names
+// its callers know, but they create and fill a container, so they sit here
+// with the library rather than beneath it.
+#include "sfl_int.h"
 
 namespace {
 

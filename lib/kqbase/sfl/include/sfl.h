@@ -5,6 +5,8 @@
  * C callers run their calls through er_CallC, which returns the escape's
  * group and reason instead.
  *
+ * Item references (sfl_ItemRef) and their conversions come from im_ref.h.
+ *
  * Handles: base handles (open container files) run from 7000, item handles
  * from 8000, stream handles from 9000.
  */
@@ -17,6 +19,7 @@
 #include <sys/stat.h>
 
 #include "er.h"
+#include "im_ref.h" /* sfl_ItemRef and the conversions of references and names */
 
 #define SFL_API __attribute__((visibility("default")))
 
@@ -24,23 +27,12 @@
 extern "C" {
 #endif
 
-/* The caller's 16-byte identity of a file or an item. The low three bits of
-   Flags hold the item number inside the file (1 to 7), 0 for the file. */
-typedef struct sfl_ItemRef {
-  uint16_t Domain;
-  uint16_t Flags;
-  uint32_t SubDomain;
-  uint32_t FileId;
-  char Name[4]; /* zero-terminated, compared as a string */
-} sfl_ItemRef;
-
 /* Per-process records behind the handles (opaque to callers). */
 typedef struct sfl_BaseRec sfl_BaseRec; /* an open container file */
 typedef struct sfl_ItemRec sfl_ItemRec; /* an open item */
 
 enum { SFL_BASE_HANDLE_FIRST = 7000, SFL_ITEM_HANDLE_FIRST = 8000, SFL_STREAM_HANDLE_FIRST = 9000 };
 enum { SFL_MAX_OPEN_FILES = 1024, SFL_MAX_OPEN_ITEMS = 3072, SFL_MAX_STREAMS = 16 };
-enum { SFL_ITEM_NUM_MASK = 0x07 };
 
 /* Lock modes. */
 enum { SFL_LOCK_SHARED = 1, SFL_LOCK_EXCL = 2, SFL_LOCK_RELEASE = 8 };
@@ -65,9 +57,6 @@ enum sfl_ItemFlag {
   OTHER_LOCKS = 0x10,
   MEM_FREEMAP = 0x20
 };
-
-/* Item-reference types given to sfl_CreateSfl. */
-enum { SFL_TYPE_DATA_ITEM = 2, SFL_TYPE_TEMP_ITEM = 4 };
 
 /* Result of sfl_GetSimpleDetails. */
 typedef struct sfl_SimpleDetails {
@@ -332,14 +321,6 @@ SFL_API void sfl_CheckBaseInterest(sfl_BaseRec* rec);
 SFL_API void sfl_RecordItemInterest(sfl_ItemRec* item);
 SFL_API void sfl_ReleaseItemInterest(sfl_ItemRec* item);
 SFL_API void sfl_CheckItemInterest(sfl_ItemRec* item);
-
-/* ---- item references and names ------------------------------------------------------- */
-/* The text form of a reference is "Domain.SubDomain.FileId.Name[:item]"
-   (see README); these convert between it, references and file names. */
-SFL_API int32_t im_FormItemRef(const char* text, sfl_ItemRef* out);
-SFL_API int32_t im_ItemRef2Text(const sfl_ItemRef* ref, char* out, size_t outLen);
-SFL_API int32_t im_ItemRef2FName(const sfl_ItemRef* ref, char* out, size_t outLen);
-SFL_API int32_t im_FName2ItemRef(const char* name, sfl_ItemRef* out);
 
 #ifdef __cplusplus
 } /* extern "C" */

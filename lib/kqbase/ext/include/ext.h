@@ -1,6 +1,5 @@
 // ext_: bit sets over byte arrays (bit n is bit n % 8 of byte n / 8, least
-// significant bit first), and the hand-over of a new file to the service
-// account.
+// significant bit first). Pure computation on the caller's memory.
 #ifndef KQ_EXT_H
 #define KQ_EXT_H
 
@@ -14,11 +13,5 @@ void ext_SetBits(uint8_t* map, uint32_t lenBytes, uint32_t first, uint32_t count
 // Whether all `count` bits from `first` equal `value` (false if any lies
 // beyond the map).
 bool ext_CheckBits(const uint8_t* map, uint32_t lenBytes, uint32_t first, uint32_t count, int value);
-// Gives the file to the service account "SFL_SERVICE_USER" names: a user
-// name (the file also gets that user's group) or a decimal uid (the group is
-// left as it is). Does nothing and returns 0 when the key is absent or empty.
-// Returns -1 when the account is unknown or the change of owner is refused
-// (a process may not give a file to another user without the privilege).
-int ext_ChownToVessant(const char* path);
 
 #endif  // KQ_EXT_H
