@@ -49,6 +49,12 @@ std::string DirOf(const sfl_ItemRef& ref) {
   return StoreRoot() + "/" + std::to_string(ref.Domain) + "/" + std::to_string(ref.SubDomain);
 }
 
+// A reference the caller must give: null is a bad call argument.
+const sfl_ItemRef& Given(const sfl_ItemRef* ref) {
+  if (ref == nullptr) ER_RAISE(ER_GROUP_CALL, EINVAL);
+  return *ref;
+}
+
 std::string ContainerPath(const sfl_ItemRef& ref) {
   std::string name = CheckedName(ref);
   std::string path = DirOf(ref) + "/" + std::to_string(ref.FileId);
@@ -169,19 +175,19 @@ int im_GetNewDataItem(sfl_ItemRef* out) { return CreateUnique(SFL_TYPE_DATA_ITEM
 int im_CrNewTempItem(sfl_ItemRef* out) { return CreateUnique(SFL_TYPE_TEMP_ITEM, out); }
 
 int im_OpenItem(const sfl_ItemRef* ref) {
-  std::string path = ContainerPath(*ref);
+  std::string path = ContainerPath(Given(ref));
   int fd = os_open(path.c_str(), O_RDWR);
   if (fd < 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
   return fd;
 }
 
 void im_UnlinkItem(const sfl_ItemRef* ref) {
-  std::string path = ContainerPath(*ref);
+  std::string path = ContainerPath(Given(ref));
   if (os_unlink(path.c_str()) != 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
 }
 
 int32_t im_GetRealFileName(const sfl_ItemRef* ref, char* out, size_t outLen) {
-  CopyOut(ContainerPath(*ref), out, outLen);
+  CopyOut(ContainerPath(Given(ref)), out, outLen);
   return ref->Flags & SFL_ITEM_NUM_MASK;
 }
 
@@ -206,7 +212,7 @@ int32_t im_FormItemRef(const char* text, sfl_ItemRef* out) {
 }
 
 int32_t im_ItemRef2Text(const sfl_ItemRef* ref, char* out, size_t outLen) {
-  std::string name = CheckedName(*ref);
+  std::string name = CheckedName(Given(ref));
   std::string s = std::to_string(ref->Domain) + "." + std::to_string(ref->SubDomain) + "." +
                   std::to_string(ref->FileId);
   if (!name.empty()) s += "." + name;
@@ -216,7 +222,7 @@ int32_t im_ItemRef2Text(const sfl_ItemRef* ref, char* out, size_t outLen) {
 }
 
 int32_t im_ItemRef2FName(const sfl_ItemRef* ref, char* out, size_t outLen) {
-  std::string s = ContainerPath(*ref);
+  std::string s = ContainerPath(Given(ref));
   uint32_t item = ref->Flags & SFL_ITEM_NUM_MASK;
   if (item != 0) s += ":" + std::to_string(item);
   return CopyOut(s, out, outLen);

@@ -357,11 +357,21 @@ uint32_t sfl_AppendIndex(sfl_ItemRec* item, uint32_t blockOffset, uint32_t block
   return static_cast<uint32_t>(SearchFromRoot(item, true, blockOffset, blockSize));
 }
 
+// A simple item's data is its owner's bytes: read as an index record, its
+// entries could point anywhere in the file (the file header included).
+// Block calls refuse such an item before they read its first record.
+static void RequireBlocked(const sfl_ItemRec* item) {
+  if ((item->Flags & BLOCKED_ITEM) == 0) SFL_RAISE(SFL_R_NOT_BLOCKED);
+}
+
 extern "C" int32_t sfl_GetNewBlock(int32_t itemHandle, int32_t size, int32_t mode,
                                    const void* data) {
   ER_TRACE_PROC("sfl_GetNewBlock");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   if ((item->Flags & BLOCKED_ITEM) == 0) SFL_RAISE(SFL_R_NOT_BLOCKED);
+  // A negative size is no size: taken as unsigned it would read far past
+  // the caller's buffer into the file.
+  if (size < 0) ER_RAISE(ER_GROUP_CALL, EINVAL);
   const uint32_t len = static_cast<uint32_t>(size);
   // The run goes back if its data cannot be written; once the placement
   // starts writing index records it may be referred to, and is kept.
@@ -420,6 +430,7 @@ extern "C" void sfl_FreeBlock(int32_t itemHandle, uint32_t block, int32_t unused
   ER_TRACE_PROC("sfl_FreeBlock");
   (void)unused;
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  RequireBlocked(item);
   sfl_Held lock;
   lock.ItemHeader(item, SFL_LOCK_EXCL);
   sfl_ItemHeader header;
@@ -572,6 +583,7 @@ extern "C" uint32_t sfl_ReadBlockedData(int32_t itemHandle, uint32_t block, uint
                                         void* buffer) {
   ER_TRACE_PROC("sfl_ReadBlockedData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  RequireBlocked(item);
   auto* buf = static_cast<uint8_t*>(buffer);
   sfl_Held lock;
   lock.ItemHeader(item, SFL_LOCK_SHARED);
@@ -599,6 +611,7 @@ extern "C" int32_t sfl_WriteBlockedData(int32_t itemHandle, uint32_t block, uint
                                         const void* buffer) {
   ER_TRACE_PROC("sfl_WriteBlockedData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  RequireBlocked(item);
   // The traversal shares its code with reading, which needs a mutable buffer.
   auto* buf = static_cast<uint8_t*>(const_cast<void*>(buffer));
   sfl_Held lock;

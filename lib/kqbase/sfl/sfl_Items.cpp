@@ -140,6 +140,7 @@ int32_t sfl_StoreItemAtPosition(int32_t baseHandle, const sfl_ItemRef* source, u
 int32_t sfl_AddItemToFile(const sfl_ItemRef* file, uint32_t size, uint32_t noZeroFill,
                           const sfl_ItemRef* source, int32_t passOn, sfl_ItemRef* out) {
   ER_TRACE_PROC("sfl_AddItemToFile");
+  SFL_NEED_ARG(file);
   sfl_ItemRef fileRef = *file;
   fileRef.Flags = static_cast<uint16_t>(fileRef.Flags & ~SFL_ITEM_NUM_MASK);
   sfl_BaseRec* rec = nullptr;
@@ -256,9 +257,10 @@ int64_t sfl_seek(int32_t itemHandle, int64_t offset, int32_t whence) {
       break;
     case SEEK_CUR:
       // A relative seek back to exactly 0 is refused (whence 0 allows it).
-      // Compared without negating: the most negative offset has no negation.
+      // Compared without negating or adding: the most negative offset has
+      // no negation, and a large one added to the position would overflow.
       if (offset < 0 && offset <= -pos) SFL_RAISE(SFL_R_RANGE);
-      if (pos + offset > size) SFL_RAISE(SFL_R_RANGE);
+      if (offset > size - pos) SFL_RAISE(SFL_R_RANGE);
       item->CurrPos = static_cast<uint32_t>(pos + offset);
       break;
     case SEEK_END:
@@ -272,6 +274,7 @@ int64_t sfl_seek(int32_t itemHandle, int64_t offset, int32_t whence) {
 }
 
 void sfl_GetSimpleDetails(int32_t itemHandle, sfl_SimpleDetails* details) {
+  SFL_NEED_ARG(details);
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   if ((item->Flags & BLOCKED_ITEM) != 0) SFL_RAISE(SFL_R_BLOCKED);
   details->FileDes = item->BaseRecord->FileDes;
@@ -342,6 +345,7 @@ void sfl_AppendToSimpleItem(sfl_ItemRec* item, uint32_t length, const void* buff
 
 sfl_ItemMap* sfl_mapItem(int32_t handleOrFd, sfl_ItemMap* map) {
   ER_TRACE_PROC("sfl_mapItem");
+  SFL_NEED_ARG(map);
   int fd = handleOrFd;
   sfl_ItemRec* item = nullptr;
   if (handleOrFd >= SFL_ITEM_HANDLE_FIRST) {
@@ -369,4 +373,7 @@ sfl_ItemMap* sfl_mapItem(int32_t handleOrFd, sfl_ItemMap* map) {
   return map;
 }
 
-int32_t sfl_unMapItem(sfl_ItemMap* map) { return os_munmap(map->Base, map->MappedLength); }
+int32_t sfl_unMapItem(sfl_ItemMap* map) {
+  SFL_NEED_ARG(map);
+  return os_munmap(map->Base, map->MappedLength);
+}

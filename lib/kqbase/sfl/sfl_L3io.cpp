@@ -66,6 +66,22 @@ void PlaceStream(sfl_StreamRec* s, long want, uint32_t nextOp) {
   }
 }
 
+// Whether a plain open of `name` would open a container of the store: the
+// reference given for it names the file itself, or the name is a
+// container's path. Parse failures mean a plain file; the caller's error
+// status is left as it was.
+bool NamesContainer(const char* name, const sfl_ItemRef* ref) {
+  if (ref != nullptr) return true;
+  er_StatusKeeper keep;
+  try {
+    sfl_ItemRef found{};
+    im_FName2ItemRef(name, &found);
+    return true;
+  } catch (const er_Escape&) {
+    return false;
+  }
+}
+
 // The common open: an item stream when the reference names an item (item
 // number not 0), else the name itself as a plain file with the caller's mode.
 int32_t OpenStream(const char* name, const sfl_ItemRef* ref, const char* mode) {
@@ -83,6 +99,8 @@ int32_t OpenStream(const char* name, const sfl_ItemRef* ref, const char* mode) {
     sfl_ItemRec* item = sfl_ItemHandle2Record(hold.itemHandle);
     if (os_fseek(hold.stream, static_cast<long>(item->Offset), SEEK_SET) != 0) RaiseOs();
   } else {
+    // Truncating a container would destroy every item in it.
+    if (mode[0] == 'w' && NamesContainer(name, ref)) SFL_RAISE(SFL_R_STREAM_MODE);
     errno = 0;
     hold.stream = os_fopen(name, mode);
     if (hold.stream == nullptr) RaiseOs();
@@ -106,6 +124,8 @@ int32_t OpenStream(const char* name, const sfl_ItemRef* ref, const char* mode) {
 
 int32_t sfl_fOpen(const char* name, const char* mode) {
   ER_TRACE_PROC("sfl_fOpen");
+  SFL_NEED_ARG(name);
+  SFL_NEED_ARG(mode);
   sfl_ItemRef ref{};
   const bool named = os_CheckFileName(name, &ref) != 0;
   return OpenStream(name, named ? &ref : nullptr, mode);
@@ -113,6 +133,8 @@ int32_t sfl_fOpen(const char* name, const char* mode) {
 
 int32_t sfl_fOpenItem(const sfl_ItemRef* ref, const char* mode) {
   ER_TRACE_PROC("sfl_fOpenItem");
+  SFL_NEED_ARG(ref);
+  SFL_NEED_ARG(mode);
   char name[PATH_MAX];
   name[0] = '\0';
   im_ItemRef2FName(ref, name, sizeof name);
@@ -229,6 +251,15 @@ char* sfl_fgets(char* buffer, int32_t length, int32_t streamHandle) {
   const int64_t pos = s->Position;
   int64_t len = length;
   if (pos + len - 1 > size) len = size - pos + 1;
+  // The line is read from where the container stream stands, which after a
+  // relative seek is not where Position says. It must still lie inside the
+  // item: a stream standing outside it is refused (28874), and the line is
+  // cut at the item's end as seen from where the stream stands.
+  const long here = os_ftell(s->Stream);
+  if (here < 0) RaiseOs();
+  const int64_t streamPos = static_cast<int64_t>(here) - static_cast<int64_t>(item->Offset);
+  if (streamPos < 0 || streamPos > size) SFL_RAISE(SFL_R_RANGE);
+  if (streamPos + len - 1 > size) len = size - streamPos + 1;
 
   char* result;
   if (len >= 2) {

@@ -405,6 +405,10 @@ int32_t sfl_CreateSfl(uint32_t reserved, int32_t type, int32_t flags) {
 
 int32_t sfl_CreateBaseSfl(const sfl_ItemRef* ref, int32_t fd, int32_t flags) {
   ER_TRACE_PROC("sfl_CreateBaseSfl");
+  SFL_NEED_ARG(ref);
+  // A container laid down under an item's reference could never be reached
+  // again by the reference of a file: refused as the open refuses it.
+  if (ref->Flags & SFL_ITEM_NUM_MASK) SFL_RAISE(SFL_R_REF_IS_ITEM);
   // The descriptor is the caller's until the create completes.
   NewFileRecord rec;
   const int32_t handle = rec.Handle();
@@ -496,6 +500,7 @@ void ReadAndCheckHeader(sfl_BaseRec* rec, sfl_FileHeader* h) {
 
 int32_t sfl_OpenSfl(const sfl_ItemRef* ref, uint32_t implicitOpen) {
   ER_TRACE_PROC("sfl_OpenSfl");
+  SFL_NEED_ARG(ref);
   if (ref->Flags & SFL_ITEM_NUM_MASK) SFL_RAISE(SFL_R_REF_IS_ITEM);
   sfl_BaseRec* existing = nullptr;
   int32_t existingHandle = -1;

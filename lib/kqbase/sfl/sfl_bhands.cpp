@@ -64,6 +64,7 @@ sfl_BaseRec* sfl_Handle2Record(int32_t baseHandle) { return sfl_OpenFiles().Look
 void sfl_DeleteOSerFile(sfl_BaseRec* rec) { sfl_OpenFiles().Release(rec); }
 
 void sfl_GetSerFileItem(int32_t baseHandle, sfl_ItemRef* out) {
+  SFL_NEED_ARG(out);
   *out = sfl_RefOf(*sfl_Handle2Record(baseHandle));
 }
 

@@ -672,6 +672,7 @@ sfl_CompactOutcome Compact(const sfl_ItemRef& ref) {
 // failure, unless the error library still holds it live after that.
 int32_t sfl_CompactContainer(const sfl_ItemRef* ref) {
   ER_TRACE_PROC("sfl_CompactSflFile");
+  SFL_NEED_ARG(ref);
   if (ref->Flags & SFL_ITEM_NUM_MASK) ER_RAISE(ER_GROUP_MAINT, kMaintRefIsItem);
   try {
     return Compact(*ref);

@@ -275,6 +275,7 @@ uint32_t sfl_DetachItem(const sfl_ItemRef* ref) {
 
 void sfl_FStatItem(int32_t itemHandle, struct stat* st) {
   ER_TRACE_PROC("sfl_FStatItem");
+  SFL_NEED_ARG(st);
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   if (os_fstat(item->BaseRecord->FileDes, st) != 0) ER_RAISE(ER_GROUP_OS, errno);
   sfl_ItemHeader h;

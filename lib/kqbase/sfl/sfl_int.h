@@ -4,6 +4,7 @@
 #ifndef SFL_INT_H
 #define SFL_INT_H
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -69,6 +70,11 @@ enum sfl_Reason : int {
 };
 
 #define SFL_RAISE(reason) ER_RAISE(ER_GROUP_SFL, (reason))
+// A pointer the caller must give: null is a bad call argument (EINVAL).
+#define SFL_NEED_ARG(p)                                  \
+  do {                                                   \
+    if ((p) == nullptr) ER_RAISE(ER_GROUP_CALL, EINVAL); \
+  } while (0)
 
 // ---- per-process records -----------------------------------------------------
 
