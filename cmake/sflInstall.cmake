@@ -6,12 +6,8 @@ include(CMakePackageConfigHelpers)
 
 set(SFL_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/sfl)
 
-# The public headers: sfl.h and the two it includes (escapes, item
-# references), nothing else.
-install(FILES ${PROJECT_SOURCE_DIR}/lib/kqbase/sfl/include/sfl.h
-              ${PROJECT_SOURCE_DIR}/lib/kqbase/er/include/er.h
-              ${PROJECT_SOURCE_DIR}/lib/kqbase/im/include/im_ref.h
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sfl)
+# The public headers (SFL_PUBLIC_HEADERS, lib/kqbase/CMakeLists.txt).
+install(FILES ${SFL_PUBLIC_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/sfl)
 
 install(TARGETS sfl EXPORT sflTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
