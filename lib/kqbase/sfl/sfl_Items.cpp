@@ -26,7 +26,10 @@ uint32_t CopyIn(sfl_BaseRec* rec, Chunk& buf, int srcFd, uint32_t offset, uint32
   while (done < size) {
     size_t want = std::min<uint32_t>(kChunk, size - done);
     ssize_t got = os_read(srcFd, buf.data(), want);
-    if (got < 1) break;
+    // 0 is the end of the source; a failed read is not, and taking it for
+    // one would store zeros in place of the data.
+    if (got < 0) ER_RAISE(ER_GROUP_OS, errno);
+    if (got == 0) break;
     if (sfl_PWrite(rec, buf.data(), static_cast<size_t>(got), uint64_t{offset} + done) != got)
       SFL_RAISE(SFL_R_SHORT_WRITE);
     done += static_cast<uint32_t>(got);
