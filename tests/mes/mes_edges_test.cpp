@@ -73,6 +73,8 @@ TEST(ErrorEdges, NullStatusPointersAreIgnored) {
 // A log file that cannot be opened leaves logging on standard error; a
 // line that cannot be written is dropped without an escape.
 TEST(ErrorEdges, LoggingThatCannotBeWrittenIsDropped) {
+  const char* was = std::getenv("SFL_LOG_FILE");
+  const std::string previous = was != nullptr ? was : "";
   setenv("SFL_LOG_FILE", "/nonexistent-dir/x/log", 1);
   setenv("SFL_LOG_LEVEL", "9", 1);
   er_ResetLogSettings();
@@ -91,7 +93,8 @@ TEST(ErrorEdges, LoggingThatCannotBeWrittenIsDropped) {
   er_RestoreStatus(&s);
   EXPECT_NO_THROW(er_Accept(1));
   EXPECT_EQ(er_GetLive(), 0);
-  unsetenv("SFL_LOG_FILE");
+  if (was != nullptr) setenv("SFL_LOG_FILE", previous.c_str(), 1);
+  else unsetenv("SFL_LOG_FILE");
   unsetenv("SFL_LOG_LEVEL");
   er_ResetLogSettings();
 }

@@ -46,7 +46,10 @@ std::string CheckedName(const sfl_ItemRef& ref) {
 }
 
 std::string DirOf(const sfl_ItemRef& ref) {
-  return StoreRoot() + "/" + std::to_string(ref.Domain) + "/" + std::to_string(ref.SubDomain);
+  // A root of "/" takes no second slash: names must read back as written.
+  std::string root = StoreRoot();
+  if (root != "/") root += "/";
+  return root + std::to_string(ref.Domain) + "/" + std::to_string(ref.SubDomain);
 }
 
 // A reference the caller must give: null is a bad call argument.

@@ -1,0 +1,94 @@
+// The item-reference library at its edges: store roots given with trailing
+// slashes, empty or as "/", and file creation whose open fails or meets a
+// directory that went away.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <string>
+
+#include "er.h"
+#include "im.h"
+#include "os.h"
+#include "test_env.h"
+#include "test_util.h"
+
+namespace {
+
+// Sets SFL_STORE_ROOT for the life of the object.
+class RootAs {
+ public:
+  explicit RootAs(const std::string& root) : was_(std::getenv("SFL_STORE_ROOT")) {
+    if (was_ != nullptr) previous_ = was_;
+    setenv("SFL_STORE_ROOT", root.c_str(), 1);
+  }
+  ~RootAs() {
+    if (was_ != nullptr) setenv("SFL_STORE_ROOT", previous_.c_str(), 1);
+    else unsetenv("SFL_STORE_ROOT");
+  }
+
+ private:
+  const char* was_;
+  std::string previous_;
+};
+
+std::string NameOf(const sfl_ItemRef& ref) {
+  char name[512];
+  im_ItemRef2FName(&ref, name, sizeof name);
+  return name;
+}
+
+TEST(ItemRefEdges, TrailingSlashesOfTheRootAreDropped) {
+  sfl_ItemRef ref{};
+  ref.Domain = 2;
+  ref.SubDomain = 7;
+  ref.FileId = 99;
+  ref.Flags = 3;
+  const std::string root = sfltest::StoreRoot();
+  RootAs slashes(root + "///");
+  EXPECT_EQ(NameOf(ref), root + "/2/7/99:3");
+}
+
+TEST(ItemRefEdges, AnEmptyRootMeansTheDefault) {
+  sfl_ItemRef ref{};
+  ref.Domain = 2;
+  ref.SubDomain = 7;
+  ref.FileId = 99;
+  RootAs empty("");
+  EXPECT_EQ(NameOf(ref), "./sfl-store/2/7/99");
+}
+
+TEST(ItemRefEdges, TheRootDirectoryItselfKeepsItsSlash) {
+  RootAs slash("/");
+  sfl_ItemRef ref{};
+  ASSERT_EQ(im_FName2ItemRef("/2/7/99.ab:4", &ref), 0);
+  EXPECT_EQ(ref.Domain, 2);
+  EXPECT_EQ(ref.SubDomain, 7u);
+  EXPECT_EQ(ref.FileId, 99u);
+  EXPECT_STREQ(ref.Name, "ab");
+  EXPECT_EQ(ref.Flags, 4);
+  EXPECT_EQ(NameOf(ref), "/2/7/99.ab:4");
+  EXPECT_EQ(sfltest::ReasonOf([&] { im_FName2ItemRef("2/7/99", &ref); }), IM_R_NOT_IN_STORE);
+}
+
+// A directory that went away between its creation and the open is worth
+// another try; any other failure of the open is raised.
+TEST(ItemRefEdges, ANewFileIsRetriedOnlyWhenItsDirectoryWentAway) {
+  sfl_ItemRef ref{};
+  // The first open after the directories are made.
+  os_FailNth(os_Op::Open, 1, ENOENT);
+  const int fd = im_GetNewDataItem(&ref);
+  os_ClearFaults();
+  ASSERT_GE(fd, 0);
+  close(fd);
+  EXPECT_EQ(access(sfltest::ItemPath(ref).c_str(), F_OK), 0);
+
+  os_FailNth(os_Op::Open, 1, EACCES);
+  const sfltest::Escape e = sfltest::EscapeOf([&] { im_CrNewTempItem(&ref); });
+  os_ClearFaults();
+  EXPECT_EQ(e.group, ER_GROUP_OS);
+  EXPECT_EQ(e.reason, EACCES);
+}
+
+}  // namespace
