@@ -27,30 +27,14 @@
 
 namespace {
 
+using sfltest::Eventually;
+using sfltest::ExitWithin;
+using sfltest::QueueDepth;
+using sfltest::QueueExists;
 using sfltest::RunDir;
 using sfltest::RunInChild;
 using sfltest::StartChild;
 using sfltest::WaitChild;
-
-template <typename F>
-bool eventually(F cond, int seconds = 10) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  while (std::chrono::steady_clock::now() < end) {
-    if (cond()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return cond();
-}
-
-bool queueExists(int q) {
-  struct msqid_ds ds;
-  return msgctl(q, IPC_STAT, &ds) == 0;
-}
-
-size_t depth(int q) {
-  struct msqid_ds ds;
-  return msgctl(q, IPC_STAT, &ds) == 0 ? ds.msg_qnum : 0;
-}
 
 std::string fileText(const std::string& path) {
   std::ifstream in(path);
@@ -88,15 +72,8 @@ int startService(const ml_ServiceOptions& o) {
     return ml_RunService(o);
   });
   ml_State st;
-  if (!eventually([&] { return ml_ReadState(RunDir(), &st) && st.MainPid == pid; })) return -1;
+  if (!Eventually([&] { return ml_ReadState(RunDir(), &st) && st.MainPid == pid; })) return -1;
   return pid;
-}
-
-// Exit status of a child, waiting at most `seconds`; -1 while it runs.
-int exitWithin(pid_t pid, int seconds) {
-  int status = 0;
-  if (!eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, seconds)) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // Nothing of a failed start is left: no state, and the lock is free.
@@ -126,7 +103,7 @@ void sendCheck(int q, uint8_t refByte, int32_t pid) {
 int64_t checkReply(int q, int32_t pid) {
   uint8_t buf[4 + 16];
   int64_t count = -1;
-  eventually(
+  Eventually(
       [&] {
         try {
           os_msgrcv(q, buf, 16, pid, IPC_NOWAIT);
@@ -205,9 +182,9 @@ TEST_F(MlService, ServingProcessThatEndsStopsTheService) {
   ASSERT_TRUE(ml_ReadState(RunDir(), &st));
   ASSERT_EQ(1u, st.Additional.size());
   ASSERT_EQ(0, kill(st.Additional[0], SIGKILL));
-  EXPECT_EQ(1, exitWithin(pid, 10));
+  EXPECT_EQ(1, ExitWithin(pid, 10));
   EXPECT_NE(std::string::npos, fileText(logPath()).find("ended; stopping"));
-  for (int32_t q : st.Context) EXPECT_FALSE(queueExists(q)) << q;
+  for (int32_t q : st.Context) EXPECT_FALSE(QueueExists(q)) << q;
   expectNothingLeft();
 }
 
@@ -221,10 +198,10 @@ TEST_F(MlService, ServingProcessThatDoesNotStopIsKilled) {
   ASSERT_EQ(0, kill(stuck, SIGSTOP));  // a stopped process cannot act on SIGTERM
   const auto t0 = std::chrono::steady_clock::now();
   ASSERT_EQ(0, kill(pid, SIGTERM));
-  EXPECT_EQ(0, exitWithin(pid, 15));
+  EXPECT_EQ(0, ExitWithin(pid, 15));
   EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(1900));
   EXPECT_EQ(0, ml_CheckPid(stuck));  // killed and reaped by the service
-  for (int32_t q : st.Context) EXPECT_FALSE(queueExists(q)) << q;
+  for (int32_t q : st.Context) EXPECT_FALSE(QueueExists(q)) << q;
 }
 
 TEST_F(MlService, ClientThatDiesMidExchangeLeavesNothingBehind) {
@@ -244,8 +221,8 @@ TEST_F(MlService, ClientThatDiesMidExchangeLeavesNothingBehind) {
     return os_msgsnd(req, msg.data(), sizeof text, 0) == 0 ? 0 : 1;
   }));
   // The sweep drops both its unread reply and its interest.
-  EXPECT_TRUE(eventually([&] { return depth(rep) == 0; }));
-  EXPECT_TRUE(eventually([&] { return fileText(logPath()).find("dropped 1 interests") != std::string::npos; }));
+  EXPECT_TRUE(Eventually([&] { return QueueDepth(rep) == 0; }));
+  EXPECT_TRUE(Eventually([&] { return fileText(logPath()).find("dropped 1 interests") != std::string::npos; }));
   sendCheck(req, 0x5A, getpid());
   EXPECT_EQ(0, checkReply(rep, getpid()));
   EXPECT_EQ(1, ml_CheckPid(pid));
@@ -279,7 +256,7 @@ TEST_F(MlService, StopWakesEveryClientWaitingForAReply) {
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(100));  // all in msgrcv
   ASSERT_EQ(0, kill(pid, SIGTERM));
-  EXPECT_EQ(0, exitWithin(pid, 10));
+  EXPECT_EQ(0, ExitWithin(pid, 10));
   for (int w : waiters) EXPECT_EQ(0, WaitChild(w));  // woken with EIDRM, not by the alarm
   close(ready[0]);
   close(ready[1]);
@@ -308,8 +285,8 @@ TEST_F(MlService, ReplyNoQueueSpaceCanTakeIsDroppedAndServiceGoesOn) {
     ASSERT_EQ(0, os_msgsnd(rep, msg.data(), sizes[i], IPC_NOWAIT));
   }
   sendCheck(req, 0x11, getpid());
-  EXPECT_TRUE(eventually([&] { return fileText(logPath()).find("reply to pid") != std::string::npos; }));
-  EXPECT_EQ(2u, depth(rep));  // both kept
+  EXPECT_TRUE(Eventually([&] { return fileText(logPath()).find("reply to pid") != std::string::npos; }));
+  EXPECT_EQ(2u, QueueDepth(rep));  // both kept
   uint8_t buf[4 + 16];
   EXPECT_EQ(ENOMSG, sfltest::ReasonOf([&] { os_msgrcv(rep, buf, 16, getpid(), IPC_NOWAIT); }));
   // Once there is room, answers flow again.

@@ -2,12 +2,16 @@
 #include "test_util.h"
 
 #include <fcntl.h>
+#include <sys/msg.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -240,6 +244,33 @@ void Gate::Open() {
 void Gate::Wait() {
   char c;
   if (read(fds_[0], &c, 1) != 1) std::abort();
+}
+
+bool Eventually(const std::function<bool()>& cond, int seconds) {
+  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+  while (std::chrono::steady_clock::now() < end) {
+    if (cond()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return cond();
+}
+
+int ExitWithin(pid_t pid, int seconds) {
+  int status = 0;
+  if (!Eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, seconds)) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+// ---- message queues ----------------------------------------------------------------------
+
+bool QueueExists(int q) {
+  struct msqid_ds ds;
+  return msgctl(q, IPC_STAT, &ds) == 0;
+}
+
+size_t QueueDepth(int q) {
+  struct msqid_ds ds;
+  return msgctl(q, IPC_STAT, &ds) == 0 ? ds.msg_qnum : 0;
 }
 
 }  // namespace sfltest

@@ -165,6 +165,19 @@ class Gate {
   int fds_[2];
 };
 
+// Polls `cond` every 10 ms for at most `seconds`; true as soon as it holds.
+bool Eventually(const std::function<bool()>& cond, int seconds = 10);
+// Exit status of a child of this process (128 + signal when killed),
+// waiting at most `seconds`; -1 while it still runs.
+int ExitWithin(pid_t pid, int seconds = 10);
+
+// ---- message queues ----------------------------------------------------------------------
+
+// Whether the System V message queue `q` exists.
+bool QueueExists(int q);
+// The number of messages waiting on queue `q` (0 when it does not exist).
+size_t QueueDepth(int q);
+
 }  // namespace sfltest
 
 #endif  // SFL_TEST_UTIL_H

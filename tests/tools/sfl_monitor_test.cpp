@@ -23,43 +23,19 @@
 #include "sfl_coding.h"
 #include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 
 namespace {
 
+using sfltest::Eventually;
+using sfltest::ExitWithin;
+using sfltest::QueueDepth;
+using sfltest::QueueExists;
 using sfltest::RunDir;
 using sfltest::RunInChild;
 using sfltest::StartChild;
 using sfltest::StartService;
 using sfltest::WaitChild;
-
-bool queueExists(int q) {
-  struct msqid_ds ds;
-  return msgctl(q, IPC_STAT, &ds) == 0;
-}
-
-size_t depth(int q) {
-  struct msqid_ds ds;
-  return msgctl(q, IPC_STAT, &ds) == 0 ? ds.msg_qnum : 0;
-}
-
-// Waits (bounded) for a condition; true when it came.
-template <typename F>
-bool eventually(F cond, int seconds = 10) {
-  auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-  while (std::chrono::steady_clock::now() < end) {
-    if (cond()) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return cond();
-}
-
-// Exit status of a child of this process, waiting at most 10 s; -1 if it
-// is still running.
-int exitOf(pid_t pid) {
-  int status = 0;
-  if (!eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; })) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 std::string run(const std::string& args, int* code) {
   std::string cmd = sfltest::MonitorBinary() + " " + args + " 2>&1";
@@ -117,13 +93,13 @@ TEST_F(Monitor, PublishesItsPairsAndStopsCleanlyOnSigterm) {
   ASSERT_EQ(2u, st.Additional.size());
   ASSERT_EQ(6u, st.Context.size());
   for (int32_t a : st.Additional) EXPECT_EQ(1, ml_CheckPid(a));
-  for (int32_t q : st.Context) EXPECT_TRUE(queueExists(q));
+  for (int32_t q : st.Context) EXPECT_TRUE(QueueExists(q));
 
   ASSERT_EQ(0, kill(pid, SIGTERM));
-  EXPECT_EQ(0, exitOf(pid));
+  EXPECT_EQ(0, ExitWithin(pid));
   EXPECT_FALSE(std::filesystem::exists(ml_StatePath(RunDir())));
-  for (int32_t q : st.Context) EXPECT_FALSE(queueExists(q)) << q;
-  for (int32_t a : st.Additional) EXPECT_TRUE(eventually([&] { return ml_CheckPid(a) == 0; }));
+  for (int32_t q : st.Context) EXPECT_FALSE(QueueExists(q)) << q;
+  for (int32_t a : st.Additional) EXPECT_TRUE(Eventually([&] { return ml_CheckPid(a) == 0; }));
 }
 
 TEST_F(Monitor, SigtermToTheWholeGroupIsACleanStop) {
@@ -134,8 +110,8 @@ TEST_F(Monitor, SigtermToTheWholeGroupIsACleanStop) {
   // As a service manager does: every process of the service at once.
   for (int32_t a : st.Additional) kill(a, SIGTERM);
   kill(pid, SIGTERM);
-  EXPECT_EQ(0, exitOf(pid));
-  for (int32_t q : st.Context) EXPECT_FALSE(queueExists(q));
+  EXPECT_EQ(0, ExitWithin(pid));
+  for (int32_t q : st.Context) EXPECT_FALSE(QueueExists(q));
   EXPECT_FALSE(std::filesystem::exists(ml_StatePath(RunDir())));
 }
 
@@ -180,7 +156,7 @@ TEST_F(Monitor, SurvivesAFloodOfMalformedMessages) {
     return rec.ProcAccCount == 0 ? 0 : 2;
   }));
   EXPECT_EQ(1, ml_CheckPid(pid));
-  EXPECT_EQ(0u, depth(st.Context[1]));  // nothing was answered to the malformed ones
+  EXPECT_EQ(0u, QueueDepth(st.Context[1]));  // nothing was answered to the malformed ones
 }
 
 TEST_F(Monitor, ClientThatNeverReadsItsRepliesCannotStallTheService) {
@@ -221,7 +197,7 @@ TEST_F(Monitor, ClientThatNeverReadsItsRepliesCannotStallTheService) {
   EXPECT_LT(ds.msg_qnum, 5000u);
   kill(flooder, SIGKILL);
   WaitChild(flooder);
-  EXPECT_TRUE(eventually([&] { return depth(rep) == 0; }));
+  EXPECT_TRUE(Eventually([&] { return QueueDepth(rep) == 0; }));
   close(pipeFd[0]);
   close(pipeFd[1]);
 }
@@ -242,7 +218,7 @@ TEST_F(Monitor, ReplyQueueFullOfAnotherLiveClientsRepliesStillTakesAnAnswer) {
   while (os_msgsnd(rep, msg.data(), 12, IPC_NOWAIT) == 0) {
   }
   ASSERT_EQ(EAGAIN, errno);
-  const size_t full = depth(rep);
+  const size_t full = QueueDepth(rep);
   EXPECT_EQ(0, RunInChild([] {
     alarm(20);
     sfl_BaseRec rec;
@@ -252,7 +228,7 @@ TEST_F(Monitor, ReplyQueueFullOfAnotherLiveClientsRepliesStillTakesAnAnswer) {
   }));
   // Only the newest of the unread ones was kept.
   EXPECT_GT(full, 1u);
-  EXPECT_EQ(1u, depth(rep));
+  EXPECT_EQ(1u, QueueDepth(rep));
   kill(sleeper, SIGKILL);
   WaitChild(sleeper);
 }
@@ -294,9 +270,9 @@ TEST_F(Monitor, KilledMainProcessTakesTheOthersAndTheQueuesDown) {
       return 2;
     });
     ASSERT_EQ(0, kill(pid, SIGKILL));
-    EXPECT_EQ(128 + SIGKILL, exitOf(pid));
-    for (int32_t a : st.Additional) EXPECT_TRUE(eventually([&] { return ml_CheckPid(a) == 0; }));
-    for (int32_t q : st.Context) EXPECT_TRUE(eventually([&] { return !queueExists(q); })) << q;
+    EXPECT_EQ(128 + SIGKILL, ExitWithin(pid));
+    for (int32_t a : st.Additional) EXPECT_TRUE(Eventually([&] { return ml_CheckPid(a) == 0; }));
+    for (int32_t q : st.Context) EXPECT_TRUE(Eventually([&] { return !QueueExists(q); })) << q;
     EXPECT_EQ(0, WaitChild(waiter));  // woken by the removal, not left waiting
     EXPECT_FALSE(ml_ServiceAlive(RunDir(), st));
   }
@@ -316,8 +292,8 @@ TEST_F(Monitor, StopsWhenItsRunDirectoryGoes) {
   ml_State st;
   ASSERT_TRUE(ml_ReadState(RunDir(), &st));
   std::filesystem::remove_all(RunDir());
-  EXPECT_EQ(1, exitOf(pid));
-  for (int32_t q : st.Context) EXPECT_FALSE(queueExists(q));
+  EXPECT_EQ(1, ExitWithin(pid));
+  for (int32_t q : st.Context) EXPECT_FALSE(QueueExists(q));
   std::filesystem::create_directories(RunDir());
 }
 
@@ -347,9 +323,9 @@ TEST_F(Monitor, OnDemandServiceStopsWhenIdleWithNoInterestHeld) {
   ASSERT_EQ(1, write(toChild[1], "w", 1));
   EXPECT_EQ(0, WaitChild(holder));
   // Withdrawn: it goes, taking its queues and state with it.
-  EXPECT_TRUE(eventually([&] { return ml_CheckPid(st.MainPid) == 0; }));
+  EXPECT_TRUE(Eventually([&] { return ml_CheckPid(st.MainPid) == 0; }));
   EXPECT_FALSE(std::filesystem::exists(ml_StatePath(RunDir())));
-  for (int32_t q : st.Context) EXPECT_FALSE(queueExists(q));
+  for (int32_t q : st.Context) EXPECT_FALSE(QueueExists(q));
   for (int fd : {toChild[0], toChild[1], fromChild[0], fromChild[1]}) close(fd);
 }
 
