@@ -396,6 +396,13 @@ void ExpectCleanAfterRepair(const sfl_ItemRef& ref) {
   ExpectClean(ref);
 }
 
+// The check found exactly one kind of fault, `number`, and printed `line` for it.
+void ExpectOnlyFault(const CheckRun& r, int number, const std::string& line) {
+  EXPECT_EQ(r.result, 1) << Describe(r);
+  EXPECT_EQ(Faults(r), std::vector<int>{number}) << Describe(r);
+  EXPECT_EQ(r.Line(number), line);
+}
+
 TEST(CheckFaults, SpaceInUseMarkedFreeIsRepaired) {
   Made m;
   const uint32_t slot = m.Simple(1000);
@@ -504,10 +511,8 @@ TEST(CheckFaults, UsedCountWrongIsRepaired) {
   const uint64_t root = f.Header(SlotAt(slot)).FileOffset;
   f.PutU32(root + sfl_ix::Used, 9);
   CheckRun r = RunCheck(m.ref(), 1);
-  EXPECT_EQ(r.result, 1) << Describe(r);
-  EXPECT_EQ(Faults(r), std::vector<int>{1039}) << Describe(r);
-  EXPECT_EQ(r.Line(1039), "SFL-204-1039: the index record at file offset " + std::to_string(root) +
-                              " counts 9 entries in use, but 5 are");
+  ExpectOnlyFault(r, 1039, "SFL-204-1039: the index record at file offset " + std::to_string(root) +
+                           " counts 9 entries in use, but 5 are");
   EXPECT_EQ(f.Index(root).Used, 5u);
   ExpectCleanAfterRepair(m.ref());
 }
@@ -520,10 +525,8 @@ TEST(CheckFaults, LeafEverUsedTooSmallIsRaisedToThirtyTwo) {
   const uint64_t root = f.Header(SlotAt(slot)).FileOffset;
   f.PutU32(root + sfl_ix::EverUsed, 2);
   CheckRun r = RunCheck(m.ref(), 1);
-  EXPECT_EQ(r.result, 1) << Describe(r);
-  EXPECT_EQ(Faults(r), std::vector<int>{1040}) << Describe(r);
-  EXPECT_EQ(r.Line(1040), "SFL-204-1040: the index record at file offset " + std::to_string(root) +
-                              " has EverUsed 2 but needs at least 5");
+  ExpectOnlyFault(r, 1040, "SFL-204-1040: the index record at file offset " + std::to_string(root) +
+                           " has EverUsed 2 but needs at least 5");
   EXPECT_EQ(f.Index(root).EverUsed, 32u);  // not to the value needed
   ExpectCleanAfterRepair(m.ref());
 }
@@ -537,10 +540,8 @@ TEST(CheckFaults, BranchEverUsedTooSmallIsRaisedToTheNeededValue) {
   ASSERT_EQ(f.Index(root).EverUsed, 2u);
   f.PutU32(root + sfl_ix::EverUsed, 1);
   CheckRun r = RunCheck(m.ref(), 1);
-  EXPECT_EQ(r.result, 1) << Describe(r);
-  EXPECT_EQ(Faults(r), std::vector<int>{1040}) << Describe(r);
-  EXPECT_EQ(r.Line(1040), "SFL-204-1040: the index record at file offset " + std::to_string(root) +
-                              " has EverUsed 1 but needs at least 2");
+  ExpectOnlyFault(r, 1040, "SFL-204-1040: the index record at file offset " + std::to_string(root) +
+                           " has EverUsed 1 but needs at least 2");
   EXPECT_EQ(f.Index(root).EverUsed, 2u);
   ExpectCleanAfterRepair(m.ref());
 }
@@ -555,15 +556,13 @@ TEST(CheckFaults, EverUsedWalkStartsInTheReservedBytes) {
   const uint64_t root = f.Header(SlotAt(slot)).FileOffset;
   f.PutU32(EntryAt(root, 32), 1);
   CheckRun r = RunCheck(m.ref(), 0);
-  EXPECT_EQ(r.result, 1) << Describe(r);
-  EXPECT_EQ(Faults(r), std::vector<int>{1040}) << Describe(r);
-  EXPECT_EQ(r.Line(1040), "SFL-204-1040: the index record at file offset " + std::to_string(root) +
-                              " has EverUsed 5 but needs at least 32");  // at most 32
-}
-
-TEST(CheckFaults, IndexRecordWithWrongMagic) {
-  Made m;
-  const uint32_t slot = m.Blocked(40);
+  ExpectOnlyFault(r, 1040, "SFL-204-1040: the index record at file offset " + std::to_string(root) +
+                           " has EverUsed 5 but needs at least 32");  // at most 32
+                           }
+                           
+                           TEST(CheckFaults, IndexRecordWithWrongMagic) {
+                           Made m;
+                           const uint32_t slot = m.Blocked(40);
   m.Close();
   RawFile f(m.Path());
   const uint64_t root = f.Header(SlotAt(slot)).FileOffset;
@@ -778,10 +777,8 @@ TEST(CheckFaults, RootRunningIntoTheEndOfTheFileIsAShortRead) {
   const uint32_t root = f.Header(SlotAt(slot)).FileOffset;
   f.Truncate(root + 100);
   CheckRun r = RunCheck(m.ref(), 0);
-  EXPECT_EQ(r.result, 1) << Describe(r);
-  EXPECT_EQ(Faults(r), std::vector<int>{1016}) << Describe(r);
-  EXPECT_EQ(r.Line(1016), "SFL-204-1016: short read of the root index record at file offset " +
-                              std::to_string(root) + ": 100 of 384 bytes");
+  ExpectOnlyFault(r, 1016, "SFL-204-1016: short read of the root index record at file offset " +
+                           std::to_string(root) + ": 100 of 384 bytes");
 }
 
 TEST(CheckFaults, EntriesPastTheEndOrColliding) {
