@@ -5,10 +5,13 @@
 // flags remain. The expectations are written out by hand per event.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
+#include <functional>
 #include <fcntl.h>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 #include "os.h"
 #include "sfl_int.h"
@@ -249,6 +252,106 @@ TEST_F(SyncTest, RecordIsTakenFromTheItemWhenNotGiven) {
   sfl_ConsiderSync(nullptr, &item, SFL_EV_CLOSE);  // 4000 with an item
   EXPECT_EQ(os_CallCount(os_Op::Fdatasync), before + 1);
   EXPECT_EQ(rec.StructUnsynced, 0u);
+}
+
+// ---- flushes with nothing written ----------------------------------------------------
+
+TEST_F(SyncTest, AllSyncFlushesOnlyWhatWasWrittenSinceTheLastFlush) {
+  setenv("SFL_ALL_SYNC_IO", "1", 1);
+  sfl_ResetSyncConfig();
+  sfl_BaseRec rec;
+  rec.FileDes = fd_;
+  EXPECT_EQ(rec.Unflushed, 1u);  // a new record may hold earlier writes
+  const uint64_t before = os_CallCount(os_Op::Fdatasync);
+  sfl_ConsiderSync(&rec, nullptr, SFL_EV_GET_SPACE);
+  EXPECT_EQ(os_CallCount(os_Op::Fdatasync), before + 1);
+  EXPECT_EQ(rec.Unflushed, 0u);
+  // Nothing written since: the next events leave the file as it is, but
+  // still clear the marks they would have cleared.
+  rec.StructUnsynced = 1;
+  rec.DataUnsynced = 1;
+  sfl_ConsiderSync(&rec, nullptr, SFL_EV_SEARCH_UPDATE);
+  sfl_ConsiderSync(&rec, nullptr, SFL_EV_CLOSE);
+  EXPECT_EQ(os_CallCount(os_Op::Fdatasync), before + 1);
+  EXPECT_EQ(rec.StructUnsynced, 0u);
+  EXPECT_EQ(rec.DataUnsynced, 0u);
+  // A write through the record makes the next event flush again.
+  const char byte = 'x';
+  ASSERT_EQ(sfl_PWrite(&rec, &byte, 1, 0), 1);
+  EXPECT_EQ(rec.Unflushed, 1u);
+  sfl_ConsiderSync(&rec, nullptr, SFL_EV_SEARCH_UPDATE);
+  EXPECT_EQ(os_CallCount(os_Op::Fdatasync), before + 2);
+  // An explicit sync flushes even with nothing written through the record.
+  sfl_ConsiderSync(&rec, nullptr, SFL_EV_SYNC);
+  EXPECT_EQ(os_CallCount(os_Op::Fdatasync), before + 3);
+}
+
+TEST_F(SyncTest, EveryRecordWriterLeavesTheFileToBeFlushed) {
+  sfl_BaseRec rec;
+  rec.FileDes = fd_;
+  sfl_ItemRec item;
+  item.BaseRecord = &rec;
+  item.HeaderOff = 128;
+  sfl_ItemHeader fm = sfl_NewItemHeader();
+  fm.FileOffset = 640;
+  fm.FileSize = 256;
+  const std::vector<uint8_t> map(256, 0);
+  const std::vector<std::function<void()>> writers = {
+      [&] { sfl_WriteFileHeader(&rec, sfl_FileHeader{}); },
+      [&] { sfl_WriteItemHeader(&item, sfl_NewItemHeader()); },
+      [&] { sfl_WriteInternalItemH(&item, 192, sfl_NewItemHeader()); },
+      [&] { sfl_WriteAnIndex(&item, 1024, sfl_NewIndexRecord()); },
+      [&] { sfl_WriteFreeMap(&rec, map, fm); },
+      [&] { sfl_WritePartialFreeMap(&rec, map, 8, 3, fm); },
+      [&] { (void)sfl_PWrite(&rec, map.data(), 4, 2048); },
+  };
+  for (size_t i = 0; i < writers.size(); ++i) {
+    rec.Unflushed = 0;
+    writers[i]();
+    EXPECT_EQ(rec.Unflushed, 1u) << "writer " << i;
+  }
+}
+
+TEST_F(SyncTest, AFailedFlushIsTriedAgainByTheNextEvent) {
+  setenv("SFL_ALL_SYNC_IO", "1", 1);
+  sfl_ResetSyncConfig();
+  sfl_BaseRec rec;
+  rec.FileDes = fd_;
+  os_FailNth(os_Op::Fdatasync, 1, EIO);
+  EXPECT_THROW(sfl_ConsiderSync(&rec, nullptr, SFL_EV_GET_SPACE), er_Escape);
+  EXPECT_EQ(rec.Unflushed, 1u);
+  const uint64_t before = os_CallCount(os_Op::Fdatasync);
+  sfl_ConsiderSync(&rec, nullptr, SFL_EV_SEARCH_UPDATE);
+  EXPECT_EQ(os_CallCount(os_Op::Fdatasync), before + 1);
+  EXPECT_EQ(rec.Unflushed, 0u);
+}
+
+TEST_F(SyncTest, AllSyncReadingAnItemFlushesNothingAndStoringOncePerWrite) {
+  setenv("SFL_ALL_SYNC_IO", "1", 1);
+  sfl_ResetSyncConfig();
+  const int32_t base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+  sfl_ItemRef ref{};
+  const char data[300] = "stored";
+  uint64_t before = os_CallCount(os_Op::Fdatasync);
+  const int32_t item = sfl_StoreBasicItem(base, nullptr, sizeof data, &ref, 1);
+  ASSERT_GE(item, SFL_ITEM_HANDLE_FIRST);
+  // The slot, the map and the item header are each written and flushed;
+  // the data event between them (no data to fill in) writes nothing.
+  EXPECT_EQ(os_CallCount(os_Op::Fdatasync), before + 3);
+  before = os_CallCount(os_Op::Fdatasync);
+  ASSERT_EQ(sfl_WriteSimpleData(item, 0, sizeof data, data), static_cast<int32_t>(sizeof data));
+  sfl_CloseItem(item);
+  EXPECT_EQ(os_CallCount(os_Op::Fdatasync), before + 1);
+  sfl_CloseFile(base);
+
+  // Open, read and close again: nothing written, nothing flushed.
+  before = os_CallCount(os_Op::Fdatasync);
+  const int32_t again = sfl_OpenItem(&ref, 0);
+  char back[sizeof data] = {};
+  ASSERT_EQ(sfl_ReadSimpleData(again, 0, sizeof back, back), static_cast<int32_t>(sizeof back));
+  EXPECT_STREQ(back, "stored");
+  sfl_CloseItem(again);
+  EXPECT_EQ(os_CallCount(os_Op::Fdatasync), before);
 }
 
 // ---- the setters, through real item handles ---------------------------------------

@@ -152,7 +152,20 @@ EventRule ruleFor(int32_t event) {
 // The marks are cleared only once the flush has succeeded. A flush that
 // fails raises and leaves the file marked unsynced (structure, when nothing
 // was marked yet), so that the next chance flushes it again.
-void flush(sfl_BaseRec* rec) {
+//
+// A file that nothing has been written to through this record since its
+// last successful flush is already as durable as a flush would make it:
+// the flush is skipped. Several events often follow one write (a search
+// reports every record it passed, a close follows a read), and each of
+// them would otherwise cost a disk round trip for nothing. An explicit
+// request (`always`) flushes regardless: the caller may have written to the
+// file some other way, through a stream for instance.
+void flush(sfl_BaseRec* rec, bool always) {
+  if (!always && rec->Unflushed == 0) {
+    rec->StructUnsynced = 0;
+    rec->DataUnsynced = 0;
+    return;
+  }
   if (os_fdatasync(rec->FileDes) != 0) {
     const int err = errno;
     if (rec->StructUnsynced == 0 && rec->DataUnsynced == 0) rec->StructUnsynced = 1;
@@ -160,6 +173,7 @@ void flush(sfl_BaseRec* rec) {
   }
   rec->StructUnsynced = 0;
   rec->DataUnsynced = 0;
+  rec->Unflushed = 0;
 }
 
 bool itemSwitchesOff(const sfl_ItemRec* item) {
@@ -247,8 +261,9 @@ void sfl_ConsiderSync(sfl_BaseRec* rec, sfl_ItemRec* item, int32_t event) {
     if (g_allAsync == 1) return;
   }
   if (rec->Domain == 5) return;
+  const bool always = event == SFL_EV_SYNC;
   if (g_allSync == 1) {
-    flush(rec);
+    flush(rec, always);
     return;
   }
   EventRule rule = ruleFor(event);
@@ -261,18 +276,19 @@ void sfl_ConsiderSync(sfl_BaseRec* rec, sfl_ItemRec* item, int32_t event) {
   const bool userSync = rec->UserAsync == 0;
   switch (cls) {
     case 200:
-      if (quiet && rec->StructUnsynced == 1) flush(rec);
+      if (quiet && rec->StructUnsynced == 1) flush(rec, always);
       break;
     case 400:
-      if (quiet && userSync && rec->StructUnsynced == 1) flush(rec);
+      if (quiet && userSync && rec->StructUnsynced == 1) flush(rec, always);
       break;
     case 2000:
       if (quiet && userSync && itemSwitchesOff(item) &&
           (rec->StructUnsynced == 1 || rec->DataUnsynced == 1))
-        flush(rec);
+        flush(rec, always);
       break;
     case 4000:
-      if (quiet && userSync && itemSwitchesOff(item) && rec->StructUnsynced == 1) flush(rec);
+      if (quiet && userSync && itemSwitchesOff(item) && rec->StructUnsynced == 1)
+        flush(rec, always);
       break;
     default:  // 600, 800, 6000, 8000: never at once
       break;

@@ -103,6 +103,10 @@ struct sfl_BaseRec {
   int32_t FreeMapHandle = 0;
   uint32_t StructUnsynced = 0;
   uint32_t DataUnsynced = 0;
+  // Set by every write through this record, cleared by a flush that
+  // succeeds; a new record starts set, as the file may hold writes of an
+  // earlier one.
+  uint32_t Unflushed = 1;
   uint32_t NewlyCreated = 0;
   uint32_t UserAsync = 0;
   uint32_t MaxItems = 0;

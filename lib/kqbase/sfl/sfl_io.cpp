@@ -32,6 +32,17 @@ void writeRecord(int fd, const std::array<uint8_t, N>& buf, uint64_t offset) {
   if (n != static_cast<ssize_t>(N)) SFL_RAISE(SFL_R_SHORT_WRITE);
 }
 
+// Every write through a record leaves it to be flushed, marked before the
+// write is tried: one that fails may still have changed the file.
+sfl_BaseRec* written(sfl_BaseRec* rec) {
+  if (rec != nullptr) rec->Unflushed = 1;
+  return rec;
+}
+sfl_ItemRec* written(sfl_ItemRec* item) {
+  if (item != nullptr) written(item->BaseRecord);
+  return item;
+}
+
 bool hasMagicAndType(const uint8_t* p, uint32_t type) {
   return sfl_GetU32(p) == SFL_MAGIC && sfl_GetU32(p + 4) == type;
 }
@@ -79,7 +90,7 @@ void sfl_ReadFileHeader(sfl_BaseRec* rec, sfl_FileHeader* out) {
 void sfl_WriteFileHeader(sfl_BaseRec* rec, const sfl_FileHeader& h) {
   sfl_FileHeaderBytes bytes;
   sfl_EncodeFileHeader(h, bytes);
-  writeRecord(fdOf(rec), bytes, 0);
+  writeRecord(fdOf(written(rec)), bytes, 0);
 }
 
 // ---- item headers -----------------------------------------------------------------
@@ -101,7 +112,7 @@ void sfl_WriteItemHeader(sfl_ItemRec* item, const sfl_ItemHeader& h) {
   sfl_EncodeItemHeader(h, bytes);
   // What reached the file after a failed write is unknown: drop the copy.
   item->HeaderCacheValid = 0;
-  writeRecord(fdOf(item), bytes, item->HeaderOff);
+  writeRecord(fdOf(written(item)), bytes, item->HeaderOff);
   cacheHeader(item, bytes);
 }
 
@@ -117,7 +128,7 @@ void sfl_ReadInternalItemH(sfl_ItemRec* item, uint32_t offset, sfl_ItemHeader* o
 void sfl_WriteInternalItemH(sfl_ItemRec* item, uint32_t offset, const sfl_ItemHeader& h) {
   sfl_ItemHeaderBytes bytes;
   sfl_EncodeItemHeader(h, bytes);
-  writeRecord(fdOf(item), bytes, offset);
+  writeRecord(fdOf(written(item)), bytes, offset);
 }
 
 // ---- index records ------------------------------------------------------------------
@@ -141,7 +152,7 @@ void sfl_WriteAnIndex(sfl_ItemRec* item, uint32_t offset, const sfl_IndexRecord&
   sfl_IndexBytes bytes;
   sfl_EncodeIndex(r, bytes);
   item->IndexCacheValid = 0;
-  writeRecord(fdOf(item), bytes, offset);
+  writeRecord(fdOf(written(item)), bytes, offset);
   noteCurrentIndex(item, offset, r);
   cacheIndex(item, bytes);
 }
@@ -166,7 +177,7 @@ uint32_t sfl_ReadFreeMap(sfl_BaseRec* rec, std::vector<uint8_t>* map, const sfl_
 void sfl_WriteFreeMap(sfl_BaseRec* rec, std::span<const uint8_t> map, const sfl_ItemHeader& fm) {
   // A buffer shorter than the map would have to be read past its end.
   if (fm.FileOffset == 0 || map.size() < fm.FileSize) SFL_RAISE(SFL_R_BAD_MAP);
-  ssize_t n = os_pwrite(fdOf(rec), map.data(), fm.FileSize, static_cast<off_t>(fm.FileOffset));
+  ssize_t n = os_pwrite(fdOf(written(rec)), map.data(), fm.FileSize, static_cast<off_t>(fm.FileOffset));
   if (n != static_cast<ssize_t>(fm.FileSize)) SFL_RAISE(SFL_R_SHORT_MAP_WRITE);
 }
 
@@ -183,7 +194,7 @@ void sfl_WritePartialFreeMap(sfl_BaseRec* rec, std::span<const uint8_t> map, int
   if (end > static_cast<int64_t>(map.size())) end = static_cast<int64_t>(map.size());
   if (end <= first) return;
   const size_t len = static_cast<size_t>(end - first);
-  ssize_t n = os_pwrite(fdOf(rec), map.data() + first, len,
+  ssize_t n = os_pwrite(fdOf(written(rec)), map.data() + first, len,
                         static_cast<off_t>(fm.FileOffset + static_cast<uint64_t>(first)));
   if (n != static_cast<ssize_t>(len)) SFL_RAISE(SFL_R_SHORT_MAP_WRITE);
 }
@@ -195,5 +206,5 @@ ssize_t sfl_PRead(sfl_BaseRec* rec, void* buf, size_t len, uint64_t offset) {
 }
 
 ssize_t sfl_PWrite(sfl_BaseRec* rec, const void* buf, size_t len, uint64_t offset) {
-  return os_pwrite(fdOf(rec), buf, len, static_cast<off_t>(offset));
+  return os_pwrite(fdOf(written(rec)), buf, len, static_cast<off_t>(offset));
 }
