@@ -403,6 +403,19 @@ TEST(ItemStreams, WritesLandInTheItemAndAreSeenAfterClose) {
   EXPECT_EQ(RawBytes(c.Path(), PlaceOf(i2).offset + 10, 5), "hello");
 }
 
+// Stream writes go by the stream's own descriptor; the container's record
+// must still know that the file has something to flush.
+TEST(ItemStreams, AWriteLeavesTheContainerToBeFlushed) {
+  Container c;
+  sfl_ItemRef i = c.Store(std::string(64, '-'));
+  int32_t s = sfl_fOpenItem(&i, "w");
+  sfl_BaseRec* base = sfl_ItemHandle2Record(sfl_L3Handle2Record(s)->ItemHandle)->BaseRecord;
+  base->Unflushed = 0;
+  EXPECT_EQ(sfl_fWrite("abc", 1, 3, s), 3u);
+  EXPECT_EQ(base->Unflushed, 1u);
+  sfl_fClose(s);
+}
+
 // ---- seeking ---------------------------------------------------------------------------
 
 TEST(ItemStreams, SeekChecksAndReseekBeforeTransfers) {

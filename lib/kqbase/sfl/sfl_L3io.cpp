@@ -192,6 +192,9 @@ size_t sfl_fWrite(const void* buffer, size_t size, size_t count, int32_t streamH
   // A stream never grows an item.
   if (count > Remaining(s, item)) SFL_RAISE(SFL_R_RANGE);
   PlaceStream(s, static_cast<long>(item->Offset) + s->Position, kOpWrite);
+  // The bytes go to the file by the stream's own descriptor: the base file
+  // is marked so that its next flush takes them too.
+  if (item->BaseRecord != nullptr) item->BaseRecord->Unflushed = 1;
   size_t put = os_fwrite(buffer, 1, count, s->Stream);
   s->Position += static_cast<uint32_t>(put);
   s->LastOp = kOpWrite;
