@@ -42,6 +42,41 @@ TEST(ExtBits, FindsTheLowestRun) {
   EXPECT_EQ(ext_FindBits(map, 4, 0, 0), -1);
 }
 
+// The lowest start of `count` bits equal to `value`, one bit at a time.
+int64_t FindBitsOneByOne(const std::vector<uint8_t>& map, uint32_t count, int value) {
+  const uint64_t bits = uint64_t{map.size()} * 8;
+  uint64_t run = 0;
+  for (uint64_t b = 0; b < bits; ++b) {
+    const int bit = (map[b / 8] >> (b % 8)) & 1;
+    run = bit == value ? run + 1 : 0;
+    if (count > 0 && run == count) return static_cast<int64_t>(b + 1 - count);
+  }
+  return -1;
+}
+
+TEST(ExtBits, FindAgreesWithABitByBitSearchOnFilledMaps) {
+  // Maps that fill from the front, as free maps do: long stretches of
+  // whole words without a wanted bit, then scattered holes, at lengths
+  // that are and are not multiples of eight and of four words.
+  std::srand(1234);
+  for (uint32_t len : {1u, 7u, 8u, 31u, 32u, 33u, 40u, 64u, 100u, 257u, 1000u}) {
+    for (int fill = 0; fill < 6; ++fill) {
+      std::vector<uint8_t> map(len, 0xFF);
+      const uint32_t front = len * static_cast<uint32_t>(fill) / 5;
+      for (uint32_t i = front; i < len; ++i) map[i] = static_cast<uint8_t>(std::rand());
+      for (int value : {0, 1}) {
+        std::vector<uint8_t> m = map;
+        if (value == 1)
+          for (auto& b : m) b = static_cast<uint8_t>(~b);
+        for (uint32_t count : {1u, 2u, 3u, 5u, 8u, 13u, 64u, 65u, 200u}) {
+          EXPECT_EQ(ext_FindBits(m.data(), len, count, value), FindBitsOneByOne(m, count, value))
+              << "len " << len << " fill " << fill << " value " << value << " count " << count;
+        }
+      }
+    }
+  }
+}
+
 TEST(ExtBits, RunsAcrossWordBoundaries) {
   std::vector<uint8_t> map(32, 0xFF);  // four 64-bit words
   ext_SetBits(map.data(), 32, 60, 10, 0);  // bits 60..69 straddle words 0 and 1

@@ -2,6 +2,7 @@
 #include "ext.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 namespace {
@@ -31,7 +32,22 @@ int64_t ext_FindBits(const uint8_t* map, uint32_t lenBytes, uint32_t count, int 
   if (count > totalBits) return -1;
   const uint64_t words = (uint64_t{lenBytes} + 7) / 8;
   uint64_t runStart = 0, runLen = 0;
+  // Words wholly inside the map, which can be compared without loadWord's
+  // care for a partial last word.
+  const uint64_t fullWords = lenBytes / 8;
+  const uint64_t noMatch = value ? 0 : ~uint64_t{0};  // a word without one wanted bit
   for (uint64_t w = 0; w < words; ++w) {
+    if (runLen == 0) {
+      // Outside a run, words without a wanted bit are skipped four at a
+      // time: in a map that fills from the front, this is most of the map.
+      while (w + 4 <= fullWords) {
+        uint64_t q[4];
+        std::memcpy(q, map + w * 8, sizeof q);
+        if (q[0] != noMatch || q[1] != noMatch || q[2] != noMatch || q[3] != noMatch) break;
+        w += 4;
+      }
+      if (w >= words) break;
+    }
     uint64_t word = loadWord(map, lenBytes, w, value);
     uint64_t match = value ? word : ~word;  // 1 where the bit equals value
     if (match == ~uint64_t{0}) {
@@ -44,13 +60,29 @@ int64_t ext_FindBits(const uint8_t* map, uint32_t lenBytes, uint32_t count, int 
       runLen = 0;
       continue;
     }
-    for (unsigned b = 0; b < 64; ++b) {
-      if ((match >> b) & 1) {
-        if (runLen == 0) runStart = w * 64 + b;
-        if (++runLen >= count) return static_cast<int64_t>(runStart);
-      } else {
-        runLen = 0;
+    // A word with both kinds of bits: its runs are taken whole, by
+    // counting trailing bits, rather than bit by bit. A run carried in from
+    // the previous word goes on with this word's lowest bits.
+    unsigned pos = 0;
+    if (runLen != 0) {
+      const unsigned ones = static_cast<unsigned>(std::countr_one(match));
+      if (runLen + ones >= count) return static_cast<int64_t>(runStart);
+      runLen = 0;
+      pos = ones;
+    }
+    while (pos < 64) {
+      const uint64_t rest = match >> pos;
+      if (rest == 0) break;
+      pos += static_cast<unsigned>(std::countr_zero(rest));
+      // Ones from pos up; a run that reaches the top continues next word.
+      const unsigned ones = std::min(static_cast<unsigned>(std::countr_one(match >> pos)), 64 - pos);
+      if (ones >= count) return static_cast<int64_t>(w * 64 + pos);
+      if (pos + ones == 64) {
+        runStart = w * 64 + pos;
+        runLen = ones;
+        break;
       }
+      pos += ones;
     }
   }
   return -1;
