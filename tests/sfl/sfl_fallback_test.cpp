@@ -19,6 +19,7 @@
 #include "test_env.h"
 #include "test_util.h"
 
+
 namespace {
 
 std::set<std::string> StoreFileNames() {
@@ -148,3 +149,30 @@ TEST(Fallback, AFaultAtAnyCallOfTheFallbackLeavesNothingBehind) {
 }
 
 }  // namespace
+
+// The store in the new container fails, and so does the close that follows
+// it (the empty file cannot be removed the first time): the store's escape
+// is the one that passes on, and the new container's record, descriptor and
+// file do not stay behind.
+TEST(Fallback, ACloseThatFailsAfterAFailedStoreStillGivesTheRecordBack) {
+  const sfl_ItemRef full = FullContainer();
+  sfl_ItemRef missing{};
+  const int fd = im_GetNewDataItem(&missing);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  im_UnlinkItem(&missing);
+
+  const auto namesBefore = StoreFileNames();
+  const Held before = HeldNow();
+  const uint64_t unlinksBefore = os_CallCount(os_Op::Unlink);
+  sfl_ItemRef out{};
+  os_FailNth(os_Op::Unlink, 1, EIO);
+  const sfltest::Escape e =
+      sfltest::EscapeOf([&] { sfl_AddItemToFile(&full, 0, 0, &missing, 0, &out); });
+  os_ClearFaults();
+  EXPECT_EQ(e.group, ER_GROUP_OS);
+  EXPECT_EQ(e.reason, ENOENT);
+  EXPECT_EQ(os_CallCount(os_Op::Unlink), unlinksBefore + 2);  // failed once, then removed
+  EXPECT_EQ(StoreFileNames(), namesBefore);
+  EXPECT_EQ(HeldNow(), before);
+}

@@ -26,9 +26,19 @@ int32_t StoreInNewContainer(int32_t type, sfl_ItemRef* out, uint32_t size, uint3
     er_StatusKeeper keep;
     try {
       if (itemHandle != -1) sfl_CloseItem(itemHandle);
-      sfl_CloseFile(baseHandle);
     } catch (const er_Escape&) {
       er_Accept(5);
+    }
+    // A close that escapes leaves the file open, to be closed again; only
+    // this call knows the new container, so it tries once more rather than
+    // leave its record, descriptor and file behind.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      try {
+        sfl_CloseFile(baseHandle);
+        break;
+      } catch (const er_Escape&) {
+        er_Accept(5);
+      }
     }
     throw;
   }
