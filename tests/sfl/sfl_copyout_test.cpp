@@ -3,6 +3,7 @@
 // item holding internal items copied with them, and the results for a tree
 // whose top record is short, not an index record, or never used.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <cstdint>
 #include <vector>
@@ -124,6 +125,65 @@ TEST_F(CopyOut, AnItemHoldingInternalItemsIsCopiedWithThem) {
   sfl_CloseIntItem(innerCopy);
   sfl_CloseIntItem(copy);
   sfl_CloseItem(parent);
+}
+
+}  // namespace
+
+namespace {
+
+constexpr int32_t kEmptySlot = 9;
+constexpr int32_t kHeaderShort = 6;
+
+// One item by its old header: a simple item, an empty slot, a header past
+// the end of the old file, and one whose size passes its reservation.
+TEST_F(CopyOut, AnItemIsCopiedByItsOldHeader) {
+  sfl_ItemRef ref{};
+  const int32_t s = sfl_StoreBasicItem(from_.bh, nullptr, 300, &ref, 0);
+  const Bytes text = sfltest::PseudoRandomBytes(300, 37, 0);
+  ASSERT_EQ(sfl_WriteSimpleData(s, 0, 300, text.data()), 300);
+  const uint32_t oldHeader = sfl_ItemHandle2Record(s)->HeaderOff;
+  EXPECT_EQ(sfl_CopyOutItem(to_.bh, HolderAt(64), OldFd(), oldHeader), kCopied);
+  const int32_t copy = sfl_OpenIntItem(holder_, 0, 64);
+  Bytes back(300);
+  ASSERT_EQ(sfl_ReadSimpleData(copy, 0, 300, back.data()), 300);
+  EXPECT_EQ(back, text);
+  sfl_CloseIntItem(copy);
+
+  const uint32_t emptySlot = oldHeader + 3 * SFL_ITEM_HEADER_SIZE;
+  EXPECT_EQ(sfl_CopyOutItem(to_.bh, HolderAt(128), OldFd(), emptySlot), kEmptySlot);
+  struct stat st {};
+  ASSERT_EQ(fstat(OldFd(), &st), 0);
+  EXPECT_EQ(sfl_CopyOutItem(to_.bh, HolderAt(128), OldFd(), static_cast<uint32_t>(st.st_size)),
+            kHeaderShort);
+  sfltest::EditHeader(s, [](sfl_ItemHeader& h) { h.FileSize = h.UsedBlocks * SFL_BLOCK_SIZE + 1; });
+  EXPECT_EQ(sfl_CopyOutItem(to_.bh, HolderAt(128), OldFd(), oldHeader), kHeaderShort);
+  sfl_CloseItem(s);
+}
+
+// The index routines on their own: a whole record, and one entry of it
+// (an entry number past the record's 32 is not an index entry).
+TEST_F(CopyOut, IndexRecordsAreCopiedOneAtATime) {
+  sfl_ItemRef ref{};
+  const int32_t b = sfl_CreateBlockedItem(from_.bh, &ref);
+  sfl_FormatBlockedRoot(b);
+  for (uint32_t n = 0; n < 3; ++n) {
+    const Bytes d = BlockData(n);
+    sfl_WriteBlockedData(b, n, static_cast<uint32_t>(d.size()), d.data());
+  }
+  sfl_ItemHeader h{};
+  sfl_GetExtItemHeader(sfl_ItemHandle2Record(b), &h);
+  sfl_IndexRecord root;
+  sfl_ReadAnIndex(sfl_ItemHandle2Record(b), h.FileOffset, &root);
+
+  const int32_t target = sfl_CreateIntBItem(holder_, 0, 64, 0);
+  EXPECT_EQ(sfl_CopyOutIndexChild(target, OldFd(), root, SFL_INDEX_ENTRIES), kIndexType);
+  EXPECT_EQ(sfl_CopyOutIndex(target, OldFd(), root), kCopied);
+  sfl_CloseIntItem(target);
+  // The copied entries point at new copies of the blocks.
+  const int32_t copy = sfl_OpenIntItem(holder_, 0, 64);
+  for (uint32_t n = 0; n < 3; ++n) EXPECT_EQ(ReadBlock(copy, n), BlockData(n)) << "block " << n;
+  sfl_CloseIntItem(copy);
+  sfl_CloseItem(b);
 }
 
 }  // namespace
