@@ -92,3 +92,17 @@ TEST(ItemRefEdges, ANewFileIsRetriedOnlyWhenItsDirectoryWentAway) {
 }
 
 }  // namespace
+
+namespace {
+
+// Every FileId tried is taken: after its attempts the create gives up.
+TEST(ItemRefEdges, ACreateThatFindsEveryNameTakenGivesUp) {
+  sfl_ItemRef ref{};
+  os_FailNth(os_Op::Open, 1, EEXIST, 1000);
+  const sfltest::Escape e = sfltest::EscapeOf([&] { im_GetNewDataItem(&ref); });
+  os_ClearFaults();
+  EXPECT_EQ(e.group, ER_GROUP_CONFIG);
+  EXPECT_EQ(e.reason, IM_R_NO_UNIQUE_ID);
+}
+
+}  // namespace

@@ -186,3 +186,16 @@ TEST_F(OsEdges, AnInterruptedSleepSleepsOn) {
 }
 
 }  // namespace
+
+namespace {
+
+// A short transfer asked of a call that moves no bytes changes nothing.
+TEST_F(OsEdges, AShortTransferOfACallWithoutBytesIsIgnored) {
+  const std::string path = TempFile("noshort", "x");
+  os_ShortNth(os_Op::Open, 1, 0);
+  const int fd = os_open(path.c_str(), O_RDONLY);
+  EXPECT_GE(fd, 0);
+  os_close(fd);
+}
+
+}  // namespace

@@ -2,10 +2,12 @@
 // give (negative, past the table, taken, in a single-item file), and the
 // status, mapping and append calls failing underneath.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <string>
 #include <vector>
 
 #include "im.h"
@@ -94,6 +96,31 @@ TEST(StoreEdges, AStoreWhoseSourceSizeCannotBeAskedTakesNothing) {
   EXPECT_EQ(sfltest::FileHeaderOf(c.bh).UsedItems, 0u);
   EXPECT_EQ(sfltest::FileHeaderOf(c.bh).InUseItms, 1u);
   sfl_CloseFile(c.bh);
+}
+
+}  // namespace
+
+namespace {
+
+// A file header whose item table could not lie whole between the header
+// and the data is not a file of ours: its sizes would drive slot offsets.
+TEST(StoreEdges, AHeaderWhoseTableDoesNotFitIsRefusedOnOpen) {
+  sfltest::OpenContainer c = sfltest::NewContainer();
+  sfl_ItemRef ref{};
+  sfl_CloseItem(sfl_StoreBasicItem(c.bh, nullptr, 10, &ref, 0));  // an empty file goes at close
+  const std::string path = sfltest::ItemPath(c.ref);
+  sfl_CloseFile(c.bh);
+  for (uint16_t maxItems : {uint16_t{0}, uint16_t{9}, uint16_t{0xFFFF}}) {
+    const int fd = ::open(path.c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    const uint8_t raw[2] = {static_cast<uint8_t>(maxItems), static_cast<uint8_t>(maxItems >> 8)};
+    ASSERT_EQ(pwrite(fd, raw, 2, sfl_fh::MaxItems), 2);
+    ::close(fd);
+    EXPECT_EQ(sfltest::EscapeCodeOf([&] { sfl_OpenSfl(&c.ref, 1); }),
+              sfltest::EscapeCode(ER_GROUP_SFL, SFL_R_BAD_FILE))
+        << maxItems;
+    EXPECT_EQ(sfltest::OpenRecordOf(c.ref), nullptr);
+  }
 }
 
 }  // namespace
