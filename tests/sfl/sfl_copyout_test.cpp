@@ -179,6 +179,12 @@ TEST_F(CopyOut, IndexRecordsAreCopiedOneAtATime) {
   EXPECT_EQ(sfl_CopyOutIndexChild(target, OldFd(), root, SFL_INDEX_ENTRIES), kIndexType);
   EXPECT_EQ(sfl_CopyOutIndex(target, OldFd(), root), kCopied);
   sfl_CloseIntItem(target);
+  // One entry alone: block 1 only.
+  const int32_t single = sfl_CreateIntBItem(holder_, 0, 128, 0);
+  EXPECT_EQ(sfl_CopyOutIndexChild(single, OldFd(), root, 1), kCopied);
+  EXPECT_EQ(ReadBlock(single, 1), BlockData(1));
+  EXPECT_EQ(sfltest::ReasonOf([&] { ReadBlock(single, 0); }), SFL_R_EMPTY_ENTRY);
+  sfl_CloseIntItem(single);
   // The copied entries point at new copies of the blocks.
   const int32_t copy = sfl_OpenIntItem(holder_, 0, 64);
   for (uint32_t n = 0; n < 3; ++n) EXPECT_EQ(ReadBlock(copy, n), BlockData(n)) << "block " << n;
