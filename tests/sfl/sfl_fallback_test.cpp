@@ -68,6 +68,17 @@ sfl_ItemRef FullContainer() {
   return c.ref;
 }
 
+// The reference of a data item that was made and removed again: a store
+// from it cannot open its source.
+sfl_ItemRef MissingSource() {
+  sfl_ItemRef missing{};
+  const int fd = im_GetNewDataItem(&missing);
+  EXPECT_GE(fd, 0);
+  if (fd >= 0) close(fd);
+  im_UnlinkItem(&missing);
+  return missing;
+}
+
 TEST(Fallback, AFullContainerSendsTheItemToANewOne) {
   const sfl_ItemRef full = FullContainer();
   const auto namesBefore = StoreFileNames();
@@ -87,11 +98,7 @@ TEST(Fallback, AFullContainerSendsTheItemToANewOne) {
 // again and its record given back.
 TEST(Fallback, AFailedStoreInTheNewContainerLeavesNothingBehind) {
   const sfl_ItemRef full = FullContainer();
-  sfl_ItemRef missing{};
-  const int fd = im_GetNewDataItem(&missing);
-  ASSERT_GE(fd, 0);
-  close(fd);
-  im_UnlinkItem(&missing);
+  const sfl_ItemRef missing = MissingSource();
 
   const auto namesBefore = StoreFileNames();
   const Held before = HeldNow();
@@ -156,11 +163,7 @@ TEST(Fallback, AFaultAtAnyCallOfTheFallbackLeavesNothingBehind) {
 // file do not stay behind.
 TEST(Fallback, ACloseThatFailsAfterAFailedStoreStillGivesTheRecordBack) {
   const sfl_ItemRef full = FullContainer();
-  sfl_ItemRef missing{};
-  const int fd = im_GetNewDataItem(&missing);
-  ASSERT_GE(fd, 0);
-  close(fd);
-  im_UnlinkItem(&missing);
+  const sfl_ItemRef missing = MissingSource();
 
   // The log file is opened by the first message logged; the absorbed
   // close failure logs one.
