@@ -114,6 +114,12 @@ std::unique_ptr<BlockLog> NewSflLog(const std::string& dir, Durability d);
 
 // Per-process setup a system needs before its first call (environment keys).
 void PrepareSfl(const std::string& dir, Durability d);
+// The cold-store size of the "sfl-cold" runs, and their setup: that size,
+// and room for as many descriptors.
+constexpr const char* kTunedColdStore = "1000";
+void TuneColdStore();
+// Adds the system calls of one read in four situations ("probe_read_*").
+void AddSflReadProbe(Figures& f);
 // The library's os_ counters by kind, and their growth since a snapshot
 // added to a run's figures as "os_<kind>".
 std::vector<uint64_t> SflCallSnapshot();
@@ -127,6 +133,8 @@ Figures RunWorkload(const std::string& workload, const std::string& system, Dura
                     const std::string& dir, const Sizes& sizes);
 // C1: the rebuild of one blocked item of `sizes.blocks` blocks (sfl only).
 Figures RunSflRebuild(Durability d, const std::string& dir, const Sizes& sizes);
+// The `limit` row: the machine's own floor ("msgq", "msgq-poll", "file").
+Figures RunLimit(const std::string& system, const std::string& dir, const Sizes& sizes);
 
 }  // namespace bench
 

@@ -4,7 +4,7 @@
 //
 //   sfl_bench [--out FILE] [--reps N] [--dir DIR] [--scale F] [--sync-scale F]
 //             [--sync-block-scale F] [--strace-scale F] [--no-strace]
-//             [--workloads W1,W2,W3,W4,C1]
+//             [--workloads limit,W1,W2,W3,W4,C1]
 //
 // A flush costs milliseconds on an ordinary disk, so the flushing runs
 // use fewer messages (--sync-scale, default 0.1) and blocks
@@ -47,7 +47,7 @@ struct Options {
   double syncBlockScale = 0.04;  // W2 blocks when flushing
   double straceScale = 0.1;
   bool strace = true;
-  std::vector<std::string> workloads = {"W1", "W2", "W3", "W4", "C1"};
+  std::vector<std::string> workloads = {"limit", "W1", "W2", "W3", "W4", "C1"};
 };
 
 struct Run {
@@ -67,6 +67,9 @@ struct StraceRun {
 std::vector<std::string> SystemsFor(const std::string& w) {
   if (w == "W2") return {"sfl", "sqlite"};
   if (w == "C1") return {"sfl"};
+  if (w == "limit") return {"msgq", "msgq-poll", "file", "create"};
+  // W3 runs sfl twice: with the default cold store and with a tuned one.
+  if (w == "W3") return {"sfl", "sfl-cold", "files", "sqlite"};
   return {"sfl", "files", "sqlite"};
 }
 
@@ -261,7 +264,7 @@ int Driver(const Options& o) {
     for (Durability d : modes) {
       // The rebuild suspends syncing itself; building its item with every
       // append flushed would only take long.
-      if (w == "C1" && d == Durability::Sync) continue;
+      if ((w == "C1" || w == "limit") && d == Durability::Sync) continue;
       std::vector<std::string> systems = SystemsFor(w);
       Sizes s = SizesFor(o, w, d);
       std::fprintf(stderr, "%s %s: messages %d, blocks %d, reads/reader %d\n", w.c_str(),
@@ -289,7 +292,7 @@ int Driver(const Options& o) {
           if (w != "W3") RemoveTree(dir);
         }
       }
-      if (strace && w != "C1") {
+      if (strace && w != "C1" && w != "limit") {
         // A service started under strace -f would be traced (and waited
         // for) too: make sure one is running first.
         if (ml_EnsureService(ml_OnDemandOptions()) != 0) Fail("no interest service");
@@ -388,7 +391,7 @@ int Driver(const Options& o) {
     };
     std::printf("%-3s %-5s %-6s %12s %9s %9s %9s %10s %10s %8s %2d/%-2d\n", sm.workload.c_str(),
                 sm.mode.c_str(), sm.system.c_str(), cell(sm.opsPerSec, "%.0f"),
-                sm.system == "sfl" ? "" : cell(sm.ratio, "%.2f"), cell(sm.ownPerOp, "%.1f"),
+                sm.system.rfind("sfl", 0) == 0 ? "" : cell(sm.ratio, "%.2f"), cell(sm.ownPerOp, "%.1f"),
                 cell(sm.stracePerOp, "%.1f"), cell(sm.diskRatio, "%.3f"),
                 cell(sm.diskRatioEnd, "%.3f"), cell(sm.maxrssMb, "%.1f"), sm.runs - sm.failed,
                 sm.runs);
@@ -398,6 +401,42 @@ int Driver(const Options& o) {
     std::printf("\nC1: rebuild of a %d-block item with a tenth freed: %.0f blocks/s, %.0f index\n"
                 "records written in %.0f pwrite calls (median of %d runs)\n",
                 sm.sizes.blocks, sm.opsPerSec, sm.indexRecords, sm.pwrites, sm.runs - sm.failed);
+  }
+  for (const auto& sm : summaries) {
+    if (sm.system != "sfl-cold") continue;
+    double files = NAN;
+    for (const auto& o2 : summaries)
+      if (o2.workload == sm.workload && o2.mode == sm.mode && o2.system == "files") files = o2.opsPerSec;
+    std::printf("\n%s %s, cold store tuned (sfl-cold: SFL_COLD_STORE_SIZE=%s): %.0f ops/s, %.2f of one\n"
+                "file per part (sfl: the default size of 5)\n",
+                sm.workload.c_str(), sm.mode.c_str(), kTunedColdStore, sm.opsPerSec, sm.opsPerSec / files);
+  }
+  {
+    double rt = NAN, rtPoll = NAN, file = NAN, create = NAN;
+    for (const auto& sm : summaries) {
+      if (sm.workload != "limit") continue;
+      if (sm.system == "msgq") rt = 1e6 / sm.opsPerSec;
+      if (sm.system == "msgq-poll") rtPoll = 1e6 / sm.opsPerSec;
+      if (sm.system == "file") file = 1e6 / sm.opsPerSec;
+      if (sm.system == "create") create = 1e6 / sm.opsPerSec;
+    }
+    if (!std::isnan(rt) || !std::isnan(file)) {
+      std::printf("\nlimit: a message round trip between two processes %.1f us waiting in msgrcv,\n"
+                  "%.1f us polling; open, read and close of a 4 KiB file %.1f us; creating,\n"
+                  "writing, closing and unlinking a 4 KiB file %.1f us\n",
+                  rt, rtPoll, file, create);
+    }
+  }
+  for (const auto& r : runs) {
+    // The read probe of the first sfl W1 run (system calls per read).
+    if (r.workload != "W1" || r.system != "sfl" || r.mode != "async" || !r.ok || !r.f.count("probe_read_handle")) continue;
+    Figures f = r.f;
+    std::printf("\nsfl system calls per read of a 4 KiB item: %.0f on an open item handle; %.0f to\n"
+                "open, read and close an item of an open container; %.0f by reference with the\n"
+                "container in the cold store; %.0f by reference with the container closed\n",
+                f["probe_read_handle"], f["probe_read_open_container"], f["probe_read_cold"],
+                f["probe_read_closed"]);
+    break;
   }
   std::printf(
       "\nops/s: median over runs; sfl/this: sfl's ops/s divided by this system's (above 1: sfl\n"

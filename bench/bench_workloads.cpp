@@ -17,6 +17,10 @@ namespace {
 std::unique_ptr<MessageStore> OpenStore(const std::string& system, const std::string& dir,
                                         Durability d, bool create) {
   if (system == "sfl") return NewSflStore(dir, d, create);
+  if (system == "sfl-cold") {
+    TuneColdStore();
+    return NewSflStore(dir, d, create);
+  }
   if (system == "files") return NewFilesStore(dir, d, create);
   if (system == "sqlite") return NewSqliteStore(dir, d, create);
   Fail("unknown system %s", system.c_str());
@@ -84,6 +88,7 @@ Figures RunW1(const std::string& system, Durability d, const std::string& dir, c
   if (system == "sfl") AddSflCallFigures(f, kinds0);
   store.reset();
   if (s.measureDisk) f["disk_end"] = static_cast<double>(DiskBytes(dir));
+  if (system == "sfl") AddSflReadProbe(f);
 
   double per = static_cast<double>(PayloadBytesPerMessage());
   f["t_store"] = t1 - t0;
@@ -277,7 +282,7 @@ Figures RunW2(const std::string& system, Durability d, const std::string& dir, c
 // Opens and closes the system without a workload: the start-up cost the
 // system-call counts are corrected by.
 Figures RunIdle(const std::string& system, Durability d, const std::string& dir, bool create) {
-  if (system == "sfl" && create) {
+  if (system.rfind("sfl", 0) == 0 && create) {
     PrepareSfl(dir, d);
   } else {
     auto store = OpenStore(system, dir, d, create);
@@ -302,6 +307,7 @@ Figures RunWorkload(const std::string& workload, const std::string& system, Dura
     if (system != "sfl") Fail("C1 is sfl's alone");
     return RunSflRebuild(d, dir, sizes);
   }
+  if (workload == "limit") return RunLimit(system, dir, sizes);
   if (workload == "idle") return RunIdle(system, d, dir, true);
   if (workload == "idleread") return RunIdle(system, d, dir, false);
   Fail("unknown workload %s", workload.c_str());

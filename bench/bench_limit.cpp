@@ -1,0 +1,140 @@
+// The `limit` row: what this machine allows, measured in the same run as the
+// workloads so that every figure can be read against it.
+//   msgq       one System V message round trip between two processes, both
+//              waiting in msgrcv (the receiver's CPU may go idle between
+//              messages, and waking it is part of the cost);
+//   msgq-poll  the same round trip with both sides polling (IPC_NOWAIT) in
+//              a loop, so that neither CPU ever goes idle;
+//   file       open, read and close of one small file (4 KiB);
+//   create     creating a new 4 KiB file (open, write, close) and unlinking
+//              it: what a new container or one file per part costs before
+//              anything else.
+// Each is timed over many repetitions; the figure is operations per second.
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <sys/msg.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "bench.h"
+
+namespace bench {
+namespace {
+
+struct Msg {
+  long type;
+  char text[16];
+};
+
+// Receives one message of `type`, blocking or polling.
+void Receive(int q, long type, bool poll) {
+  Msg m;
+  for (;;) {
+    ssize_t n = msgrcv(q, &m, sizeof m.text, type, poll ? IPC_NOWAIT : 0);
+    if (n >= 0) return;
+    if (errno == EINTR || (poll && errno == ENOMSG)) continue;
+    Fail("msgrcv: %s", std::strerror(errno));
+  }
+}
+
+void Send(int q, long type) {
+  Msg m{type, {}};
+  while (msgsnd(q, &m, sizeof m.text, 0) != 0) {
+    if (errno != EINTR) Fail("msgsnd: %s", std::strerror(errno));
+  }
+}
+
+// `rounds` round trips: the parent sends type 1 to the echo child on one
+// queue and waits for type 2 on the other.
+Figures RoundTrips(int rounds, bool poll) {
+  int req = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+  int rep = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+  if (req < 0 || rep < 0) Fail("msgget: %s", std::strerror(errno));
+  pid_t child = fork();
+  if (child < 0) Fail("fork");
+  if (child == 0) {
+    for (int i = 0; i < rounds + 100; ++i) {
+      Receive(req, 1, poll);
+      Send(rep, 2);
+    }
+    _exit(0);
+  }
+  for (int i = 0; i < 100; ++i) {  // warm-up
+    Send(req, 1);
+    Receive(rep, 2, poll);
+  }
+  double t0 = Now();
+  for (int i = 0; i < rounds; ++i) {
+    Send(req, 1);
+    Receive(rep, 2, poll);
+  }
+  double t1 = Now();
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  msgctl(req, IPC_RMID, nullptr);
+  msgctl(rep, IPC_RMID, nullptr);
+  Figures f;
+  f["seconds"] = t1 - t0;
+  f["ops"] = rounds;
+  return f;
+}
+
+Figures OpenReadClose(const std::string& dir, int rounds) {
+  std::string path = dir + "/limit-file";
+  std::vector<uint8_t> buf(4096);
+  FillPayload(buf.data(), static_cast<uint32_t>(buf.size()), 1, 1);
+  int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0 || write(fd, buf.data(), buf.size()) != static_cast<ssize_t>(buf.size())) Fail("write %s", path.c_str());
+  close(fd);
+  double t0 = Now();
+  for (int i = 0; i < rounds; ++i) {
+    fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) Fail("open %s", path.c_str());
+    if (read(fd, buf.data(), buf.size()) != static_cast<ssize_t>(buf.size())) Fail("short read");
+    close(fd);
+  }
+  double t1 = Now();
+  unlink(path.c_str());
+  Figures f;
+  f["seconds"] = t1 - t0;
+  f["ops"] = rounds;
+  return f;
+}
+
+Figures CreateUnlink(const std::string& dir, int rounds) {
+  std::vector<uint8_t> buf(4096);
+  FillPayload(buf.data(), static_cast<uint32_t>(buf.size()), 1, 1);
+  double t0 = Now();
+  for (int i = 0; i < rounds; ++i) {
+    std::string path = dir + "/limit-" + std::to_string(i);
+    int fd = open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0644);
+    if (fd < 0) Fail("create %s", path.c_str());
+    if (write(fd, buf.data(), buf.size()) != static_cast<ssize_t>(buf.size())) Fail("short write");
+    close(fd);
+    if (unlink(path.c_str()) != 0) Fail("unlink %s", path.c_str());
+  }
+  double t1 = Now();
+  Figures f;
+  f["seconds"] = t1 - t0;
+  f["ops"] = rounds;
+  return f;
+}
+
+}  // namespace
+
+Figures RunLimit(const std::string& system, const std::string& dir, const Sizes& sizes) {
+  // As many round trips as W3 makes reads: a few seconds at most.
+  const int rounds = std::max(1000, sizes.readsPerReader * 4);
+  if (system == "msgq") return RoundTrips(rounds, false);
+  if (system == "msgq-poll") return RoundTrips(rounds, true);
+  if (system == "file") return OpenReadClose(dir, rounds * 4);
+  if (system == "create") return CreateUnlink(dir, std::max(200, rounds / 10));
+  Fail("limit has no system %s", system.c_str());
+}
+
+}  // namespace bench
