@@ -195,6 +195,37 @@ TEST(ImFiles, NewDataItemIs0660ReadWriteAndCloseOnExec) {
   close(fd);
 }
 
+// Directories are made when missing, deepest first, and not asked for again
+// once they exist.
+TEST(ImFiles, DirectoriesAreMadeOnlyWhenMissing) {
+  const std::string root = sfltest::TestDir() + "/fresh-store/a/b";
+  setenv("SFL_STORE_ROOT", root.c_str(), 1);
+  os_ResetCallCounts();
+  sfl_ItemRef r{};
+  int fd = im_GetNewDataItem(&r);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  EXPECT_TRUE(std::filesystem::exists(FNameOf(r)));
+  EXPECT_GE(os_CallCount(os_Op::Mkdir), 4u);  // store root, a, b, and below
+  std::set<uint32_t> subDomains{r.SubDomain};
+  uint64_t mkdirs = 0, opens = 0;
+  for (int i = 0; i < 20; ++i) {
+    os_ResetCallCounts();
+    sfl_ItemRef again{};
+    fd = im_GetNewDataItem(&again);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    const bool newDir = subDomains.insert(again.SubDomain).second;
+    // A directory already there costs nothing; a new one under the
+    // existing store costs one mkdir and a second open.
+    mkdirs += os_CallCount(os_Op::Mkdir);
+    opens += os_CallCount(os_Op::Open);
+    EXPECT_EQ(newDir ? 1u : 0u, os_CallCount(os_Op::Mkdir)) << again.SubDomain;
+  }
+  EXPECT_EQ(20u + mkdirs, opens);
+  setenv("SFL_STORE_ROOT", sfltest::StoreRoot().c_str(), 1);
+}
+
 TEST(ImFiles, TempItemUsesDomain4) {
   sfl_ItemRef r{};
   int fd = im_CrNewTempItem(&r);

@@ -1,12 +1,18 @@
 // The subsystem library: run directory, state file format and atomic
 // publication, the service lock, and the subsystem calls the client makes.
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "ml.h"
@@ -119,6 +125,106 @@ TEST(MlCheckPid, LiveEndedAndZombie) {
   EXPECT_EQ(0, kill(child, 0));  // the zombie is still there
   waitpid(child, nullptr, 0);
   EXPECT_EQ(0, ml_CheckPid(child));
+}
+
+size_t openDescriptors() {
+  size_t n = 0;
+  for (auto it = std::filesystem::directory_iterator("/proc/self/fd");
+       it != std::filesystem::directory_iterator(); ++it)
+    ++n;
+  return n;
+}
+
+TEST(MlCheckPid, BetweenFullChecksTheSignalProbeAloneAnswers) {
+  int child = sfltest::StartChild([] {
+    for (;;) pause();
+    return 0;
+  });
+  ml_ForgetPidChecks();
+  const size_t before = openDescriptors();
+  os_ResetCallCounts();
+  EXPECT_EQ(1, ml_CheckPid(child));  // a full check: probe and /proc
+  EXPECT_EQ(1u, os_CallCount(os_Op::Kill));
+  EXPECT_EQ(1u, os_CallCount(os_Op::Open));
+  os_ResetCallCounts();
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(1, ml_CheckPid(child));
+  EXPECT_EQ(10u, os_CallCount(os_Op::Kill));
+  EXPECT_EQ(0u, os_CallCount(os_Op::Open));
+  EXPECT_EQ(before, openDescriptors());  // nothing kept open
+  // A process that is gone is seen at once.
+  kill(child, SIGKILL);
+  EXPECT_EQ(128 + SIGKILL, sfltest::WaitChild(child));
+  EXPECT_EQ(0, ml_CheckPid(child));
+}
+
+TEST(MlCheckPid, ZombieIsSeenWithinAFullCheckPeriod) {
+  int child = sfltest::StartChild([] {
+    for (;;) pause();
+    return 0;
+  });
+  ml_ForgetPidChecks();
+  ASSERT_EQ(1, ml_CheckPid(child));
+  kill(child, SIGKILL);
+  siginfo_t info{};
+  ASSERT_EQ(0, waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT));
+  // Ended, not reaped: the probe still answers, the next full check (at
+  // most 100 ms on) does not.
+  const auto start = std::chrono::steady_clock::now();
+  while (ml_CheckPid(child) == 1 && std::chrono::steady_clock::now() - start < std::chrono::seconds(2))
+    usleep(1000);
+  EXPECT_EQ(0, ml_CheckPid(child));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1000));
+  EXPECT_EQ(0, kill(child, 0));  // still a zombie
+  // Forgotten checks make the very next one full.
+  ml_ForgetPidChecks();
+  EXPECT_EQ(0, ml_CheckPid(child));
+  EXPECT_EQ(128 + SIGKILL, sfltest::WaitChild(child));
+}
+
+TEST(MlBoard, CreatedBoardIsSeenByItsReaders) {
+  EXPECT_EQ(nullptr, ml_OpenBoard(RunDir() + "/nowhere"));
+  ASSERT_EQ(0, ml_PrepareRunDir(RunDir(), 0700));
+  uint32_t* board = ml_CreateBoard(RunDir(), 0600);
+  ASSERT_NE(nullptr, board);
+  const uint32_t* reader = ml_OpenBoard(RunDir());
+  ASSERT_NE(nullptr, reader);
+  EXPECT_EQ(0u, reader[ml_BoardSlot(getpid())]);
+  board[ml_BoardSlot(getpid())] = 3;
+  board[ML_BOARD_SLOTS - 1] = 9;
+  EXPECT_EQ(3u, reader[ml_BoardSlot(getpid())]);
+  EXPECT_EQ(9u, reader[ML_BOARD_SLOTS - 1]);
+  EXPECT_EQ(ml_BoardSlot(5), ml_BoardSlot(5 + ML_BOARD_SLOTS));
+  // A new board replaces the file; the earlier mapping stays whole.
+  uint32_t* second = ml_CreateBoard(RunDir(), 0600);
+  ASSERT_NE(nullptr, second);
+  EXPECT_EQ(9u, reader[ML_BOARD_SLOTS - 1]);
+  const uint32_t* fresh = ml_OpenBoard(RunDir());
+  ASSERT_NE(nullptr, fresh);
+  EXPECT_EQ(0u, fresh[ML_BOARD_SLOTS - 1]);
+  ml_CloseBoard(fresh);
+  ml_CloseBoard(second);
+  ml_CloseBoard(reader);
+  ml_CloseBoard(board);
+  std::filesystem::remove(ml_BoardPath(RunDir()));
+}
+
+TEST(MlBoard, BoardOfTheWrongSizeIsNotUsed) {
+  ASSERT_EQ(0, ml_PrepareRunDir(RunDir(), 0700));
+  for (size_t size : {size_t{0}, size_t{100}, size_t{ML_BOARD_SLOTS * 4 - 1}, size_t{ML_BOARD_SLOTS * 8}}) {
+    std::ofstream(ml_BoardPath(RunDir()), std::ios::trunc) << std::string(size, 'x');
+    EXPECT_EQ(nullptr, ml_OpenBoard(RunDir())) << size;
+  }
+  std::filesystem::remove(ml_BoardPath(RunDir()));
+  std::filesystem::create_directory(ml_BoardPath(RunDir()));
+  EXPECT_EQ(nullptr, ml_OpenBoard(RunDir()));
+  EXPECT_EQ(nullptr, ml_CreateBoard(RunDir(), 0600));  // cannot be renamed over a directory
+  std::filesystem::remove(ml_BoardPath(RunDir()));
+  os_FailNth(os_Op::Mmap, 1, ENOMEM);
+  EXPECT_EQ(nullptr, ml_CreateBoard(RunDir(), 0600));
+  os_ClearFaults();
+  EXPECT_FALSE(std::filesystem::exists(ml_BoardPath(RunDir())));
+  for (auto& e : std::filesystem::directory_iterator(RunDir()))
+    EXPECT_EQ(std::string::npos, e.path().filename().string().find(".tmp")) << e.path();
 }
 
 TEST(MlSubsystem, OpenReturnsZeroOnlyForTheOpeningCall) {

@@ -513,6 +513,34 @@ TEST(MonitWire, ReplyOfAnotherProcessIsLeftAlone) {
   }));
 }
 
+// A watching client whose board slot moves for someone else's reply (two
+// processes share a slot) still waits for, and takes, its own.
+TEST(MonitWire, BoardMovedByAnotherReplyStillWaitsForItsOwn) {
+  autostartOff();
+  FakeService svc(0, 2);
+  const int req = svc.queues[0], rep = svc.queues[1];
+  uint32_t* board = ml_CreateBoard(RunDir(), 0600);
+  ASSERT_NE(nullptr, board);
+  int client = StartChild([&] {
+    alarm(20);
+    setenv("SFL_INTEREST_WATCH_US", "10000", 1);
+    sfl_BaseRec rec;
+    fillBase(&rec, makeRef(1, 1));
+    sfl_CheckBaseInterest(&rec);
+    return rec.ProcAccCount == 7 && rec.OtherInterest == 1 ? 0 : 1;
+  });
+  uint8_t buf[4 + 8192];
+  ASSERT_EQ(ML_CHECK_LEN, msgrcv(req, buf, 8192, 0, 0));
+  const int32_t pid = static_cast<int32_t>(sfl_GetU32(buf + sizeof(long) + 16));
+  EXPECT_EQ(client, pid);
+  __atomic_fetch_add(&board[ml_BoardSlot(pid)], 1u, __ATOMIC_RELEASE);
+  usleep(30000);
+  put(rep, pid, {7, 1, 0});
+  EXPECT_EQ(0, WaitChild(client));
+  ml_CloseBoard(board);
+  unlink(ml_BoardPath(RunDir()).c_str());
+}
+
 // ---- with the real service ---------------------------------------------------------------------
 
 // Each case starts with no service and the default on-demand start.

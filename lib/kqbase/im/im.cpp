@@ -111,14 +111,17 @@ void ParseNameAndItem(const std::string& s, size_t pos, int reason, sfl_ItemRef*
   if (pos != s.size()) ER_RAISE(ER_GROUP_CONFIG, reason);
 }
 
-// Creates every missing directory of `path` (which must not end in '/').
+// Creates every missing directory of `path` (which must not end in '/'):
+// the deepest first, and its parents only when it says they are missing,
+// so a new directory under an existing one costs one call.
 void EnsureDirs(const std::string& path) {
-  for (size_t i = 1; i <= path.size(); ++i) {
-    if (i < path.size() && path[i] != '/') continue;
-    std::string prefix = path.substr(0, i);
-    if (os_mkdir(prefix.c_str(), kDirMode) != 0 && errno != EEXIST)
-      ER_RAISE_MSG(ER_GROUP_OS, errno, prefix.c_str());
-  }
+  if (os_mkdir(path.c_str(), kDirMode) == 0 || errno == EEXIST) return;
+  const size_t slash = path.rfind('/');
+  if (errno != ENOENT || slash == std::string::npos || slash == 0)
+    ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
+  EnsureDirs(path.substr(0, slash));
+  if (os_mkdir(path.c_str(), kDirMode) != 0 && errno != EEXIST)
+    ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
 }
 
 // A process-local generator of FileId candidates. It is reseeded when the
@@ -149,9 +152,13 @@ int CreateUnique(uint16_t domain, sfl_ItemRef* out) {
     ref.Domain = domain;
     ref.FileId = NextCandidate();
     ref.SubDomain = ref.FileId % 256;
-    EnsureDirs(DirOf(ref));
     std::string path = ContainerPath(ref);
     int fd = os_open(path.c_str(), O_RDWR | O_CREAT | O_EXCL, kFileMode);
+    if (fd < 0 && errno == ENOENT) {
+      // The directories are made only when missing: most creates find them.
+      EnsureDirs(DirOf(ref));
+      fd = os_open(path.c_str(), O_RDWR | O_CREAT | O_EXCL, kFileMode);
+    }
     if (fd < 0) {
       // EEXIST: taken by someone else; ENOENT: the directory went away
       // between its creation and the open. Both are worth another try.

@@ -3,11 +3,13 @@
 #include "ml.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sstream>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include "cust.h"
@@ -78,6 +80,49 @@ std::string ml_StatePath(const std::string& runDir) { return runDir + "/sfl-moni
 std::string ml_LockPath(const std::string& runDir) { return runDir + "/sfl-monitor.lock"; }
 std::string ml_StartLockPath(const std::string& runDir) { return runDir + "/sfl-monitor.start"; }
 std::string ml_LogPath(const std::string& runDir) { return runDir + "/sfl-monitor.log"; }
+std::string ml_BoardPath(const std::string& runDir) { return runDir + "/sfl-monitor.board"; }
+
+// ---- the reply board ---------------------------------------------------------------------
+
+namespace {
+constexpr size_t kBoardBytes = ML_BOARD_SLOTS * sizeof(uint32_t);
+}  // namespace
+
+uint32_t* ml_CreateBoard(const std::string& runDir, mode_t mode) {
+  const std::string path = ml_BoardPath(runDir);
+  const std::string tmp = path + "." + std::to_string(os_getpid()) + ".tmp";
+  int fd = os_open(tmp.c_str(), O_RDWR | O_CREAT | O_TRUNC, mode);
+  if (fd < 0) return nullptr;
+  void* mem = MAP_FAILED;
+  if (os_ftruncate(fd, static_cast<off_t>(kBoardBytes)) == 0)
+    mem = os_mmap(nullptr, kBoardBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  const int saved = errno;
+  os_close(fd);
+  if (mem == MAP_FAILED || os_rename(tmp.c_str(), path.c_str()) != 0) {
+    if (mem != MAP_FAILED) os_munmap(mem, kBoardBytes);
+    os_unlink(tmp.c_str());
+    errno = saved;
+    return nullptr;
+  }
+  return static_cast<uint32_t*>(mem);
+}
+
+const uint32_t* ml_OpenBoard(const std::string& runDir) {
+  int fd = os_open(ml_BoardPath(runDir).c_str(), O_RDONLY);
+  if (fd < 0) return nullptr;
+  // A board shorter than a page would fault on the first look at a slot
+  // beyond its end: only a whole one is used.
+  struct stat st;
+  void* mem = MAP_FAILED;
+  if (os_fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size == static_cast<off_t>(kBoardBytes))
+    mem = os_mmap(nullptr, kBoardBytes, PROT_READ, MAP_SHARED, fd, 0);
+  os_close(fd);
+  return mem == MAP_FAILED ? nullptr : static_cast<const uint32_t*>(mem);
+}
+
+void ml_CloseBoard(const uint32_t* board) {
+  if (board != nullptr) os_munmap(const_cast<uint32_t*>(board), kBoardBytes);
+}
 
 int ml_PrepareRunDir(const std::string& runDir, mode_t mode) {
   if (runDir.empty()) {
@@ -264,17 +309,66 @@ int32_t ml_ReadContext(int subsystem, int16_t index) {
   return st.Context[static_cast<size_t>(index)];
 }
 
+namespace {
+
+// Whether a process that answers the signal probe has in fact ended: its
+// state in /proc says it is a zombie (ended, not yet reaped).
+bool isZombie(int32_t pid) {
+  std::string stat;
+  if (!readFile("/proc/" + std::to_string(pid) + "/stat", &stat)) return false;
+  size_t close = stat.rfind(')');
+  if (close == std::string::npos || close + 2 >= stat.size()) return false;
+  char state = stat[close + 2];
+  return state == 'Z' || state == 'X';
+}
+
+int64_t nowMicros() {
+  using namespace std::chrono;
+  return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+// Ids found alive by a full check, and when. Within kFullCheckUs of that,
+// the signal probe alone answers: one system call per check rather than
+// five, at the price of seeing a process that ended in between as a zombie
+// for at most that long (a service that ends also takes its queues down,
+// which is what wakes a client waiting on it).
+struct Checked {
+  int32_t pid = 0;
+  int64_t atUs = 0;
+};
+constexpr size_t kChecked = 32;
+constexpr int64_t kFullCheckUs = 100000;
+Checked g_checked[kChecked];
+size_t g_nextChecked = 0;
+
+}  // namespace
+
 int ml_CheckPid(int32_t pid) {
   if (pid <= 0) return 0;
-  if (os_kill(pid, 0) != 0 && errno != EPERM) return 0;  // EPERM: exists, another user's
-  // A process that has ended but not yet been reaped still answers the
-  // signal probe; its state in /proc says it is a zombie.
-  std::string stat;
-  if (!readFile("/proc/" + std::to_string(pid) + "/stat", &stat)) return 1;
-  size_t close = stat.rfind(')');
-  if (close == std::string::npos || close + 2 >= stat.size()) return 1;
-  char state = stat[close + 2];
-  return state == 'Z' || state == 'X' ? 0 : 1;
+  Checked* known = nullptr;
+  for (Checked& c : g_checked)
+    if (c.pid == pid) known = &c;
+  if (os_kill(pid, 0) != 0 && errno != EPERM) {  // EPERM: exists, another user's
+    if (known != nullptr) *known = Checked{};
+    return 0;
+  }
+  const int64_t now = nowMicros();
+  if (known != nullptr && now - known->atUs < kFullCheckUs) return 1;
+  if (isZombie(pid)) {
+    if (known != nullptr) *known = Checked{};
+    return 0;
+  }
+  if (known == nullptr) {
+    known = &g_checked[g_nextChecked];
+    g_nextChecked = (g_nextChecked + 1) % kChecked;
+  }
+  *known = Checked{pid, now};
+  return 1;
+}
+
+void ml_ForgetPidChecks() {
+  for (Checked& c : g_checked) c = Checked{};
+  g_nextChecked = 0;
 }
 
 // ---- configuration of on-demand starts --------------------------------------------------
@@ -301,6 +395,7 @@ ml_ServiceOptions ml_OnDemandOptions() {
   o.Pairs = keyInt("SFL_MONITOR_PAIRS", 1, 1, ML_MAX_PAIRS);
   o.IdleSeconds = keyInt("SFL_MONITOR_IDLE_SECONDS", 30, 1, 86400 * 365);
   o.MaxEntries = static_cast<size_t>(keyInt("SFL_MONITOR_MAX_ENTRIES", 100000, 1, 100000000));
+  o.PollMicros = keyInt("SFL_MONITOR_POLL_US", 0, 0, 1000000);
   if (const char* g = cust_GetCustomiseInfo("SFL_MONITOR_GROUP"); g != nullptr && *g != '\0')
     o.Gid = ml_ResolveGroup(g);
   return o;

@@ -22,9 +22,10 @@ uint32_t ml_InterestTable::NextToken() {
   return t;
 }
 
-void ml_InterestTable::Prune(Holders& holders) {
+void ml_InterestTable::Prune(Holders& holders, int32_t requester) {
   for (auto it = holders.begin(); it != holders.end();) {
-    if (alive_(it->pid)) {
+    // The requester is asking, so it is alive: no probe for it.
+    if (it->pid == requester || alive_(it->pid)) {
       ++it;
     } else {
       entries_ -= it->tokens.size();
@@ -45,7 +46,7 @@ ml_Answer ml_InterestTable::Answer(const Holders& holders, int32_t pid) const {
 
 ml_Answer ml_InterestTable::Record(const ml_RefKey& ref, int32_t pid) {
   auto found = refs_.find(ref);
-  if (found != refs_.end()) Prune(found->second);
+  if (found != refs_.end()) Prune(found->second, pid);
   if (entries_ >= max_) {
     ++refused_;
     ml_Answer a = found != refs_.end() ? Answer(found->second, pid) : ml_Answer{};
@@ -70,7 +71,7 @@ ml_Answer ml_InterestTable::Withdraw(const ml_RefKey& ref, uint32_t token, int32
   auto found = refs_.find(ref);
   if (found == refs_.end()) return ml_Answer{};
   Holders& holders = found->second;
-  Prune(holders);
+  Prune(holders, pid);
   for (auto h = holders.begin(); h != holders.end(); ++h) {
     if (h->pid != pid) continue;
     auto t = std::find(h->tokens.begin(), h->tokens.end(), token);
@@ -89,7 +90,7 @@ ml_Answer ml_InterestTable::Withdraw(const ml_RefKey& ref, uint32_t token, int32
 ml_Answer ml_InterestTable::Check(const ml_RefKey& ref, int32_t pid) {
   auto found = refs_.find(ref);
   if (found == refs_.end()) return ml_Answer{};
-  Prune(found->second);
+  Prune(found->second, pid);
   ml_Answer a = Answer(found->second, pid);
   if (found->second.empty()) refs_.erase(found);
   return a;

@@ -55,7 +55,7 @@ class ml_InterestTable {
   };
   using Holders = std::vector<Holder>;
 
-  void Prune(Holders& holders);
+  void Prune(Holders& holders, int32_t requester);
   ml_Answer Answer(const Holders& holders, int32_t pid) const;
   uint32_t NextToken();
 
