@@ -9,7 +9,7 @@ CTEST_ARGS ?=
 JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 
-.PHONY: all deps configure build test install run bench soak asan coverage clean
+.PHONY: all deps configure build test install run bench soak asan coverage fuzz clean
 
 all: build
 
@@ -40,6 +40,7 @@ bench: build
 soak: build
 	SFL_STRESS_PROCS=16 SFL_STRESS_OPS=20000 $(BUILD)/tests/stress_test
 	SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
+	SFL_CRASH_KILLS=1000 $(BUILD)/tests/sfl_crashloop_test
 
 asan:
 	$(MAKE) test BUILD=build-asan BUILD_TYPE=Debug CMAKE_ARGS="-DSFL_SANITIZE=ON $(CMAKE_ARGS)"
@@ -53,5 +54,17 @@ coverage:
 	cd build-cov && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
 	JOBS=$(JOBS) sh tools/coverage-report.sh build-cov
 
+# The libFuzzer targets (fuzz/), built with clang in build-fuzz/, each run
+# for FUZZ_SECONDS from the corpus kept in fuzz/corpus/.
+FUZZ_SECONDS ?= 60
+FUZZ_TARGETS = open_read check dump itemref service_msg
+fuzz:
+	@sh tools/install-deps.sh
+	cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DSFL_FUZZ=ON \
+	  -DSFL_BUILD_TESTS=OFF -DSFL_BUILD_BENCH=OFF $(CMAKE_ARGS)
+	cmake --build build-fuzz -j $(JOBS) --target $(addprefix fuzz_,$(FUZZ_TARGETS))
+	sh tools/run-fuzz.sh build-fuzz $(FUZZ_SECONDS) $(FUZZ_TARGETS)
+
 clean:
-	rm -rf build build-asan build-cov
+	rm -rf build build-asan build-cov build-fuzz

@@ -85,6 +85,10 @@ constexpr Expected kFindings[] = {
     {1041, "u"},    // header location
     {1043, "uu"},   // data offset, header location
     {1044, "dud"},  // entry, record location, the child's report
+    {1045, "u"},    // file size (a creation cut short)
+    {1046, ""},
+    {1047, ""},
+    {1048, "u"},    // header location
 };
 // Raised as escapes and shown by cl_DisplayError, which has no arguments.
 constexpr int kEscapes[] = {1026, 1032, 1033, 1042};

@@ -79,6 +79,11 @@ constexpr Message kMaint[] = {
            "reserved than its size needs"},
     {1044, "entry %d of the index record at file offset %u: its free-map bit does not match "
            "the child's fullness (child full: %d)"},
+    {1045, "the file of %u bytes is a container whose creation never finished"},
+    {1046, "another process is creating the container: it is left to finish"},
+    {1047, "the unfinished creation was completed: the file is now an empty container"},
+    {1048, "the item header at file offset %u belongs to a slot taken for an item but never "
+           "written (the storing process stopped first)"},
 };
 
 // The storage library's own reasons (group 100, and group 3 for the

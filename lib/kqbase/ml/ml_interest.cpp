@@ -2,6 +2,10 @@
 #include "ml_interest.h"
 
 #include <algorithm>
+#include <cstring>
+
+#include "ml.h"
+#include "le.h"
 
 size_t ml_RefKeyHash::operator()(const ml_RefKey& k) const noexcept {
   // FNV-1a over the 16 bytes.
@@ -115,4 +119,46 @@ size_t ml_InterestTable::Sweep() {
     it = holders.empty() ? refs_.erase(it) : std::next(it);
   }
   return before - entries_;
+}
+
+size_t ml_AnswerRequest(ml_InterestTable& table, const uint8_t* msg, size_t len, int32_t* pid,
+                        uint8_t reply[16]) {
+  const int32_t type = static_cast<int32_t>(le_GetU32(msg));
+  const uint8_t* text = msg + 4;
+  ml_RefKey ref;
+  ml_Answer a;
+  std::memset(reply, 0, 16);
+  *pid = 0;
+  switch (type) {
+    case ML_MSG_RECORD:
+      if (len != ML_RECORD_LEN) return 0;
+      *pid = static_cast<int32_t>(le_GetU32(text + 16));
+      if (*pid <= 0) return 0;
+      std::memcpy(ref.data(), text, 16);
+      a = table.Record(ref, *pid);
+      le_PutU32(reply, a.Token);
+      le_PutU32(reply + 4, a.Other);
+      le_PutU32(reply + 8, a.Count);
+      return ML_RECORD_REPLY_LEN;
+    case ML_MSG_WITHDRAW:
+      if (len != ML_WITHDRAW_LEN) return 0;
+      *pid = static_cast<int32_t>(le_GetU32(text + 20));
+      if (*pid <= 0) return 0;
+      std::memcpy(ref.data(), text, 16);
+      a = table.Withdraw(ref, le_GetU32(text + 16), *pid);
+      le_PutU32(reply, a.Count);
+      le_PutU32(reply + 4, a.Other);
+      return ML_WITHDRAW_REPLY_LEN;
+    case ML_MSG_CHECK:
+      if (len != ML_CHECK_LEN) return 0;
+      *pid = static_cast<int32_t>(le_GetU32(text + 16));
+      if (*pid <= 0) return 0;
+      std::memcpy(ref.data(), text, 16);
+      a = table.Check(ref, *pid);
+      le_PutU32(reply, a.Count);
+      le_PutU32(reply + 4, a.Other);
+      return ML_CHECK_REPLY_LEN;
+    default:
+      return 0;
+  }
 }

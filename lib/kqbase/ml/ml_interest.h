@@ -67,4 +67,12 @@ class ml_InterestTable {
   uint64_t refused_ = 0;
 };
 
+// Answers one request of the wire protocol from `table`: `msg` is the
+// message type word followed by `len` bytes of text. Fills `reply` (16
+// bytes) and the requester's process id and returns the reply's text length,
+// or 0 when the message is not a well-formed request (a tick included), which
+// then has changed nothing.
+size_t ml_AnswerRequest(ml_InterestTable& table, const uint8_t* msg, size_t len, int32_t* pid,
+                        uint8_t reply[16]);
+
 #endif  // KQ_ML_INTEREST_H

@@ -182,48 +182,10 @@ void noteMalformed(Server& s, int32_t type, ssize_t len) {
 
 void handle(Server& s, const uint8_t* msg, ssize_t len) {
   const int32_t type = static_cast<int32_t>(le_GetU32(msg));
-  const uint8_t* text = msg + 4;
   if (type == ML_MSG_TICK) return;
-  ml_RefKey ref;
-  uint8_t reply[16] = {};
+  uint8_t reply[16];
   int32_t pid = 0;
-  ml_Answer a;
-  size_t replyLen = 0;
-  switch (type) {
-    case ML_MSG_RECORD:
-      if (len != ML_RECORD_LEN) break;
-      pid = static_cast<int32_t>(le_GetU32(text + 16));
-      if (pid <= 0) break;
-      std::memcpy(ref.data(), text, 16);
-      a = s.table.Record(ref, pid);
-      le_PutU32(reply, a.Token);
-      le_PutU32(reply + 4, a.Other);
-      le_PutU32(reply + 8, a.Count);
-      replyLen = ML_RECORD_REPLY_LEN;
-      break;
-    case ML_MSG_WITHDRAW:
-      if (len != ML_WITHDRAW_LEN) break;
-      pid = static_cast<int32_t>(le_GetU32(text + 20));
-      if (pid <= 0) break;
-      std::memcpy(ref.data(), text, 16);
-      a = s.table.Withdraw(ref, le_GetU32(text + 16), pid);
-      le_PutU32(reply, a.Count);
-      le_PutU32(reply + 4, a.Other);
-      replyLen = ML_WITHDRAW_REPLY_LEN;
-      break;
-    case ML_MSG_CHECK:
-      if (len != ML_CHECK_LEN) break;
-      pid = static_cast<int32_t>(le_GetU32(text + 16));
-      if (pid <= 0) break;
-      std::memcpy(ref.data(), text, 16);
-      a = s.table.Check(ref, pid);
-      le_PutU32(reply, a.Count);
-      le_PutU32(reply + 4, a.Other);
-      replyLen = ML_CHECK_REPLY_LEN;
-      break;
-    default:
-      break;
-  }
+  const size_t replyLen = ml_AnswerRequest(s.table, msg, static_cast<size_t>(len), &pid, reply);
   if (replyLen == 0) {
     noteMalformed(s, type, len);
     return;

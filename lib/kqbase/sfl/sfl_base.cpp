@@ -403,6 +403,36 @@ int32_t sfl_CreateSfl(uint32_t reserved, int32_t type, int32_t flags) {
   return handle;
 }
 
+void sfl_NewFileImage(uint32_t fileFlags, sfl_FileHeader* h, std::vector<uint8_t>* table,
+                      std::vector<uint8_t>* map) {
+  const bool single = (fileFlags & SINGLE_FILE) != 0;
+  *h = sfl_FileHeader{};
+  h->Magic = SFL_MAGIC;
+  h->Type = SFL_TYPE_FILE_HEADER;
+  h->HeaderSize = SFL_FILE_HEADER_SIZE;
+  h->HeaderVersion = SFL_HEADER_VERSION;
+  h->UsedItems = 0;
+  h->MaxItems = static_cast<uint16_t>(single ? SFL_SINGLE_MAX_ITEMS : SFL_CONTAINER_MAX_ITEMS);
+  h->Flags = fileFlags;
+  h->TableOffset = SFL_TABLE_OFFSET;
+  h->DataOffset = single ? SFL_SINGLE_DATA_OFFSET : SFL_CONTAINER_DATA_OFFSET;
+  h->InUseItms = 0x01;
+
+  table->assign(h->MaxItems * SFL_ITEM_HEADER_SIZE, 0);
+  map->clear();
+  if (single) return;
+  sfl_ItemHeader fm = sfl_NewItemHeader();
+  fm.AccCount = 1;
+  fm.FileSize = SFL_INITIAL_MAP_SIZE;
+  fm.UsedBlocks = sfl_CalculateBlocks(SFL_INITIAL_MAP_SIZE);
+  fm.ChangeDate = mdc_time();
+  fm.FileOffset = SFL_CONTAINER_DATA_OFFSET;
+  sfl_EncodeItemHeader(fm, std::span<uint8_t, SFL_ITEM_HEADER_SIZE>(table->data(), SFL_ITEM_HEADER_SIZE));
+  // Blocks 0 to 6 (header, table, map) are in use.
+  map->assign(SFL_INITIAL_MAP_SIZE, 0);
+  ext_SetBits(map->data(), SFL_INITIAL_MAP_SIZE, 0, kInitialUsedBlocks, 1);
+}
+
 int32_t sfl_CreateBaseSfl(const sfl_ItemRef* ref, int32_t fd, int32_t flags) {
   ER_TRACE_PROC("sfl_CreateBaseSfl");
   SFL_NEED_ARG(ref);
@@ -428,28 +458,8 @@ int32_t sfl_CreateBaseSfl(const sfl_ItemRef* ref, int32_t fd, int32_t flags) {
   header.Header(rec.get(), SFL_LOCK_EXCL);
 
   sfl_FileHeader h;
-  h.Magic = SFL_MAGIC;
-  h.Type = SFL_TYPE_FILE_HEADER;
-  h.HeaderSize = SFL_FILE_HEADER_SIZE;
-  h.HeaderVersion = SFL_HEADER_VERSION;
-  h.UsedItems = 0;
-  h.MaxItems = static_cast<uint16_t>(single ? SFL_SINGLE_MAX_ITEMS : SFL_CONTAINER_MAX_ITEMS);
-  h.Flags = fileFlags;
-  h.TableOffset = SFL_TABLE_OFFSET;
-  h.DataOffset = single ? SFL_SINGLE_DATA_OFFSET : SFL_CONTAINER_DATA_OFFSET;
-  h.InUseItms = 0x01;
-
-  std::vector<uint8_t> table(h.MaxItems * SFL_ITEM_HEADER_SIZE, 0);
-  if (!single) {
-    sfl_ItemHeader fm = sfl_NewItemHeader();
-    fm.AccCount = 1;
-    fm.FileSize = SFL_INITIAL_MAP_SIZE;
-    fm.UsedBlocks = sfl_CalculateBlocks(SFL_INITIAL_MAP_SIZE);
-    fm.ChangeDate = mdc_time();
-    fm.FileOffset = SFL_CONTAINER_DATA_OFFSET;
-    sfl_EncodeItemHeader(fm, std::span<uint8_t, SFL_ITEM_HEADER_SIZE>(table.data(),
-                                                                       SFL_ITEM_HEADER_SIZE));
-  }
+  std::vector<uint8_t> table, map;
+  sfl_NewFileImage(fileFlags, &h, &table, &map);
   sfl_WriteFileHeader(rec.get(), h);
   if (sfl_PWrite(rec.get(), table.data(), table.size(), SFL_TABLE_OFFSET) !=
       static_cast<ssize_t>(table.size()))
@@ -462,10 +472,8 @@ int32_t sfl_CreateBaseSfl(const sfl_ItemRef* ref, int32_t fd, int32_t flags) {
   rec->MaxItems = h.MaxItems;
 
   if (!single) {
-    // Blocks 0 to 6 (header, table, map) are in use. A failed map write
-    // is not looked at here: the free-map item's first use reads it back.
-    std::vector<uint8_t> map(SFL_INITIAL_MAP_SIZE, 0);
-    ext_SetBits(map.data(), SFL_INITIAL_MAP_SIZE, 0, kInitialUsedBlocks, 1);
+    // A failed map write is not looked at here: the free-map item's first
+    // use reads it back.
     (void)sfl_PWrite(rec.get(), map.data(), map.size(), SFL_CONTAINER_DATA_OFFSET);
     rec->FreeMapHandle = sfl_IntOpenItem(rec.get(), handle, 0, &rec->FreeMapItem);
   }

@@ -256,6 +256,14 @@ void sfl_MakeSpaceFitMemMap(sfl_BaseRec* rec);
 int32_t sfl_GetFreeItemSlot(sfl_BaseRec* rec, uint32_t blocked, int32_t wanted);
 void sfl_GetExtItemHeader(sfl_ItemRec* item, sfl_ItemHeader* out);
 
+// ---- creation (sfl_base) ------------------------------------------------------------------
+// The structure a new file starts with: its header, its item table (in a
+// container, slot 0 describes the free map) and, in a container, the initial
+// free map (empty for a single-item file). Creation writes it; the integrity
+// check completes a creation cut short with the same bytes.
+void sfl_NewFileImage(uint32_t fileFlags, sfl_FileHeader* h, std::vector<uint8_t>* table,
+                      std::vector<uint8_t>* map);
+
 // ---- items (sfl_ihands, sfl_Items) ---------------------------------------------------------
 // Wipes an item's header (and, for table items, its slot in the file header).
 void sfl_IntDeleteItem(sfl_ItemRec* item);

@@ -15,6 +15,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <optional>
 #include <set>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -233,6 +234,17 @@ void Checker::MarkDeleted(uint64_t loc, sfl_ItemHeaderBytes raw, bool repair) {
   if (n != static_cast<ssize_t>(raw.size())) Say(1000, U(loc), static_cast<int>(n));
 }
 
+// A slot taken for a new item whose process stopped before the item's
+// first full header write: zeros but for the attach count, the date and,
+// for a blocked item, its flag. Nothing else refers to it, so the repair
+// frees the slot as it does an all-zero one.
+bool UnwrittenSlot(const sfl_ItemHeader& h, const sfl_ItemHeaderBytes& raw) {
+  constexpr size_t kReservedAt = 36;
+  return h.Magic == 0 && h.Type == 0 && h.FileSize == 0 && h.UsedBlocks == 0 && h.FileOffset == 0 &&
+         h.IndexDepth == 0 && (h.Flags & ~static_cast<uint32_t>(BLOCKED_ITEM)) == 0 &&
+         std::all_of(raw.begin() + kReservedAt, raw.end(), [](uint8_t b) { return b == 0; });
+}
+
 int Checker::ItemCheck(uint64_t loc, bool repair, int nesting) {
   if (loc > size_) {
     Say(1017, U(loc));
@@ -254,6 +266,10 @@ int Checker::ItemCheck(uint64_t loc, bool repair, int nesting) {
     return kAllZero;
   }
   const sfl_ItemHeader h = sfl_DecodeItemHeader(raw);
+  if (UnwrittenSlot(h, raw)) {
+    Say(1048, U(loc));
+    return kAllZero;
+  }
   if (h.Magic != SFL_MAGIC) {
     Say(1020, U(loc), h.Magic);
     return kWrongMagic;
@@ -688,6 +704,66 @@ int OpenForCheck(const char* path, bool repair) {
   return fd;
 }
 
+// A creation cut short: creation makes the file empty, then writes the
+// header at 0, the item table at 128 and, in a container, the free map at
+// 640, so a process killed in between leaves a file shorter than that
+// structure: empty (or, after a short write, zeros), or a header of a new
+// file, with no slot but the free map's in use, followed by part of the
+// rest. No item can have been stored in such a file. Gives the creation
+// flags when the file is one, nothing otherwise.
+std::optional<uint32_t> UnfinishedCreation(int fd, uint64_t size) {
+  constexpr uint64_t kContainerEnd = SFL_CONTAINER_DATA_OFFSET + SFL_INITIAL_MAP_SIZE;
+  if (size >= kContainerEnd) return std::nullopt;
+  std::vector<uint8_t> bytes(static_cast<size_t>(size));
+  if (size > 0 && os_pread(fd, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(size))
+    return std::nullopt;
+  if (size < SFL_FILE_HEADER_SIZE) {
+    if (std::any_of(bytes.begin(), bytes.end(), [](uint8_t b) { return b != 0; })) return std::nullopt;
+    return 0u;
+  }
+  const sfl_FileHeader h =
+      sfl_DecodeFileHeader(std::span<const uint8_t, SFL_FILE_HEADER_SIZE>(bytes.data(), SFL_FILE_HEADER_SIZE));
+  const uint32_t creationFlags = SINGLE_FILE | ASYNCHRONOUS;
+  sfl_FileHeader expected;
+  std::vector<uint8_t> table, map;
+  sfl_NewFileImage(h.Flags & creationFlags, &expected, &table, &map);
+  const bool fresh = h.Magic == expected.Magic && h.Type == expected.Type &&
+                     h.HeaderSize == expected.HeaderSize && h.HeaderVersion == expected.HeaderVersion &&
+                     h.UsedItems == 0 && h.MaxItems == expected.MaxItems &&
+                     (h.Flags & ~creationFlags) == 0 && h.TableOffset == expected.TableOffset &&
+                     h.DataOffset == expected.DataOffset && h.InUseItms == expected.InUseItms;
+  const uint64_t end = uint64_t{expected.DataOffset} + map.size();
+  if (!fresh || size >= end) return std::nullopt;
+  return h.Flags;
+}
+
+// Reports a creation cut short and, when repairing, completes it with the
+// structure creation writes: the file becomes an empty container (removed,
+// like any container without items, at its first final close). A process
+// still creating the file holds its header lock; the file is then left to
+// it. Either way the result is a fault.
+int32_t CompleteCreation(int fd, uint64_t size, uint32_t flags, bool repair) {
+  Say(1045, U(size));
+  if (!repair) return 1;
+  if (os_TryLockPart(fd, OS_LOCK_EXCL | OS_LOCK_NOWAIT, SEEK_SET, 0, 0, SFL_FILE_HEADER_SIZE, 0) == 0) {
+    Say(1046);
+    return 1;
+  }
+  sfl_FileHeader h;
+  std::vector<uint8_t> table, map;
+  sfl_NewFileImage(flags, &h, &table, &map);
+  sfl_FileHeaderBytes raw{};
+  sfl_EncodeFileHeader(h, raw);
+  // The lock goes with the check's descriptor when the check ends.
+  if (os_pwrite(fd, raw.data(), raw.size(), 0) != static_cast<ssize_t>(raw.size()) ||
+      os_pwrite(fd, table.data(), table.size(), h.TableOffset) != static_cast<ssize_t>(table.size()) ||
+      (!map.empty() &&
+       os_pwrite(fd, map.data(), map.size(), h.DataOffset) != static_cast<ssize_t>(map.size())))
+    ER_RAISE(ER_GROUP_MAINT, 1042);
+  Say(1047);
+  return 1;
+}
+
 int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FILE* dump,
                  FdCloser& file, Interest& interest) {
   file.fd = OpenForCheck(path, repairAsked);
@@ -695,6 +771,8 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
   struct stat st;
   if (os_fstat(file.fd, &st) != 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path);
   const uint64_t size = static_cast<uint64_t>(st.st_size);
+  if (const std::optional<uint32_t> flags = UnfinishedCreation(file.fd, size))
+    return CompleteCreation(file.fd, size, *flags, repairAsked);
   if (size <= SFL_FILE_HEADER_SIZE) SFL_RAISE(SFL_R_BAD_FILE);
   Checker c(file.fd, size, repairAsked, dump);
 
