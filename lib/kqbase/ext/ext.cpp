@@ -92,6 +92,9 @@ void ext_SetBits(uint8_t* map, uint32_t lenBytes, uint32_t first, uint32_t count
   const uint64_t totalBits = uint64_t{lenBytes} * 8;
   uint64_t bit = first;
   uint64_t end = std::min<uint64_t>(uint64_t{first} + count, totalBits);
+  // Bits past the end of the map are not there to change; a range that
+  // starts past it changes nothing (the run length below would wrap).
+  if (bit >= end) return;
   while (bit < end && (bit & 7) != 0) {
     if (value) map[bit >> 3] |= static_cast<uint8_t>(1u << (bit & 7));
     else map[bit >> 3] &= static_cast<uint8_t>(~(1u << (bit & 7)));
