@@ -40,6 +40,7 @@ bench: build
 soak: build
 	SFL_STRESS_PROCS=16 SFL_STRESS_OPS=20000 $(BUILD)/tests/stress_test
 	SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
+	SFL_CRASH_KILLS=1000 $(BUILD)/tests/sfl_crashloop_test
 
 asan:
 	$(MAKE) test BUILD=build-asan BUILD_TYPE=Debug CMAKE_ARGS="-DSFL_SANITIZE=ON $(CMAKE_ARGS)"
