@@ -152,6 +152,13 @@ int32_t OpenSlot(World& w, uint32_t slot) {
   return h;
 }
 
+// Whole-file work wants the container closed by this process.
+void ReleaseContainer(World& w) {
+  sfl_CloseFile(w.bh);
+  w.bh = -1;
+  CloseColdFiles();
+}
+
 std::vector<Op> Operations() {
   std::vector<Op> ops;
   ops.push_back({"create", {}, Nothing, [](World& w) {
@@ -251,6 +258,20 @@ std::vector<Op> Operations() {
                    sfl_fRead(buf.data(), 1, buf.size(), s);
                    sfl_fClose(s);
                  }});
+  ops.push_back({"compact-blocked", {kC},
+                 [](World& w) {
+                   w.h = OpenSlot(w, kC);
+                   sfl_FreeBlock(w.h, 1, 0);  // a gap for the rebuild to close
+                 },
+                 [](World& w) { sfl_CompactBlockedItem(w.h); }});
+  ops.push_back({"compact-container", {kB},
+                 [](World& w) {
+                   sfl_DetachItem(&w.refs[kB]);  // a hole for the rebuild to close
+                   ReleaseContainer(w);
+                 },
+                 [](World& w) { sfl_CompactContainer(&w.file); }});
+  ops.push_back({"check-repair", {}, ReleaseContainer,
+                 [](World& w) { sfl_CheckSflIntegrity(&w.file, 1); }});
   return ops;
 }
 

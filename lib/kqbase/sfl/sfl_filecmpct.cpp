@@ -136,22 +136,16 @@ bool WithinOffsets(uint64_t offset, uint64_t length) { return offset + length <=
 
 // Reads up to `len` bytes and zeros what lies past the end of the file.
 void ReadOldRun(int fd, uint8_t* buf, size_t len, uint64_t offset) {
-  size_t done = 0;
-  while (done < len) {
-    const ssize_t n = os_pread(fd, buf + done, len - done, static_cast<off_t>(offset + done));
-    if (n < 0) ER_RAISE(ER_GROUP_OS, errno);
-    if (n == 0) break;
-    done += static_cast<size_t>(n);
-  }
+  const size_t done = sfl_PReadUpTo(fd, buf, len, offset);
   std::fill(buf + done, buf + len, 0);
 }
 
-// Reads exactly `len` bytes; returns false on a short read. A failed read
-// is an error of the system, not a finding about the file, and escapes.
+// Reads exactly `len` bytes; returns false when the file ends first. A
+// failed read is an error of the system, not a finding about the file, and
+// escapes; a transfer that comes up short is continued, so that it is never
+// taken for a record cut short (which the rebuild would leave behind).
 bool ReadOld(int fd, void* buf, size_t len, uint64_t offset) {
-  const ssize_t n = os_pread(fd, buf, len, static_cast<off_t>(offset));
-  if (n < 0) ER_RAISE(ER_GROUP_OS, errno);
-  return static_cast<size_t>(n) == len;
+  return sfl_PReadUpTo(fd, buf, len, offset) == len;
 }
 
 // Closes a handle of the new file on every path out of a copy step.

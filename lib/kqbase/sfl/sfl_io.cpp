@@ -208,3 +208,15 @@ ssize_t sfl_PRead(sfl_BaseRec* rec, void* buf, size_t len, uint64_t offset) {
 ssize_t sfl_PWrite(sfl_BaseRec* rec, const void* buf, size_t len, uint64_t offset) {
   return os_pwrite(fdOf(written(rec)), buf, len, static_cast<off_t>(offset));
 }
+
+size_t sfl_PReadUpTo(int fd, void* buf, size_t len, uint64_t offset) {
+  size_t done = 0;
+  while (done < len) {
+    const ssize_t n =
+        os_pread(fd, static_cast<uint8_t*>(buf) + done, len - done, static_cast<off_t>(offset + done));
+    if (n < 0) ER_RAISE(ER_GROUP_OS, errno);
+    if (n == 0) break;
+    done += static_cast<size_t>(n);
+  }
+  return done;
+}

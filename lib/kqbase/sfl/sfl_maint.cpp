@@ -137,9 +137,11 @@ class Checker {
   bool repair() const { return repair_; }
   FILE* dump() const { return dump_; }
 
+  // Reads what the file holds of [off, off + len). A failed read raises: an
+  // I/O error must stop the check, never pass for damage that a repair
+  // would then "mend" by marking sound items deleted.
   ssize_t ReadAt(void* buf, size_t len, uint64_t off) {
-    ssize_t n = os_pread(fd_, buf, len, static_cast<off_t>(off));
-    return n < 0 ? 0 : n;
+    return static_cast<ssize_t>(sfl_PReadUpTo(fd_, buf, len, off));
   }
   ssize_t WriteAt(const void* buf, size_t len, uint64_t off) {
     ssize_t n = os_pwrite(fd_, buf, len, static_cast<off_t>(off));
