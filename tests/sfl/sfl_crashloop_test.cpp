@@ -449,17 +449,7 @@ class Worker {
 
 // ---- this process: checking what the store holds ---------------------------------------
 
-// Closes every file this process keeps cold, so that the next worker
-// inherits no descriptor of it.
-void CloseColdFiles() {
-  sfl_FilesTable& t = sfl_OpenFiles();
-  for (size_t i = 0; i < t.HighWater(); ++i) {
-    sfl_BaseRec* r = t.At(i);
-    if (r == nullptr || r->InUse != 1 || r->InColdStore == 0) continue;
-    const sfl_ItemRef ref = sfl_RefOf(*r);
-    sfl_CheckFileAccessed(&ref, nullptr, nullptr, 0, nullptr);
-  }
-}
+using sfltest::CloseColdFiles;
 
 std::string RefText(const sfl_ItemRef& ref) { return sfltest::RefText(ref); }
 

@@ -102,16 +102,7 @@ World Build() {
   return w;
 }
 
-// Closes every cold file for good (their descriptors go).
-void CloseColdFiles() {
-  sfl_FilesTable& t = sfl_OpenFiles();
-  for (size_t i = 0; i < t.HighWater(); ++i) {
-    sfl_BaseRec* r = t.At(i);
-    if (r == nullptr || r->InUse != 1 || r->InColdStore == 0) continue;
-    const sfl_ItemRef ref = sfl_RefOf(*r);
-    sfl_CheckFileAccessed(&ref, nullptr, nullptr, 0, nullptr);
-  }
-}
+using sfltest::CloseColdFiles;
 
 int OpenDescriptors() {
   int n = 0;

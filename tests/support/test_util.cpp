@@ -120,6 +120,16 @@ int LockStateElsewhere(const std::string& path, off_t start, off_t len) {
   });
 }
 
+void CloseColdFiles() {
+  sfl_FilesTable& t = sfl_OpenFiles();
+  for (size_t i = 0; i < t.HighWater(); ++i) {
+    sfl_BaseRec* r = t.At(i);
+    if (r == nullptr || r->InUse != 1 || r->InColdStore == 0) continue;
+    const sfl_ItemRef ref = sfl_RefOf(*r);
+    sfl_CheckFileAccessed(&ref, nullptr, nullptr, 0, nullptr);
+  }
+}
+
 bool LockableElsewhere(const std::string& path, uint32_t off, uint32_t len) {
   return RunInChild([&] {
            const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);

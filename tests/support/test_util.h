@@ -68,6 +68,10 @@ std::vector<uint8_t> PseudoRandomBytes(size_t n, uint32_t seed, uint32_t salt);
 // Whether `fd` is an open descriptor of this process.
 bool DescriptorOpen(int fd);
 
+// Closes for good every file this process keeps in the cold store, so that
+// their descriptors and interests go (and a child forked next inherits none).
+void CloseColdFiles();
+
 // ---- locks seen from another process ---------------------------------------------------
 
 // Asks from a forked child, through a descriptor of its own (F_OFD_GETLK),
