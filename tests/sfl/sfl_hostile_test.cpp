@@ -432,6 +432,69 @@ TEST_F(Hostile, InternalItemHeadersOutsideTheirParentAreRefused) {
   REFUSED(Sfl(SFL_R_BAD_SLOT), sfl_OpenIntItem(blocked_, 0xFFFFFFFFu, 0));
 }
 
+TEST_F(Hostile, RangeLocksReachingOutsideTheItemAreRefused) {
+  // The simple item holds 1,024 bytes. A lock is a range of the file, so
+  // one that starts before the item or past its end, or ends below its
+  // start or past its end, would cover other items' bytes or the file's own
+  // records; none may be placed, not even for a release, which could drop
+  // this process's own locks on those bytes.
+  const std::string path = sfltest::ItemPath(c_.ref);
+  const uint32_t start = sfl_ItemHandle2Record(simple_)->Offset;
+  const std::vector<std::pair<int64_t, int64_t>> ranges = {
+      {10, -20},   {0, -1},       {-100, 50},    {-100, 200}, {-1, 1},
+      {1025, -1},  {2000, -1500}, {2000, -3000}, {1025, 0},   {-1, 0},
+      {INT64_MIN, INT64_MAX}, {INT64_MAX, 1}, {INT64_MAX, INT64_MIN}, {1, INT64_MAX}};
+  for (int32_t mode : {SFL_LOCK_SHARED, SFL_LOCK_EXCL, SFL_LOCK_RELEASE}) {
+    for (const auto& [off, len] : ranges) {
+      const std::string at = "(mode " + std::to_string(mode) + ", " + std::to_string(off) + ", " +
+                             std::to_string(len) + ")";
+      ExpectRefused(Sfl(SFL_R_RANGE), [&] { sfl_LockSflItem(simple_, mode, 0, off, len); },
+                    "sfl_LockSflItem" + at);
+      EXPECT_EQ(sfl_ItemHandle2Record(simple_)->LockCount, 0) << at;
+      EXPECT_EQ(sfltest::LockStateElsewhere(path, 0, 0), 0) << at << ": a lock was placed";
+    }
+  }
+  // A length of 0 inside the item names no bytes: granted, with no lock
+  // placed and nothing counted.
+  for (int64_t off : {0, 512, 1024}) {
+    EXPECT_NE(sfl_LockSflItem(simple_, SFL_LOCK_EXCL, 0, off, 0), 0) << off;
+    EXPECT_EQ(sfl_ItemHandle2Record(simple_)->LockCount, 0) << off;
+    EXPECT_EQ(sfltest::LockStateElsewhere(path, 0, 0), 0) << off << ": a lock was placed";
+  }
+  // A negative length that stays inside the item covers the bytes before
+  // the offset, as a record lock does.
+  ASSERT_NE(sfl_LockSflItem(simple_, SFL_LOCK_EXCL, 0, 1024, -24), 0);
+  EXPECT_EQ(sfltest::LockStateElsewhere(path, start + 1000, 24), 1);
+  EXPECT_EQ(sfltest::LockStateElsewhere(path, start + 1024, 1), 0);
+  EXPECT_EQ(sfltest::LockStateElsewhere(path, start + 999, 1), 0);
+  EXPECT_NE(sfl_LockSflItem(simple_, SFL_LOCK_RELEASE, 0, 1024, -24), 0);
+  EXPECT_EQ(sfltest::LockStateElsewhere(path, 0, 0), 0);
+}
+
+TEST_F(Hostile, CopiesUnderAHeaderOverTheFilesOwnRecordsAreRefused) {
+  // A copy writes its 64-byte header where the caller says: a user slot of
+  // the item table, or a place in the data area inside the file (a slot of
+  // a container copied before it). Over the file header, the free map's
+  // slot, across slots, over the free map, past the file's end or past 32
+  // bits it would wreck the file; such a copy is refused before any space
+  // is taken.
+  const std::string path = sfltest::ItemPath(c_.ref);
+  const uint32_t fileSize = static_cast<uint32_t>(sfltest::FileBytes(path).size());
+  for (uint32_t at : {0u, 64u, 127u, 128u, 129u, 128u + 4 * 64 + 1, 128u + 8 * 64 - 32, 640u, 700u,
+                      895u - 63u, fileSize, fileSize - 63u, 0xFFFFFFC0u, 0xFFFFFFFFu}) {
+    ExpectRefused(Sfl(SFL_R_RANGE), [&] { sfl_CopySimpleItem(c_.bh, at, -1, 0, 10, 0); },
+                  "sfl_CopySimpleItem at " + std::to_string(at));
+  }
+  // A free slot of the table and a place inside an item's data are taken.
+  const uint32_t inData = sfl_ItemHandle2Record(simple_)->Offset + 256;
+  for (uint32_t at : {128u + 4 * 64, 128u + 7 * 64, inData, inData + 64}) {
+    const int32_t h = sfl_CopySimpleItem(c_.bh, at, -1, 0, 10, 0);
+    ASSERT_GE(h, SFL_ITEM_HANDLE_FIRST) << at;
+    EXPECT_EQ(sfl_ItemHandle2Record(h)->HeaderOff, at);
+    sfl_CloseItem(h);
+  }
+}
+
 // ---- streams ---------------------------------------------------------------------------------
 
 TEST_F(Hostile, StreamArgumentsOutsideTheItemAreRefused) {

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include "im.h"
 #include "mdc.h"
@@ -181,11 +182,38 @@ void sfl_AssociateItemWithBase(int32_t itemHandle) {
   sfl_ItemHandle2Record(itemHandle)->BaseRecord->OpenMode = 1;
 }
 
+// The new item's 64-byte header goes where the caller says, so the place
+// is checked first (28874, before any space is taken): a user slot of the
+// item table (1 and up, on a slot's boundary), or a place in the data area
+// that lies inside the file (a slot of an internal container copied before
+// it) and off the free map. Anywhere else the header would overwrite the
+// file header, the free map's slot or the map itself, straddle two slots,
+// or lengthen the file with a header nothing refers to.
+static void CheckCopyHeaderPlace(sfl_BaseRec* rec, uint32_t headerOffset) {
+  const uint64_t at = headerOffset;
+  const uint64_t table = rec->ITableOff;
+  const uint64_t tableEnd =
+      table + uint64_t{std::min<uint32_t>(rec->MaxItems, SFL_CONTAINER_MAX_ITEMS)} * SFL_ITEM_HEADER_SIZE;
+  if (at + SFL_ITEM_HEADER_SIZE > table && at < tableEnd) {
+    if (at <= table || (at - table) % SFL_ITEM_HEADER_SIZE != 0 || at + SFL_ITEM_HEADER_SIZE > tableEnd)
+      SFL_RAISE(SFL_R_RANGE);
+    return;
+  }
+  if (at < rec->DataOff) SFL_RAISE(SFL_R_RANGE);
+  const sfl_ItemRec* map = rec->FreeMapItem;
+  if (map != nullptr && at < uint64_t{map->Offset} + map->Size && map->Offset < at + SFL_ITEM_HEADER_SIZE)
+    SFL_RAISE(SFL_R_RANGE);
+  struct stat st {};
+  if (os_fstat(rec->FileDes, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
+  if (at + SFL_ITEM_HEADER_SIZE > static_cast<uint64_t>(st.st_size)) SFL_RAISE(SFL_R_RANGE);
+}
+
 int32_t sfl_CopySimpleItem(int32_t baseHandle, uint32_t headerOffset, int32_t sourceFd,
                            uint32_t sourceOffset, uint32_t size, uint32_t noZeroFill) {
   ER_TRACE_PROC("sfl_CopySimpleItem");
   sfl_BaseRec* rec = sfl_Handle2Record(baseHandle);
   sfl_PtrEnsureBaseFileOpen(rec);
+  CheckCopyHeaderPlace(rec, headerOffset);
   // The header slot is the caller's; the run is given back on failure.
   sfl_SpaceRun run;
   const uint32_t offset = run.Take(rec, size);
