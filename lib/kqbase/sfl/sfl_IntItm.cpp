@@ -3,6 +3,8 @@
 // reached only through the parent's handle and the header's position, have
 // no item number or in-use bit of their own, and do not count as open items
 // of the file.
+#include <cstdint>
+
 #include "mdc.h"
 #include "sfl_int.h"
 
@@ -17,6 +19,19 @@ uint32_t LocateHeader(sfl_ItemRec* parent, uint32_t block, uint32_t position) {
     return sfl_FindOffsetChkSize(parent, position, SFL_ITEM_HEADER_SIZE);
   }
   return sfl_BlckFindOffsetChkSize(parent, block, position, SFL_ITEM_HEADER_SIZE);
+}
+
+// An internal header lies in its parent's data, which the parent's owner
+// writes as it likes, so what it says is distrusted like any header read
+// from the file: the item's space must start in the data area (past the
+// file header and item table) and its bytes and its reserved run must end
+// within 32-bit offsets, or transfers through the handle, and the release
+// of its space at removal, would reach the file's own records or wrap.
+void CheckIntHeader(const sfl_BaseRec* rec, const sfl_ItemHeader& h) {
+  if (h.FileOffset == 0 || h.FileOffset < rec->DataOff ||
+      uint64_t{h.FileOffset} + h.FileSize > UINT32_MAX ||
+      uint64_t{h.FileOffset} + uint64_t{h.UsedBlocks} * SFL_BLOCK_SIZE > UINT32_MAX)
+    SFL_RAISE(SFL_R_NOT_INT_ITEM);
 }
 
 }  // namespace
@@ -98,7 +113,7 @@ int32_t sfl_OpenIntItem(int32_t parentHandle, uint32_t block, uint32_t position)
       SFL_RAISE(SFL_R_NOT_INT_ITEM);
     }
   }
-  if (header.FileOffset == 0) SFL_RAISE(SFL_R_NOT_INT_ITEM);
+  CheckIntHeader(rec, header);
 
   int32_t handle = -1;
   sfl_ItemRec* item = sfl_GetNewItemEntry(&handle);
@@ -140,6 +155,7 @@ void sfl_RemoveIntItem(int32_t itemHandle) {
     sfl_Held lock;
     lock.ItemHeader(item, SFL_LOCK_EXCL);
     sfl_ReadInternalItemH(item, item->HeaderOff, &header);
+    CheckIntHeader(rec, header);  // before anything is wiped or released
     sfl_WriteInternalItemH(item, item->HeaderOff, sfl_ItemHeader{});  // 64 zero bytes
     sfl_ConsiderSync(rec, item, SFL_EV_INT_REMOVED);
   }

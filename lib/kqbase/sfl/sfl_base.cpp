@@ -204,33 +204,91 @@ void sfl_GiveBackItemSlot(sfl_BaseRec* rec, int32_t slot) {
   }
 }
 
-// Releases blocks in the on-disk map (an in-memory map is never released
-// into). With the deletion service on, the range is overwritten with zeros
-// before the map is written, so freed data is gone before it can be reused.
-void sfl_UpdateFreeMap(sfl_BaseRec* rec,
-                       const std::function<void(uint8_t* map, uint32_t length)>& change) {
+// Runs `change` on the on-disk map under the free-map lock and writes the
+// whole map back; `fm` is the map's own item header as read under the lock.
+static void UpdateDiskMap(
+    sfl_BaseRec* rec,
+    const std::function<void(uint8_t* map, uint32_t length, const sfl_ItemHeader& fm)>& change) {
   sfl_Held lock;
   lock.ItemHeader(MapItem(rec), SFL_LOCK_EXCL);
   sfl_ItemHeader fm;
   sfl_ReadItemHeader(MapItem(rec), &fm);
   std::vector<uint8_t> map;
   const uint32_t length = sfl_ReadFreeMap(rec, &map, fm);
-  change(map.data(), length);
+  change(map.data(), length, fm);
   sfl_WriteFreeMap(rec, map, fm);
   lock.Unlock();
 }
+
+// Releases blocks in the on-disk map (an in-memory map is never released
+// into).
+void sfl_UpdateFreeMap(sfl_BaseRec* rec,
+                       const std::function<void(uint8_t* map, uint32_t length)>& change) {
+  UpdateDiskMap(rec, [&](uint8_t* map, uint32_t length, const sfl_ItemHeader&) { change(map, length); });
+}
+
+namespace {
+
+// Whether [a, a + aLen) and [b, b + bLen) share a byte.
+bool Overlaps(uint64_t a, uint64_t aLen, uint64_t b, uint64_t bLen) {
+  return a < b + bLen && b < a + aLen;
+}
+
+// The range to release usually comes from an item header or an index entry
+// read from the file, so it is distrusted: with the deletion service on it
+// is overwritten with zeros, and a damaged one must not reach the file
+// header, the item table, the free map, another item of the table or bytes
+// past the file. A range is released only when it starts on a block, lies
+// inside the map, every block of it is marked in use, and it meets none of
+// the map's blocks nor the run of any item still named in the table (the
+// released item's own header is wiped before its space is released).
+// Anything else is refused (28872) with nothing changed.
+void CheckReleasable(sfl_BaseRec* rec, uint32_t offset, uint32_t blockCount, const uint8_t* map,
+                     uint32_t length, const sfl_ItemHeader& fm) {
+  const uint64_t bytes = uint64_t{blockCount} * SFL_BLOCK_SIZE;
+  if (offset % SFL_BLOCK_SIZE != 0 || offset < rec->DataOff || uint64_t{offset} + bytes > UINT32_MAX)
+    SFL_RAISE(SFL_R_BAD_MAP);
+  if (!ext_CheckBits(map, length, offset / SFL_BLOCK_SIZE, blockCount, 1)) SFL_RAISE(SFL_R_BAD_MAP);
+  const uint64_t mapBytes =
+      std::max<uint64_t>(uint64_t{fm.UsedBlocks} * SFL_BLOCK_SIZE, fm.FileSize);
+  if (Overlaps(offset, bytes, fm.FileOffset, mapBytes)) SFL_RAISE(SFL_R_BAD_MAP);
+
+  const uint32_t slots = std::min<uint32_t>(rec->MaxItems, SFL_CONTAINER_MAX_ITEMS);
+  std::vector<uint8_t> table(size_t{slots} * SFL_ITEM_HEADER_SIZE);
+  if (sfl_PRead(rec, table.data(), table.size(), rec->ITableOff) != static_cast<ssize_t>(table.size()))
+    SFL_RAISE(SFL_R_SHORT_READ);
+  for (uint32_t slot = 1; slot < slots; ++slot) {
+    const sfl_ItemHeader h = sfl_DecodeItemHeader(
+        std::span<const uint8_t, SFL_ITEM_HEADER_SIZE>(table.data() + size_t{slot} * SFL_ITEM_HEADER_SIZE,
+                                                       SFL_ITEM_HEADER_SIZE));
+    if (h.Magic != SFL_MAGIC || h.Type != SFL_TYPE_ITEM_HEADER || h.FileOffset == 0) continue;
+    if (Overlaps(offset, bytes, h.FileOffset, uint64_t{h.UsedBlocks} * SFL_BLOCK_SIZE))
+      SFL_RAISE(SFL_R_BAD_MAP);
+  }
+}
+
+}  // namespace
 
 void sfl_FreeFreeBlocks(sfl_BaseRec* rec, uint32_t offset, uint32_t blockCount) {
   ER_TRACE_PROC("sfl_FreeFreeBlocks");
   if (blockCount == 0 || IsSingle(rec)) return;
 
-  sfl_UpdateFreeMap(rec, [&](uint8_t* map, uint32_t length) {
+  UpdateDiskMap(rec, [&](uint8_t* map, uint32_t length, const sfl_ItemHeader& fm) {
+    CheckReleasable(rec, offset, blockCount, map, length, fm);
     ext_SetBits(map, length, offset / SFL_BLOCK_SIZE, blockCount, 0);
-    if (mdc_DDSGetDelStatus() != 0 &&
-        mdc_DDSDelFileByDes(rec->FileDes, offset,
-                            static_cast<uint64_t>(blockCount) * SFL_BLOCK_SIZE) != 0) {
-      // The blocks stay marked in use: better lost space than readable data.
-      SFL_RAISE(SFL_R_SHORT_WRITE);
+    if (mdc_DDSGetDelStatus() != 0) {
+      // Freed data is overwritten before the map is written, so it is gone
+      // before the blocks can be reused. Blocks past the end of the file
+      // (taken but never written) hold nothing and are not written, which
+      // would lengthen the file.
+      struct stat st {};
+      if (os_fstat(rec->FileDes, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
+      const uint64_t end = std::min<uint64_t>(uint64_t{offset} + uint64_t{blockCount} * SFL_BLOCK_SIZE,
+                                              static_cast<uint64_t>(st.st_size));
+      // The blocks stay marked in use when this fails: better lost space
+      // than readable data.
+      if (end > offset && mdc_DDSDelFileByDes(rec->FileDes, offset, end - offset) != 0)
+        SFL_RAISE(SFL_R_SHORT_WRITE);
     }
   });
   rec->SpaceAnalysis |= 1;

@@ -9,11 +9,14 @@
 // damaged record is shown as it is. Output errors are ignored.
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <vector>
+#include <sys/stat.h>
 
 #include "date.h"
+#include "os.h"
 #include "sfl_coding.h"
 #include "sfl_int.h"
 
@@ -139,13 +142,30 @@ extern "C" void sfl_DumpBlockedIndex(FILE* out, const uint8_t* record, uint32_t 
 // Reads the blocks by number from 0. An empty entry on the way (28875) is a
 // hole and is listed as unused; a number at or past the highest entry ever
 // used of its leaf (28876) ends the listing; anything else passes on.
+//
+// The tree comes from the file: a damaged one, deep and full of empty
+// entries or of entries that all name the same records, could have the
+// walk list billions of records. Each listed record is an entry of a leaf,
+// a leaf holds 32 and is a 384-byte record of the file, so the walk lists
+// at most 32 records for every 384 bytes of the file (and one leaf more);
+// a tree that names more than that is more than the file holds, and the
+// listing stops there and says so.
 extern "C" void sfl_ListIndexTree(FILE* out, int32_t itemHandle) {
   ER_TRACE_PROC("sfl_ListIndexTree");
+  const sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  struct stat st {};
+  if (os_fstat(item->BaseRecord->FileDes, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
+  const uint64_t limit = uint64_t{SFL_INDEX_ENTRIES} * (static_cast<uint64_t>(st.st_size) / SFL_INDEX_SIZE + 1);
   std::vector<uint8_t> buffer(kListBufferSize);
   // Block numbers are 32-bit: a tree deep enough to cover more numbers than
   // that stops at the last one instead of wrapping round to block 0.
   for (uint64_t n = 0; n <= UINT32_MAX; ++n) {
     const uint32_t block = static_cast<uint32_t>(n);
+    if (n == limit) {
+      std::fprintf(out, "Listing stopped at record %d: the index names more records than the file can hold\n",
+                   Signed(block));
+      return;
+    }
     if (block % SFL_INDEX_ENTRIES == 0) std::fprintf(out, "------> BaseBlock=%d\n", Signed(block));
     try {
       const uint32_t length =

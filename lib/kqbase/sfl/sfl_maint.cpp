@@ -166,6 +166,8 @@ class Checker {
 
   int ItemCheck(uint64_t loc, bool repair, int nesting);
   bool CompareFreeMap(uint64_t tableOffset);
+  // Whether the header at `loc` was marked deleted by this check.
+  bool MarkedDeleted(uint64_t loc) const { return markedDeleted_.count(loc) != 0; }
 
  private:
   struct Record {
@@ -217,6 +219,8 @@ class Checker {
   // EverUsed walk descends only into these, each once.
   std::set<uint64_t> treeRecords_;
   std::set<uint64_t> walked_;
+  // Headers marked deleted and written back whole.
+  std::set<uint64_t> markedDeleted_;
 };
 
 // Zeroes the header's place and size, sets DELETED and writes it back.
@@ -233,7 +237,10 @@ void Checker::MarkDeleted(uint64_t loc, sfl_ItemHeaderBytes raw, bool repair) {
   sfl_PutU32(raw.data() + sfl_ih::Flags, (flags & ~static_cast<uint32_t>(BLOCKED_ITEM)) | DELETED);
   ssize_t n = WriteAt(raw.data(), raw.size(), loc);
   // The text of 1000 shows the bytes written, so they go with the location.
-  if (n != static_cast<ssize_t>(raw.size())) Say(1000, U(loc), static_cast<int>(n));
+  if (n != static_cast<ssize_t>(raw.size()))
+    Say(1000, U(loc), static_cast<int>(n));
+  else
+    markedDeleted_.insert(loc);
 }
 
 // A slot taken for a new item whose process stopped before the item's
@@ -815,7 +822,9 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
   c.Mark(fh.TableOffset, uint64_t{maxItems} * SFL_ITEM_HEADER_SIZE);
 
   uint8_t inUse = fh.InUseItms;
+  uint16_t usedItems = fh.UsedItems;
   bool inUseChanged = false;
+  bool pendingDeletion = false;
   bool compareMap = true;
   // The in-use map is one byte: slots past the eighth have no bit.
   const uint32_t slots = std::min(maxItems, kInUseBits);
@@ -825,10 +834,17 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
     // Slot 0 holds the free map, which the check never repairs as an item.
     const bool repairSlot = c.repair() && i != 0;
     const int r = c.ItemCheck(loc, repairSlot, 0);
+    // A table item the repair marked deleted is released like any deleted
+    // item, by the final close once no process holds the file: the file
+    // says so with ITEM_PEND_DEL. Its header no longer names any space, so
+    // the release gives back its slot and count and frees nothing.
+    if (repairSlot && c.MarkedDeleted(loc)) pendingDeletion = true;
     if (r == kSound) continue;
     fault = 1;
     if (r == kAllZero && repairSlot) {
+      // The slot is free again, so it no longer counts as one in use.
       inUse = static_cast<uint8_t>(inUse & ~(1u << i));
+      if (usedItems > 0) --usedItems;
       inUseChanged = true;
     } else if (r >= 1 && r <= 7) {
       Say(1031, U(loc));
@@ -838,8 +854,10 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
 
   if (compareMap && !c.CompareFreeMap(fh.TableOffset)) fault = 1;
 
-  if (inUseChanged) {
+  if (inUseChanged || (pendingDeletion && (fh.Flags & ITEM_PEND_DEL) == 0)) {
     raw[sfl_fh::InUseItms] = inUse;
+    sfl_PutU16(raw.data() + sfl_fh::UsedItems, usedItems);
+    if (pendingDeletion) sfl_PutU32(raw.data() + sfl_fh::Flags, fh.Flags | ITEM_PEND_DEL);
     if (c.WriteAt(raw.data(), raw.size(), 0) != static_cast<ssize_t>(raw.size()))
       ER_RAISE(ER_GROUP_MAINT, 1042);
   }
