@@ -116,8 +116,25 @@ TEST_F(SecureRelease, AHeaderPlacedOverAnotherItemIsRefused) {
   ExpectReleaseRefused([at](sfl_ItemHeader& h) { h.FileOffset = at; }, "run on the second item");
 }
 
-TEST_F(SecureRelease, AHeaderReachingPastTheFileIsRefused) {
-  ExpectReleaseRefused([](sfl_ItemHeader& h) { h.UsedBlocks = 1000; }, "run past the file");
+TEST_F(SecureRelease, AHeaderRunningOverAnotherItemPastTheFileIsRefused) {
+  ExpectReleaseRefused([](sfl_ItemHeader& h) { h.UsedBlocks = 1000; }, "run over the second item past the file");
+}
+
+// The last item of the file, with a run past what the free map covers
+// (2,048 blocks), meets no other item and is refused all the same.
+TEST_F(SecureRelease, AHeaderReachingPastTheMapIsRefused) {
+  sfltest::EditHeader(second_, [](sfl_ItemHeader& h) {
+    h.AccCount = 0;
+    h.UsedBlocks = 2048;
+  });
+  const Bytes before = sfltest::FileBytes(path_);
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_DeleteItem(second_); }), Sfl(SFL_R_BAD_MAP));
+  const Bytes after = sfltest::FileBytes(path_);
+  ASSERT_EQ(after.size(), before.size());
+  for (size_t i = SFL_FILE_HEADER_SIZE; i < before.size(); ++i) {
+    if (i >= 128 + 128 && i < 128 + 192) continue;  // slot 2's header
+    ASSERT_EQ(after[i], before[i]) << "byte " << i;
+  }
 }
 
 TEST_F(SecureRelease, AHeaderOverTheItemTableIsRefused) {
@@ -149,6 +166,37 @@ TEST_F(SecureRelease, AHeaderOffTheBlockGridIsRefused) {
 
 TEST_F(SecureRelease, AHeaderWhoseRunWrapsIsRefused) {
   ExpectReleaseRefused([](sfl_ItemHeader& h) { h.UsedBlocks = 0x02000000; }, "run past 32 bits");
+}
+
+// An item deleted while held waits for the final close; a header damaged
+// meanwhile does not stop the close: the slot is released, the damaged run
+// stays in use and the other item's data stays as it was.
+TEST_F(SecureRelease, APendingDeletionWithADamagedRunReleasesTheSlotOnly) {
+  sfltest::EditHeader(first_, [](sfl_ItemHeader& h) { h.AccCount = 1; });
+  sfl_DeleteItem(first_);
+  ASSERT_NE(sfltest::FileHeaderOf(c_.bh).Flags & ITEM_PEND_DEL, 0u);
+  sfltest::EditHeader(first_, [](sfl_ItemHeader& h) { h.UsedBlocks = 16; });
+  sfltest::LogCapture log;
+  sfl_CloseItem(first_);
+  sfl_CloseItem(second_);
+  first_ = second_ = -1;
+  EXPECT_EQ(EscapeCodeOf([&] { sfl_CloseFile(c_.bh); }), 0);
+  sfltest::CloseColdFiles();
+  EXPECT_TRUE(log.SawReason(SFL_R_BAD_MAP));
+  const Bytes after = sfltest::FileBytes(path_);
+  const sfl_FileHeader fh =
+      sfl_DecodeFileHeader(std::span<const uint8_t, SFL_FILE_HEADER_SIZE>(after.data(), SFL_FILE_HEADER_SIZE));
+  EXPECT_EQ(fh.UsedItems, 1u);
+  EXPECT_EQ(fh.InUseItms & (1u << 1), 0u);
+  EXPECT_EQ(fh.Flags & ITEM_PEND_DEL, 0u);
+  const Bytes a = sfltest::PseudoRandomBytes(1024, 3, 1);
+  const Bytes b = sfltest::PseudoRandomBytes(1024, 5, 2);
+  EXPECT_TRUE(std::equal(a.begin(), a.end(), after.begin() + firstOff_));
+  EXPECT_TRUE(std::equal(b.begin(), b.end(), after.begin() + secondOff_));
+  // Both runs are still marked in use.
+  const uint32_t mapAt = sfl_GetU32(after.data() + SFL_TABLE_OFFSET + sfl_ih::FileOffset);
+  const Bytes map(after.begin() + mapAt, after.begin() + mapAt + 256);
+  for (uint32_t blk = firstOff_ / 128; blk < secondOff_ / 128 + 8; ++blk) EXPECT_TRUE(BitSet(map, blk)) << blk;
 }
 
 TEST(SecureReleaseEnd, BlocksTakenButNeverWrittenAreNotWrittenPastTheEnd) {

@@ -312,8 +312,13 @@ TEST_F(FreeSpace, InMemoryMapTakesSpaceWithoutTouchingTheFile) {
   EXPECT_TRUE(ext_CheckBits(MemFreeMap, MemFreeMapSize, 0, 512 * 8, 1));
 
   // Releasing always goes to the map on disk.
-  sfl_FreeFreeBlocks(rec_, 640, 1);
+  std::vector<uint8_t> disk = FileBytes(path_);
+  disk[640] = 0xFF;  // blocks 0 to 7 in use on disk
+  ASSERT_EQ(pwrite(rec_->FileDes, disk.data() + 640, 1, 640), 1);
+  sfl_FreeFreeBlocks(rec_, 896, 1);
   EXPECT_EQ(MemFreeMap[0], 0xFF);
+  EXPECT_FALSE(Bit(ReadMap(path_).map, 7));
+  EXPECT_TRUE(Bit(ReadMap(path_).map, 6));
 
   os_free(MemFreeMap);
   MemFreeMap = nullptr;
