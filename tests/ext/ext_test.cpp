@@ -77,6 +77,32 @@ TEST(ExtBits, FindAgreesWithABitByBitSearchOnFilledMaps) {
   }
 }
 
+TEST(ExtBits, AWantedBitAnywhereInALongFullStretchIsFound) {
+  // Whole stretches without a wanted bit are skipped in large steps: one
+  // wanted bit at any place in, at the edge of or just past such a step,
+  // and a run that starts in one step and ends in the next, must still be
+  // found where a bit-by-bit search finds them.
+  const uint32_t len = 1100;
+  for (int value : {0, 1}) {
+    const uint8_t none = value ? 0x00 : 0xFF;
+    for (uint32_t bit = 0; bit < len * 8; bit += 37) {
+      std::vector<uint8_t> map(len, none);
+      map[bit / 8] = static_cast<uint8_t>(map[bit / 8] ^ (1u << (bit % 8)));
+      EXPECT_EQ(ext_FindBits(map.data(), len, 1, value), FindBitsOneByOne(map, 1, value))
+          << "value " << value << " bit " << bit;
+    }
+    for (uint32_t edge : {255u, 256u, 511u, 512u, 767u, 1023u}) {
+      std::vector<uint8_t> map(len, none);
+      map[edge] = static_cast<uint8_t>(~none);
+      map[edge + 1] = static_cast<uint8_t>(~none);
+      for (uint32_t count : {1u, 9u, 16u, 17u}) {
+        EXPECT_EQ(ext_FindBits(map.data(), len, count, value), FindBitsOneByOne(map, count, value))
+            << "value " << value << " edge " << edge << " count " << count;
+      }
+    }
+  }
+}
+
 TEST(ExtBits, RunsAcrossWordBoundaries) {
   std::vector<uint8_t> map(32, 0xFF);  // four 64-bit words
   ext_SetBits(map.data(), 32, 60, 10, 0);  // bits 60..69 straddle words 0 and 1

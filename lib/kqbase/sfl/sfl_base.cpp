@@ -51,6 +51,30 @@ sfl_ItemRec* MapItem(sfl_BaseRec* rec) {
 
 bool MapInMemory(sfl_BaseRec* rec) { return (MapItem(rec)->Flags & MEM_FREEMAP) != 0; }
 
+// The on-disk map is read whole for every allocation and release. One
+// buffer kept for the process spares an allocation and a clearing of the
+// whole map each time; a use nested inside another (none at present) gets
+// a buffer of its own.
+std::vector<uint8_t> g_mapBuffer;
+bool g_mapBufferTaken = false;
+
+class MapBuffer {
+ public:
+  MapBuffer() : shared_(!g_mapBufferTaken) {
+    if (shared_) g_mapBufferTaken = true;
+  }
+  ~MapBuffer() {
+    if (shared_) g_mapBufferTaken = false;
+  }
+  MapBuffer(const MapBuffer&) = delete;
+  MapBuffer& operator=(const MapBuffer&) = delete;
+  std::vector<uint8_t>* get() { return shared_ ? &g_mapBuffer : &own_; }
+
+ private:
+  bool shared_;
+  std::vector<uint8_t> own_;
+};
+
 }  // namespace
 
 // ==== 2. free space =======================================================================
@@ -156,7 +180,8 @@ uint32_t sfl_GetFreeSpaceNew(sfl_BaseRec* rec, uint32_t size, uint32_t* blockCou
 
   sfl_ItemHeader fm;
   sfl_ReadItemHeader(MapItem(rec), &fm);
-  std::vector<uint8_t> map;
+  MapBuffer buffer;
+  std::vector<uint8_t>& map = *buffer.get();
   uint32_t length = sfl_ReadFreeMap(rec, &map, fm);
   int64_t first;
   while ((first = ext_FindBits(map.data(), length, count, 0)) < 0)
@@ -213,7 +238,8 @@ static void UpdateDiskMap(
   lock.ItemHeader(MapItem(rec), SFL_LOCK_EXCL);
   sfl_ItemHeader fm;
   sfl_ReadItemHeader(MapItem(rec), &fm);
-  std::vector<uint8_t> map;
+  MapBuffer buffer;
+  std::vector<uint8_t>& map = *buffer.get();
   const uint32_t length = sfl_ReadFreeMap(rec, &map, fm);
   change(map.data(), length, fm);
   sfl_WriteFreeMap(rec, map, fm);

@@ -168,7 +168,9 @@ uint32_t sfl_ReadFreeMap(sfl_BaseRec* rec, std::vector<uint8_t>* map, const sfl_
   if (fm.FileOffset == 0 || fm.FileSize > kMaxMapBytes ||
       uint64_t{fm.FileOffset} + fm.FileSize > UINT32_MAX)
     SFL_RAISE(SFL_R_BAD_MAP);
-  map->assign(fm.FileSize, 0);
+  // Every byte kept is overwritten by the read (a short one raises), so a
+  // buffer the caller reuses is not cleared first.
+  map->resize(fm.FileSize);
   ssize_t n = os_pread(fdOf(rec), map->data(), fm.FileSize, static_cast<off_t>(fm.FileOffset));
   if (n != static_cast<ssize_t>(fm.FileSize)) SFL_RAISE(SFL_R_SHORT_MAP_READ);
   return fm.FileSize;
