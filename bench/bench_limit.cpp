@@ -8,12 +8,20 @@
 //   file       open, read and close of one small file (4 KiB);
 //   create     creating a new 4 KiB file (open, write, close) and unlinking
 //              it: what a new container or one file per part costs before
-//              anything else.
+//              anything else;
+//   lock       taking and releasing a record lock on 64 bytes of an open
+//              file (two fcntl calls), as every read-modify-write of a
+//              container's record does;
+//   pread      one 384-byte positioned read of an open file from the page
+//              cache (an index record, near enough any header);
+//   pwrite     one 384-byte positioned write into the page cache, not
+//              flushed.
 // Each is timed over many repetitions; the figure is operations per second.
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <functional>
 #include <string>
 #include <sys/msg.h>
 #include <sys/wait.h>
@@ -125,6 +133,65 @@ Figures CreateUnlink(const std::string& dir, int rounds) {
   return f;
 }
 
+// A file of 1 MiB to lock, read and write in, removed afterwards.
+class ScratchFile {
+ public:
+  explicit ScratchFile(const std::string& dir) : path_(dir + "/limit-records") {
+    fd_ = open(path_.c_str(), O_CREAT | O_RDWR | O_TRUNC | O_CLOEXEC, 0644);
+    std::vector<uint8_t> buf(1 << 20);
+    FillPayload(buf.data(), static_cast<uint32_t>(buf.size()), 1, 1);
+    if (fd_ < 0 || write(fd_, buf.data(), buf.size()) != static_cast<ssize_t>(buf.size()))
+      Fail("write %s", path_.c_str());
+  }
+  ~ScratchFile() {
+    close(fd_);
+    unlink(path_.c_str());
+  }
+  ScratchFile(const ScratchFile&) = delete;
+  ScratchFile& operator=(const ScratchFile&) = delete;
+  int fd() const { return fd_; }
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+};
+
+Figures Timed(int rounds, const std::function<void(int)>& one) {
+  for (int i = 0; i < 100; ++i) one(i);  // warm-up
+  double t0 = Now();
+  for (int i = 0; i < rounds; ++i) one(i);
+  double t1 = Now();
+  Figures f;
+  f["seconds"] = t1 - t0;
+  f["ops"] = rounds;
+  return f;
+}
+
+Figures LockUnlock(const std::string& dir, int rounds) {
+  ScratchFile file(dir);
+  struct flock l {};
+  l.l_whence = SEEK_SET;
+  l.l_len = 64;
+  return Timed(rounds, [&](int i) {
+    l.l_start = 128 + (i % 8) * 64;
+    l.l_type = F_WRLCK;
+    if (fcntl(file.fd(), F_OFD_SETLKW, &l) != 0) Fail("lock: %s", std::strerror(errno));
+    l.l_type = F_UNLCK;
+    if (fcntl(file.fd(), F_OFD_SETLK, &l) != 0) Fail("unlock: %s", std::strerror(errno));
+  });
+}
+
+Figures RecordTransfer(const std::string& dir, int rounds, bool write) {
+  ScratchFile file(dir);
+  std::vector<uint8_t> buf(384);
+  return Timed(rounds, [&](int i) {
+    const off_t at = 4096 + static_cast<off_t>(i % 2048) * 384;
+    const ssize_t n = write ? pwrite(file.fd(), buf.data(), buf.size(), at)
+                            : pread(file.fd(), buf.data(), buf.size(), at);
+    if (n != static_cast<ssize_t>(buf.size())) Fail("short record transfer");
+  });
+}
+
 }  // namespace
 
 Figures RunLimit(const std::string& system, const std::string& dir, const Sizes& sizes) {
@@ -134,6 +201,9 @@ Figures RunLimit(const std::string& system, const std::string& dir, const Sizes&
   if (system == "msgq-poll") return RoundTrips(rounds, true);
   if (system == "file") return OpenReadClose(dir, rounds * 4);
   if (system == "create") return CreateUnlink(dir, std::max(200, rounds / 10));
+  if (system == "lock") return LockUnlock(dir, rounds * 4);
+  if (system == "pread") return RecordTransfer(dir, rounds * 4, false);
+  if (system == "pwrite") return RecordTransfer(dir, rounds * 4, true);
   Fail("limit has no system %s", system.c_str());
 }
 

@@ -67,7 +67,7 @@ struct StraceRun {
 std::vector<std::string> SystemsFor(const std::string& w) {
   if (w == "W2") return {"sfl", "sqlite"};
   if (w == "C1") return {"sfl"};
-  if (w == "limit") return {"msgq", "msgq-poll", "file", "create"};
+  if (w == "limit") return {"msgq", "msgq-poll", "file", "create", "lock", "pread", "pwrite"};
   // W3 runs sfl twice: with the default cold store and with a tuned one.
   if (w == "W3") return {"sfl", "sfl-cold", "files", "sqlite"};
   return {"sfl", "files", "sqlite"};
@@ -412,19 +412,23 @@ int Driver(const Options& o) {
                 sm.workload.c_str(), sm.mode.c_str(), kTunedColdStore, sm.opsPerSec, sm.opsPerSec / files);
   }
   {
-    double rt = NAN, rtPoll = NAN, file = NAN, create = NAN;
+    double rt = NAN, rtPoll = NAN, file = NAN, create = NAN, lock = NAN, rd = NAN, wr = NAN;
     for (const auto& sm : summaries) {
       if (sm.workload != "limit") continue;
       if (sm.system == "msgq") rt = 1e6 / sm.opsPerSec;
       if (sm.system == "msgq-poll") rtPoll = 1e6 / sm.opsPerSec;
       if (sm.system == "file") file = 1e6 / sm.opsPerSec;
       if (sm.system == "create") create = 1e6 / sm.opsPerSec;
+      if (sm.system == "lock") lock = 1e6 / sm.opsPerSec;
+      if (sm.system == "pread") rd = 1e6 / sm.opsPerSec;
+      if (sm.system == "pwrite") wr = 1e6 / sm.opsPerSec;
     }
     if (!std::isnan(rt) || !std::isnan(file)) {
       std::printf("\nlimit: a message round trip between two processes %.1f us waiting in msgrcv,\n"
                   "%.1f us polling; open, read and close of a 4 KiB file %.1f us; creating,\n"
-                  "writing, closing and unlinking a 4 KiB file %.1f us\n",
-                  rt, rtPoll, file, create);
+                  "writing, closing and unlinking a 4 KiB file %.1f us; a record lock taken and\n"
+                  "released %.2f us; a 384-byte pread %.2f us, pwrite %.2f us\n",
+                  rt, rtPoll, file, create, lock, rd, wr);
     }
   }
   for (const auto& r : runs) {
@@ -437,6 +441,29 @@ int Driver(const Options& o) {
                 f["probe_read_handle"], f["probe_read_open_container"], f["probe_read_cold"],
                 f["probe_read_closed"]);
     break;
+  }
+  // Calls by phase, from the first sfl run of each that has them.
+  for (const char* mode : {"async", "sync"}) {
+    for (const auto& r : runs) {
+      if (r.workload != "W1" || r.system != "sfl" || r.mode != mode || !r.ok ||
+          !r.f.count("calls_store_msg"))
+        continue;
+      Figures f = r.f;
+      std::printf("\nsfl system calls per W1 message (%s): %.1f to store it (create, five parts,\n"
+                  "close), %.1f to read it (open, five parts, close), %.1f to delete it\n",
+                  mode, f["calls_store_msg"], f["calls_read_msg"], f["calls_delete_msg"]);
+      break;
+    }
+    for (const auto& r : runs) {
+      if (r.workload != "W2" || r.system != "sfl" || r.mode != mode || !r.ok ||
+          !r.f.count("calls_append"))
+        continue;
+      Figures f = r.f;
+      std::printf("\nsfl system calls per W2 operation (%s): %.1f per append, %.1f per random\n"
+                  "read, %.1f per free\n",
+                  mode, f["calls_append"], f["calls_read"], f["calls_free"]);
+      break;
+    }
   }
   std::printf(
       "\nops/s: median over runs; sfl/this: sfl's ops/s divided by this system's (above 1: sfl\n"

@@ -72,8 +72,10 @@ Figures RunW1(const std::string& system, Durability d, const std::string& dir, c
   double t0 = Now();
   StoreAll(*store, s.messages, in);
   double t1 = Now();
+  const int64_t callsStored = store->OwnCallCount();
   if (s.measureDisk) f["disk_after_store"] = static_cast<double>(DiskBytes(dir));
   double t2 = Now();
+  const int64_t callsBeforeRead = store->OwnCallCount();
   for (int m : order) {
     store->Read(m, out.out);
     for (int p = 0; p < kPartsPerMessage; ++p) {
@@ -81,10 +83,17 @@ Figures RunW1(const std::string& system, Durability d, const std::string& dir, c
     }
   }
   double t3 = Now();
+  const int64_t callsRead = store->OwnCallCount();
   int deleted = 0;
   for (int m = 0; m < s.messages; m += 2, ++deleted) store->Delete(m);
   double t4 = Now();
   int64_t calls1 = store->OwnCallCount();
+  if (calls0 >= 0 && s.messages > 0 && deleted > 0) {
+    // Per message, by phase: where a part's calls come from.
+    f["calls_store_msg"] = static_cast<double>(callsStored - calls0) / s.messages;
+    f["calls_read_msg"] = static_cast<double>(callsRead - callsBeforeRead) / s.messages;
+    f["calls_delete_msg"] = static_cast<double>(calls1 - callsRead) / deleted;
+  }
   if (system == "sfl") AddSflCallFigures(f, kinds0);
   store.reset();
   if (s.measureDisk) f["disk_end"] = static_cast<double>(DiskBytes(dir));
@@ -244,8 +253,10 @@ Figures RunW2(const std::string& system, Durability d, const std::string& dir, c
     payload += size;
   }
   double t1 = Now();
+  const int64_t callsAppended = log->OwnCallCount();
   if (s.measureDisk) f["disk_after_store"] = static_cast<double>(DiskBytes(dir));
   double t2 = Now();
+  const int64_t callsBeforeRead = log->OwnCallCount();
   Rng rng(11);
   for (int k = 0; k < s.blocks; ++k) {
     uint32_t i = rng.Below(s.blocks);
@@ -254,6 +265,7 @@ Figures RunW2(const std::string& system, Durability d, const std::string& dir, c
     if (n != size || !CheckPayload(buf.data(), size, i, 0xB10C)) Fail("block %u differs", i);
   }
   double t3 = Now();
+  const int64_t callsRead = log->OwnCallCount();
   std::vector<uint32_t> order(s.blocks);
   std::iota(order.begin(), order.end(), 0u);
   int frees = s.blocks / 10;
@@ -265,6 +277,11 @@ Figures RunW2(const std::string& system, Durability d, const std::string& dir, c
   }
   double t4 = Now();
   int64_t calls1 = log->OwnCallCount();
+  if (calls0 >= 0 && s.blocks > 0 && frees > 0) {
+    f["calls_append"] = static_cast<double>(callsAppended - calls0) / s.blocks;
+    f["calls_read"] = static_cast<double>(callsRead - callsBeforeRead) / s.blocks;
+    f["calls_free"] = static_cast<double>(calls1 - callsRead) / frees;
+  }
   if (system == "sfl") AddSflCallFigures(f, kinds0);
   log.reset();
   if (s.measureDisk) f["disk_end"] = static_cast<double>(DiskBytes(dir));
