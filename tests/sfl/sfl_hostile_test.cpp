@@ -471,6 +471,21 @@ TEST_F(Hostile, RangeLocksReachingOutsideTheItemAreRefused) {
   EXPECT_EQ(sfltest::LockStateElsewhere(path, 0, 0), 0);
 }
 
+TEST_F(Hostile, AWholeItemLockOnAnEmptyItemLocksNothing) {
+  // An empty item has no space (offset 0): a lock of its "whole" data must
+  // not become a lock of the whole file.
+  const std::string path = sfltest::ItemPath(c_.ref);
+  sfl_ItemRef ref{};
+  const int32_t empty = sfl_StoreBasicItem(c_.bh, nullptr, 0, &ref, 0);
+  ASSERT_GE(empty, SFL_ITEM_HANDLE_FIRST);
+  for (int32_t mode : {SFL_LOCK_SHARED, SFL_LOCK_EXCL, SFL_LOCK_RELEASE}) {
+    EXPECT_EQ(sfl_flock(empty, mode), 0) << mode;
+    EXPECT_EQ(sfltest::LockStateElsewhere(path, 0, 0), 0) << mode << ": a lock was placed";
+  }
+  EXPECT_EQ(sfl_ItemHandle2Record(empty)->LockCount, 0);
+  sfl_CloseItem(empty);
+}
+
 TEST_F(Hostile, CopiesUnderAHeaderOverTheFilesOwnRecordsAreRefused) {
   // A copy writes its 64-byte header where the caller says: a user slot of
   // the item table, or a place in the data area inside the file (a slot of

@@ -252,6 +252,10 @@ int32_t sfl_LockSflItem(int32_t itemHandle, int32_t mode, int16_t whence, int64_
 int32_t sfl_flock(int32_t itemHandle, int32_t mode) {
   ER_TRACE_PROC("sfl_flock");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  // An empty item has no bytes to lock; a length of 0 would be taken by the
+  // system as "to the end of the file" (from offset 0 for an item without
+  // space: the whole file, its header included).
+  if (item->Size == 0) return 0;
   if (lockRange(baseFd(item), tryMode(mode), item->Offset, item->Size) == 0) return 11;
   countLock(item, mode);
   return 0;
