@@ -278,6 +278,66 @@ TEST(CheckEdges, AFileThatCannotBeWrittenIsCheckedReadOnlyButNotRepaired) {
   EXPECT_EQ(sfltest::FileBytes(s.path), before);
 }
 
+// ---- slots that are not a store cut short ------------------------------------------------------
+
+TEST(CheckEdges, ASlotWithAnyFieldBeyondAFreshOnesIsAWrongMagicNotAnUnwrittenSlot) {
+  // A freshly taken slot holds zeros but for the attach count, the date and
+  // the blocked flag; any other field set makes it damage, which the repair
+  // leaves alone.
+  struct Extra {
+    const char* what;
+    size_t at;
+    uint32_t value;
+  };
+  const std::vector<Extra> extras = {
+      {"type", sfl_ih::Type, SFL_TYPE_ITEM_HEADER},
+      {"used blocks", sfl_ih::UsedBlocks, 2},
+      {"data offset", sfl_ih::FileOffset, 1024},
+      {"index depth", sfl_ih::IndexDepth, 1},
+      {"another flag", sfl_ih::Flags, static_cast<uint32_t>(BLOCKED_ITEM | DELETED)},
+      {"reserved bytes", 40, 7},
+  };
+  for (const Extra& e : extras) {
+    SCOPED_TRACE(e.what);
+    const Stored s = StoreTwoItems();
+    const uint64_t slot = SlotAt(1);
+    Bytes fresh(SFL_ITEM_HEADER_SIZE, 0);
+    sfl_PutU32(fresh.data() + sfl_ih::AccCount, 1);
+    sfl_PutU32(fresh.data() + sfl_ih::ChangeDate, 1700000000u);
+    Bytes all = sfltest::FileBytes(s.path);
+    std::copy(fresh.begin(), fresh.end(), all.begin() + static_cast<long>(slot));
+    sfl_PutU32(all.data() + slot + e.at, e.value);
+    WriteWhole(s.path, all);
+    const CheckRun r = Check(s.ref, 1);
+    EXPECT_EQ(r.result, 1) << Describe(r);
+    EXPECT_TRUE(r.Saw(1020)) << Describe(r);
+    EXPECT_FALSE(r.Saw(1048)) << Describe(r);
+    EXPECT_EQ(sfltest::FileBytes(s.path), all);
+  }
+}
+
+TEST(CheckEdges, ASingleItemFileClaimingNoSlotsIsCheckedAsOne) {
+  const int32_t bh = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, SINGLE_FILE);
+  sfl_ItemRef file{}, item{};
+  sfl_GetSerFileItem(bh, &file);
+  const int32_t h = sfl_StoreBasicItem(bh, nullptr, 300, &item, 0);
+  sfl_CloseItem(h);
+  sfl_CloseFile(bh);
+  const std::string path = sfltest::ItemPath(file);
+  // As made, the file gives two slots and is held to one.
+  const CheckRun asMade = Check(file, 0);
+  ASSERT_FALSE(asMade.numbers.empty()) << Describe(asMade);
+  EXPECT_EQ(asMade.numbers[0], 1030);
+  Bytes all = sfltest::FileBytes(path);
+  sfl_PutU16(all.data() + sfl_fh::MaxItems, 0);
+  WriteWhole(path, all);
+  // Giving none, it is held to one slot all the same: the same findings.
+  const CheckRun r = Check(file, 0);
+  EXPECT_EQ(r.result, 1) << Describe(r);
+  EXPECT_EQ(r.numbers, asMade.numbers) << Describe(r);
+  EXPECT_NE(r.out.find("SFL-204-1030: the file header gives 0 item slots"), std::string::npos) << Describe(r);
+}
+
 // ---- short files that are not a creation cut short ---------------------------------------------------
 
 TEST(CheckEdges, AShortFileWhoseHeaderDiffersFromANewOneInAnyFieldIsNotCompleted) {
