@@ -402,4 +402,61 @@ TEST(CheckEdges, AShortFileWhoseHeaderDiffersFromANewOneInAnyFieldIsNotCompleted
   EXPECT_EQ(sfltest::FileBytes(s.path).size(), SFL_CONTAINER_DATA_OFFSET + map.size());
 }
 
+// The first 640 bytes of a new container (header and item table), as a
+// creation killed before the free map leaves them, in place of the file
+// of a stored container; its reference.
+sfl_ItemRef CutShortCreation(Bytes* image) {
+  const Stored s = StoreTwoItems();
+  sfl_FileHeader fresh;
+  Bytes table, map;
+  sfl_NewFileImage(0, &fresh, &table, &map);
+  sfl_FileHeaderBytes head{};
+  sfl_EncodeFileHeader(fresh, head);
+  image->assign(head.begin(), head.end());
+  image->insert(image->end(), table.begin(), table.end());
+  WriteWhole(s.path, *image);
+  return s.ref;
+}
+
+TEST(CheckEdges, AShortTransferDoesNotHideACreationCutShort) {
+  Bytes image;
+  const sfl_ItemRef ref = CutShortCreation(&image);
+  // The check's first read is of the whole short file; it comes up short
+  // and is continued.
+  os_ShortNth(os_Op::Pread, 1, 10);
+  const CheckRun r = Check(ref, 0);
+  os_ClearFaults();
+  EXPECT_EQ(r.result, 1) << Describe(r);
+  EXPECT_EQ(r.numbers, std::vector<int>{1045}) << Describe(r);
+  EXPECT_EQ(sfltest::FileBytes(sfltest::ItemPath(ref)), image);
+  // A read that fails is the check's error, not a finding.
+  os_FailNth(os_Op::Pread, 1, EIO);
+  const CheckRun failed = Check(ref, 1);
+  os_ClearFaults();
+  EXPECT_EQ(failed.result, 1) << Describe(failed);
+  EXPECT_TRUE(failed.numbers.empty()) << Describe(failed);
+  EXPECT_NE(failed.err.find("SFL-2-" + std::to_string(EIO) + ":"), std::string::npos) << Describe(failed);
+  EXPECT_EQ(sfltest::FileBytes(sfltest::ItemPath(ref)), image);
+}
+
+TEST(CheckEdges, ACompletionWhoseWriteFailsIsTheChecksErrorAtEachOfItsWrites) {
+  // Completing a creation writes the header, the table and the free map.
+  for (unsigned nth = 1; nth <= 3; ++nth) {
+    SCOPED_TRACE(nth);
+    Bytes image;
+    const sfl_ItemRef ref = CutShortCreation(&image);
+    os_FailNth(os_Op::Pwrite, nth, EIO);
+    const CheckRun r = Check(ref, 1);
+    os_ClearFaults();
+    EXPECT_EQ(r.result, 1) << Describe(r);
+    EXPECT_EQ(r.numbers, std::vector<int>{1045}) << Describe(r);
+    EXPECT_NE(r.err.find("SFL-204-1042:"), std::string::npos) << Describe(r);
+    // What was written before the failure is what creation writes; the
+    // next repair completes the file.
+    const CheckRun again = Check(ref, 1);
+    EXPECT_EQ(again.numbers, (std::vector<int>{1045, 1047})) << Describe(again);
+    EXPECT_EQ(Check(ref, 0).result, 0);
+  }
+}
+
 }  // namespace

@@ -724,8 +724,9 @@ std::optional<uint32_t> UnfinishedCreation(int fd, uint64_t size) {
   constexpr uint64_t kContainerEnd = SFL_CONTAINER_DATA_OFFSET + SFL_INITIAL_MAP_SIZE;
   if (size >= kContainerEnd) return std::nullopt;
   std::vector<uint8_t> bytes(static_cast<size_t>(size));
-  if (size > 0 && os_pread(fd, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(size))
-    return std::nullopt;
+  // Read as the check reads: a transfer that comes up short is continued,
+  // and one that fails raises, so neither passes for a file of other bytes.
+  if (sfl_PReadUpTo(fd, bytes.data(), bytes.size(), 0) != bytes.size()) return std::nullopt;
   if (size < SFL_FILE_HEADER_SIZE) {
     if (std::any_of(bytes.begin(), bytes.end(), [](uint8_t b) { return b != 0; })) return std::nullopt;
     return 0u;
