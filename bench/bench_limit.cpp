@@ -138,8 +138,7 @@ class ScratchFile {
  public:
   explicit ScratchFile(const std::string& dir) : path_(dir + "/limit-records") {
     fd_ = open(path_.c_str(), O_CREAT | O_RDWR | O_TRUNC | O_CLOEXEC, 0644);
-    std::vector<uint8_t> buf(1 << 20);
-    FillPayload(buf.data(), static_cast<uint32_t>(buf.size()), 1, 1);
+    std::vector<uint8_t> buf(1 << 20, 0x5A);
     if (fd_ < 0 || write(fd_, buf.data(), buf.size()) != static_cast<ssize_t>(buf.size()))
       Fail("write %s", path_.c_str());
   }
