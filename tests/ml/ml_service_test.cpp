@@ -119,21 +119,6 @@ int64_t checkReply(int q, int32_t pid) {
   return count;
 }
 
-// A pipe for sequencing two processes.
-struct Pipe {
-  int fd[2] = {-1, -1};
-  Pipe() { EXPECT_EQ(0, pipe(fd)); }
-  ~Pipe() {
-    close(fd[0]);
-    close(fd[1]);
-  }
-  void signal() { EXPECT_EQ(1, write(fd[1], "x", 1)); }
-  bool wait() {
-    char c;
-    return read(fd[0], &c, 1) == 1;
-  }
-};
-
 class MlService : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -186,40 +171,9 @@ TEST_F(MlService, FailedForkStopsTheProcessesAlreadyForked) {
 }
 
 TEST_F(MlService, FailedPublicationStopsTheService) {
-  // The first rename puts the reply board in place, the second the state.
-  EXPECT_EQ(1, runService(options(2), [] { os_FailNth(os_Op::Rename, 2, EIO); }));
+  EXPECT_EQ(1, runService(options(2), [] { os_FailNth(os_Op::Rename, 1, EIO); }));
   EXPECT_NE(std::string::npos, fileText(logPath()).find("cannot publish"));
   expectNothingLeft();
-}
-
-TEST_F(MlService, ServiceWithoutABoardStillAnswers) {
-  const int pid = StartChild([&] {
-    int log = open(logPath().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    if (log < 0 || dup2(log, 2) < 0) return 90;
-    os_FailNth(os_Op::Rename, 1, EIO);
-    return ml_RunService(options());
-  });
-  ml_State st;
-  ASSERT_TRUE(Eventually([&] { return ml_ReadState(RunDir(), &st) && st.MainPid == pid; }));
-  EXPECT_NE(std::string::npos, fileText(logPath()).find("no reply board"));
-  EXPECT_EQ(nullptr, ml_OpenBoard(RunDir()));
-  sendCheck(st.Context[0], 0x44, getpid());
-  EXPECT_EQ(0, checkReply(st.Context[1], getpid()));
-  // A client without a board waits in msgrcv alone.
-  EXPECT_EQ(0, RunInChild([] {
-    setenv("SFL_INTEREST_WATCH_US", "1000", 1);
-    sfl_ItemRef ref{};
-    ref.Domain = 2;
-    ref.FileId = 44;
-    sfl_BaseRec rec;
-    sfl_SetRef(rec, ref);
-    sfl_RecordBaseInterest(&rec);
-    if (rec.ProcAccCount != 1) return 1;
-    sfl_ReleaseBaseInterest(&rec);
-    return rec.ProcAccCount == 0 ? 0 : 2;
-  }));
-  ASSERT_EQ(0, kill(pid, SIGTERM));
-  EXPECT_EQ(0, ExitWithin(pid, 10));
 }
 
 TEST_F(MlService, ServingProcessThatEndsStopsTheService) {
@@ -280,14 +234,13 @@ TEST_F(MlService, StopWakesEveryClientWaitingForAReply) {
   ASSERT_GT(pid, 0);
   ml_State st;
   ASSERT_TRUE(ml_ReadState(RunDir(), &st));
-  int ready[2];
-  ASSERT_EQ(0, pipe(ready));
+  sfltest::Gate ready;
   std::vector<int> waiters;
   for (int i = 0; i < 4; ++i) {
     const int rep = st.Context[2 * (i % 2) + 1];
     waiters.push_back(StartChild([&, rep] {
       alarm(20);
-      if (write(ready[1], "x", 1) != 1) return 3;
+      ready.Open();
       uint8_t buf[4 + 16];
       try {
         os_msgrcv(rep, buf, 16, getpid(), 0);
@@ -297,49 +250,22 @@ TEST_F(MlService, StopWakesEveryClientWaitingForAReply) {
       return 2;
     }));
   }
-  for (size_t i = 0; i < waiters.size(); ++i) {
-    char c;
-    ASSERT_EQ(1, read(ready[0], &c, 1));
-  }
+  for (size_t i = 0; i < waiters.size(); ++i) ready.Wait();
   std::this_thread::sleep_for(std::chrono::milliseconds(100));  // all in msgrcv
   ASSERT_EQ(0, kill(pid, SIGTERM));
   EXPECT_EQ(0, ExitWithin(pid, 10));
   for (int w : waiters) EXPECT_EQ(0, WaitChild(w));  // woken with EIDRM, not by the alarm
-  close(ready[0]);
-  close(ready[1]);
 }
 
-TEST_F(MlService, EveryReplyIsCountedOnTheBoard) {
-  const int pid = startService(options());
-  ASSERT_GT(pid, 0);
-  ml_State st;
-  ASSERT_TRUE(ml_ReadState(RunDir(), &st));
-  const uint32_t* board = ml_OpenBoard(RunDir());
-  ASSERT_NE(nullptr, board);
-  const uint32_t before = board[ml_BoardSlot(getpid())];
-  for (int i = 0; i < 3; ++i) {
-    sendCheck(st.Context[0], 0x33, getpid());
-    EXPECT_EQ(0, checkReply(st.Context[1], getpid()));
-    EXPECT_EQ(before + i + 1, board[ml_BoardSlot(getpid())]);
-  }
-  ml_CloseBoard(board);
-  ASSERT_EQ(0, kill(pid, SIGTERM));
-  EXPECT_EQ(0, ExitWithin(pid, 10));
-  EXPECT_FALSE(std::filesystem::exists(ml_BoardPath(RunDir())));  // gone with the service
-}
-
-// A serving process that polls after each request, and clients that watch
-// the board before they wait: every answer is still the right one.
-TEST_F(MlService, PollingServiceAndWatchingClientsGetTheirOwnAnswers) {
-  ml_ServiceOptions o = options(2);
-  o.PollMicros = 3000;
-  const int pid = startService(o);
+// Clients that ask at the same time over two pairs share the reply queues:
+// each still gets the answers to its own requests.
+TEST_F(MlService, ConcurrentClientsGetTheirOwnAnswers) {
+  const int pid = startService(options(2));
   ASSERT_GT(pid, 0);
   std::vector<int> clients;
   for (int c = 0; c < 3; ++c) {
     clients.push_back(StartChild([c] {
       alarm(60);
-      setenv("SFL_INTEREST_WATCH_US", "200", 1);
       sfl_ItemRef own{};
       own.Domain = 2;
       own.SubDomain = static_cast<uint32_t>(c);  // spread over both pairs
@@ -377,7 +303,7 @@ TEST_F(MlService, KillOfTheWholeServiceGroupWakesAWaitingClient) {
   ASSERT_TRUE(Eventually([&] { return ml_ReadState(RunDir(), &st) && st.MainPid == pid; }));
   // The serving processes stop answering; the client asks and waits.
   ASSERT_EQ(0, kill(-pid, SIGSTOP));
-  Pipe asked;
+  sfltest::Gate asked;
   int client = StartChild([&] {
     alarm(30);
     sfl_ItemRef ref{};
@@ -387,14 +313,14 @@ TEST_F(MlService, KillOfTheWholeServiceGroupWakesAWaitingClient) {
     sfl_SetRef(rec, ref);
     try {
       sfl_GetQueue(&ref, nullptr, nullptr, nullptr, nullptr);
-      asked.signal();
+      asked.Open();
       sfl_CheckBaseInterest(&rec);
     } catch (const er_Escape& e) {
       return e.group() == ER_GROUP_OS && (e.reason() == EIDRM || e.reason() == EINVAL) ? 0 : 1;
     }
     return 2;
   });
-  ASSERT_TRUE(asked.wait());
+  asked.Wait();
   std::this_thread::sleep_for(std::chrono::milliseconds(100));  // in msgrcv by now
   ASSERT_EQ(0, kill(-pid, SIGKILL));
   EXPECT_EQ(0, ExitWithin(client, 20));  // not the alarm's 128 + SIGALRM

@@ -181,52 +181,6 @@ TEST(MlCheckPid, ZombieIsSeenWithinAFullCheckPeriod) {
   EXPECT_EQ(128 + SIGKILL, sfltest::WaitChild(child));
 }
 
-TEST(MlBoard, CreatedBoardIsSeenByItsReaders) {
-  EXPECT_EQ(nullptr, ml_OpenBoard(RunDir() + "/nowhere"));
-  ASSERT_EQ(0, ml_PrepareRunDir(RunDir(), 0700));
-  uint32_t* board = ml_CreateBoard(RunDir(), 0600);
-  ASSERT_NE(nullptr, board);
-  const uint32_t* reader = ml_OpenBoard(RunDir());
-  ASSERT_NE(nullptr, reader);
-  EXPECT_EQ(0u, reader[ml_BoardSlot(getpid())]);
-  board[ml_BoardSlot(getpid())] = 3;
-  board[ML_BOARD_SLOTS - 1] = 9;
-  EXPECT_EQ(3u, reader[ml_BoardSlot(getpid())]);
-  EXPECT_EQ(9u, reader[ML_BOARD_SLOTS - 1]);
-  EXPECT_EQ(ml_BoardSlot(5), ml_BoardSlot(5 + ML_BOARD_SLOTS));
-  // A new board replaces the file; the earlier mapping stays whole.
-  uint32_t* second = ml_CreateBoard(RunDir(), 0600);
-  ASSERT_NE(nullptr, second);
-  EXPECT_EQ(9u, reader[ML_BOARD_SLOTS - 1]);
-  const uint32_t* fresh = ml_OpenBoard(RunDir());
-  ASSERT_NE(nullptr, fresh);
-  EXPECT_EQ(0u, fresh[ML_BOARD_SLOTS - 1]);
-  ml_CloseBoard(fresh);
-  ml_CloseBoard(second);
-  ml_CloseBoard(reader);
-  ml_CloseBoard(board);
-  std::filesystem::remove(ml_BoardPath(RunDir()));
-}
-
-TEST(MlBoard, BoardOfTheWrongSizeIsNotUsed) {
-  ASSERT_EQ(0, ml_PrepareRunDir(RunDir(), 0700));
-  for (size_t size : {size_t{0}, size_t{100}, size_t{ML_BOARD_SLOTS * 4 - 1}, size_t{ML_BOARD_SLOTS * 8}}) {
-    std::ofstream(ml_BoardPath(RunDir()), std::ios::trunc) << std::string(size, 'x');
-    EXPECT_EQ(nullptr, ml_OpenBoard(RunDir())) << size;
-  }
-  std::filesystem::remove(ml_BoardPath(RunDir()));
-  std::filesystem::create_directory(ml_BoardPath(RunDir()));
-  EXPECT_EQ(nullptr, ml_OpenBoard(RunDir()));
-  EXPECT_EQ(nullptr, ml_CreateBoard(RunDir(), 0600));  // cannot be renamed over a directory
-  std::filesystem::remove(ml_BoardPath(RunDir()));
-  os_FailNth(os_Op::Mmap, 1, ENOMEM);
-  EXPECT_EQ(nullptr, ml_CreateBoard(RunDir(), 0600));
-  os_ClearFaults();
-  EXPECT_FALSE(std::filesystem::exists(ml_BoardPath(RunDir())));
-  for (auto& e : std::filesystem::directory_iterator(RunDir()))
-    EXPECT_EQ(std::string::npos, e.path().filename().string().find(".tmp")) << e.path();
-}
-
 TEST(MlSubsystem, OpenReturnsZeroOnlyForTheOpeningCall) {
   EXPECT_EQ(0, ml_OpenCfgFile(2));
   EXPECT_EQ(1, ml_OpenCfgFile(2));

@@ -206,26 +206,6 @@ TEST_F(OsTest, AccountsAndOwnership) {
   EXPECT_EQ(os_chown(path_.c_str(), ::getuid(), ::getgid()), -1);
 }
 
-TEST_F(OsTest, TryReceiveReportsAnEmptyQueueWithoutRaising) {
-  int q = os_msgget(IPC_PRIVATE, IPC_CREAT | 0600);
-  ASSERT_GE(q, 0);
-  unsigned char in[4 + 16] = {};
-  errno = 0;
-  EXPECT_EQ(os_msgrcvTry(q, in, 16, 0, IPC_NOWAIT), -1);
-  EXPECT_EQ(errno, ENOMSG);
-  unsigned char msg[4 + 3] = {9, 0, 0, 0, 'a', 'b', 'c'};
-  ASSERT_EQ(os_msgsnd(q, msg, 3, 0), 0);
-  EXPECT_EQ(os_msgrcvTry(q, in, 16, 9, IPC_NOWAIT), 3);
-  EXPECT_EQ(in[0], 9);
-  EXPECT_EQ(std::memcmp(in + 4, "abc", 3), 0);
-  os_FailNth(os_Op::Msgrcv, 1, EIDRM);
-  EXPECT_EQ(os_msgrcvTry(q, in, 16, 0, IPC_NOWAIT), -1);
-  EXPECT_EQ(errno, EIDRM);
-  EXPECT_EQ(os_msgctl(q, IPC_RMID, nullptr), 0);
-  EXPECT_EQ(os_msgrcvTry(q, in, 16, 0, IPC_NOWAIT), -1);  // the queue is gone
-  EXPECT_TRUE(errno == EINVAL || errno == EIDRM);
-}
-
 TEST_F(OsTest, ProcessIdIsAskedAgainInAForkedChild) {
   const pid_t mine = os_getpid();
   EXPECT_EQ(mine, ::getpid());

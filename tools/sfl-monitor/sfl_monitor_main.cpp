@@ -26,8 +26,6 @@ void usage(std::FILE* out) {
                "                       (default 0: never)\n"
                "  --max-entries N      interest entries kept per serving process\n"
                "                       (default 100000; records beyond it are refused)\n"
-               "  --poll-us N          after each request keep polling the queue for N\n"
-               "                       microseconds before sleeping (default 0: never)\n"
                "  --group G            make queues and state accessible to group G\n"
                "\n"
                "SIGTERM or SIGINT stops the service; it removes its queues and state.\n");
@@ -68,9 +66,6 @@ int main(int argc, char** argv) {
       ++i;
     } else if (std::strcmp(a, "--max-entries") == 0 && number(v, 1, 100000000, &n)) {
       opts.MaxEntries = static_cast<size_t>(n);
-      ++i;
-    } else if (std::strcmp(a, "--poll-us") == 0 && number(v, 0, 1000000, &n)) {
-      opts.PollMicros = static_cast<int>(n);
       ++i;
     } else if (std::strcmp(a, "--group") == 0 && v != nullptr) {
       opts.Gid = ml_ResolveGroup(v);

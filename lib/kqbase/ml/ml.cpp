@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <sstream>
 #include <sys/file.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include "cust.h"
@@ -80,49 +79,6 @@ std::string ml_StatePath(const std::string& runDir) { return runDir + "/sfl-moni
 std::string ml_LockPath(const std::string& runDir) { return runDir + "/sfl-monitor.lock"; }
 std::string ml_StartLockPath(const std::string& runDir) { return runDir + "/sfl-monitor.start"; }
 std::string ml_LogPath(const std::string& runDir) { return runDir + "/sfl-monitor.log"; }
-std::string ml_BoardPath(const std::string& runDir) { return runDir + "/sfl-monitor.board"; }
-
-// ---- the reply board ---------------------------------------------------------------------
-
-namespace {
-constexpr size_t kBoardBytes = ML_BOARD_SLOTS * sizeof(uint32_t);
-}  // namespace
-
-uint32_t* ml_CreateBoard(const std::string& runDir, mode_t mode) {
-  const std::string path = ml_BoardPath(runDir);
-  const std::string tmp = path + "." + std::to_string(os_getpid()) + ".tmp";
-  int fd = os_open(tmp.c_str(), O_RDWR | O_CREAT | O_TRUNC, mode);
-  if (fd < 0) return nullptr;
-  void* mem = MAP_FAILED;
-  if (os_ftruncate(fd, static_cast<off_t>(kBoardBytes)) == 0)
-    mem = os_mmap(nullptr, kBoardBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  const int saved = errno;
-  os_close(fd);
-  if (mem == MAP_FAILED || os_rename(tmp.c_str(), path.c_str()) != 0) {
-    if (mem != MAP_FAILED) os_munmap(mem, kBoardBytes);
-    os_unlink(tmp.c_str());
-    errno = saved;
-    return nullptr;
-  }
-  return static_cast<uint32_t*>(mem);
-}
-
-const uint32_t* ml_OpenBoard(const std::string& runDir) {
-  int fd = os_open(ml_BoardPath(runDir).c_str(), O_RDONLY);
-  if (fd < 0) return nullptr;
-  // A board shorter than a page would fault on the first look at a slot
-  // beyond its end: only a whole one is used.
-  struct stat st;
-  void* mem = MAP_FAILED;
-  if (os_fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size == static_cast<off_t>(kBoardBytes))
-    mem = os_mmap(nullptr, kBoardBytes, PROT_READ, MAP_SHARED, fd, 0);
-  os_close(fd);
-  return mem == MAP_FAILED ? nullptr : static_cast<const uint32_t*>(mem);
-}
-
-void ml_CloseBoard(const uint32_t* board) {
-  if (board != nullptr) os_munmap(const_cast<uint32_t*>(board), kBoardBytes);
-}
 
 int ml_PrepareRunDir(const std::string& runDir, mode_t mode) {
   if (runDir.empty()) {
@@ -395,7 +351,6 @@ ml_ServiceOptions ml_OnDemandOptions() {
   o.Pairs = keyInt("SFL_MONITOR_PAIRS", 1, 1, ML_MAX_PAIRS);
   o.IdleSeconds = keyInt("SFL_MONITOR_IDLE_SECONDS", 30, 1, 86400 * 365);
   o.MaxEntries = static_cast<size_t>(keyInt("SFL_MONITOR_MAX_ENTRIES", 100000, 1, 100000000));
-  o.PollMicros = keyInt("SFL_MONITOR_POLL_US", 0, 0, 1000000);
   if (const char* g = cust_GetCustomiseInfo("SFL_MONITOR_GROUP"); g != nullptr && *g != '\0')
     o.Gid = ml_ResolveGroup(g);
   return o;

@@ -5,13 +5,6 @@
 // processes block in msgrcv and the ticks are what wake them for their
 // periodic work (sweeping dead processes, idle and stop checks).
 //
-// After each request a serving process keeps polling its queue (without
-// waiting, giving the processor up between looks) for a short time before
-// it sleeps in msgrcv: a client's exchanges come in bursts, and a request
-// that finds the server awake is answered in microseconds, where waking an
-// idle processor costs tens of them. Each reply sent is counted on the reply
-// board (ml.h), where the waiting client watches for it.
-//
 // Requests are read with a buffer of the largest message size and
 // MSG_NOERROR, and anything whose type and length are not exactly those of a
 // request is dropped. Replies are sent without waiting; a full reply queue is
@@ -52,8 +45,6 @@ constexpr size_t kMaxText = 8192;        // largest message the kernel takes by 
 constexpr int kTickMs = 250;             // ticker period
 constexpr int kSweepMs = 2000;           // sweep of dead processes
 constexpr size_t kMaxRequesters = 4096;  // requesters remembered between sweeps
-constexpr int64_t kBusyYieldUs = 50;     // a yield this long: the processors are busy
-constexpr int64_t kQuietUs = 20000;      // then no polling for this long
 
 volatile std::sig_atomic_t g_stop = 0;
 extern "C" void onStopSignal(int) { g_stop = 1; }
@@ -61,11 +52,6 @@ extern "C" void onStopSignal(int) { g_stop = 1; }
 int64_t nowMs() {
   using namespace std::chrono;
   return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
-}
-
-int64_t nowUs() {
-  using namespace std::chrono;
-  return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
 // The service's log: standard error, which a detached service has on the
@@ -105,8 +91,6 @@ struct Server {
   int requestQueue = -1;
   int replyQueue = -1;
   Shared* shared = nullptr;
-  uint32_t* board = nullptr;  // the reply board, when there is one
-  int pollMicros = 0;
   ml_InterestTable table;
   std::unordered_set<int32_t> requesters;  // answered since the last sweep
   int64_t nextSweepMs = 0;
@@ -159,11 +143,7 @@ void sendReply(Server& s, int32_t pid, const uint8_t* text, size_t len) {
   le_PutU32(msg, static_cast<uint32_t>(pid));
   std::memcpy(msg + 4, text, len);
   for (int attempt = 0; attempt < 3; ++attempt) {
-    if (os_msgsnd(s.replyQueue, msg, len, IPC_NOWAIT) == 0) {
-      // After the send: a client that sees the count move finds its reply.
-      if (s.board != nullptr) __atomic_fetch_add(&s.board[ml_BoardSlot(pid)], 1u, __ATOMIC_RELEASE);
-      return;
-    }
+    if (os_msgsnd(s.replyQueue, msg, len, IPC_NOWAIT) == 0) return;
     if (errno == EINTR) continue;
     if (errno != EAGAIN) break;
     if (attempt == 0) purgeRepliesFor(s.replyQueue, pid);
@@ -215,31 +195,11 @@ void serve(Server& s, KeepGoing keepGoing) {
   std::vector<uint8_t> buf(4 + kMaxText);
   int64_t nextCheck = 0;
   int failures = 0;
-  int64_t pollUntilUs = 0;
-  int64_t quietUntilUs = 0;  // no polling before this: the processors are busy
   s.nextSweepMs = nowMs() + kSweepMs;
   while (!g_stop) {
     ssize_t n = -1;
     try {
-      if (pollUntilUs != 0 && nowUs() < pollUntilUs) {
-        n = os_msgrcvTry(s.requestQueue, buf.data(), kMaxText, 0, MSG_NOERROR | IPC_NOWAIT);
-        if (n < 0 && errno != ENOMSG) ER_RAISE(ER_GROUP_OS, errno);
-        if (n < 0) {
-          // A yield that takes long means others were waiting for this
-          // processor: polling would only take time from them, and with
-          // every processor busy a sleeping server is woken cheaply anyway.
-          const int64_t before = nowUs();
-          os_sched_yield();
-          const int64_t after = nowUs();
-          if (after - before > kBusyYieldUs) {
-            pollUntilUs = 0;
-            quietUntilUs = after + kQuietUs;
-          }
-        }
-      } else {
-        pollUntilUs = 0;
-        n = os_msgrcv(s.requestQueue, buf.data(), kMaxText, 0, MSG_NOERROR);
-      }
+      n = os_msgrcv(s.requestQueue, buf.data(), kMaxText, 0, MSG_NOERROR);
       failures = 0;
     } catch (const er_Escape& e) {
       er_Clear();
@@ -255,10 +215,6 @@ void serve(Server& s, KeepGoing keepGoing) {
     }
     const bool tick = n >= 0 && static_cast<int32_t>(le_GetU32(buf.data())) == ML_MSG_TICK;
     if (n >= 0) handle(s, buf.data(), n);
-    if (n >= 0 && !tick && s.pollMicros > 0) {
-      const int64_t now = nowUs();
-      if (now >= quietUntilUs) pollUntilUs = now + s.pollMicros;
-    }
     int64_t now = nowMs();
     if (now >= s.nextSweepMs) {
       sweep(s);
@@ -378,9 +334,6 @@ int ml_RunService(const ml_ServiceOptions& opts) {
     return 1;
   }
   Shared* shared = new (mem) Shared;
-  // Without a board the clients wait in msgrcv alone: slower, not wrong.
-  uint32_t* board = ml_CreateBoard(dir, opts.Gid >= 0 ? 0640 : 0600);
-  if (board == nullptr) logLine("no reply board: %s", std::strerror(errno));
   const int64_t startMs = nowMs();
   for (auto& p : shared->pairs) p.lastActivityMs.store(startMs);
 
@@ -405,8 +358,6 @@ int ml_RunService(const ml_ServiceOptions& opts) {
       s.requestQueue = queues[2 * i];
       s.replyQueue = queues[2 * i + 1];
       s.shared = shared;
-      s.board = board;
-      s.pollMicros = opts.PollMicros;
       serve(s, [&] { return pidAlive(mainPid); });
       // The main process is gone (or we were stopped): take every queue down
       // so that no client waits on one that nobody serves.
@@ -441,8 +392,6 @@ int ml_RunService(const ml_ServiceOptions& opts) {
     s.requestQueue = queues[0];
     s.replyQueue = queues[1];
     s.shared = shared;
-    s.board = board;
-    s.pollMicros = opts.PollMicros;
     serve(s, [&] {
       if (g_stop) return false;  // a stop of the whole group is not a failure
       for (pid_t& c : children) {
@@ -479,14 +428,10 @@ int ml_RunService(const ml_ServiceOptions& opts) {
   // Unpublish first so that no new client finds queues about to go, then
   // take the queues down (which also wakes the other serving processes).
   ml_State now;
-  if (ml_ReadState(dir, &now) && now.MainPid == mainPid) {
-    os_unlink(ml_StatePath(dir).c_str());
-    os_unlink(ml_BoardPath(dir).c_str());
-  }
+  if (ml_ReadState(dir, &now) && now.MainPid == mainPid) os_unlink(ml_StatePath(dir).c_str());
   removeQueues(queues);
   for (pid_t c : children) stopChild(c);
   os_munmap(mem, sizeof(Shared));
-  ml_CloseBoard(board);
   logLine("stopped");
   os_close(lockFd);
   return code;

@@ -136,9 +136,7 @@ int ml_StartDetached(const ml_ServiceOptions& opts, const std::string& program) 
                                    "--idle-seconds",
                                    std::to_string(opts.IdleSeconds),
                                    "--max-entries",
-                                   std::to_string(opts.MaxEntries),
-                                   "--poll-us",
-                                   std::to_string(opts.PollMicros)};
+                                   std::to_string(opts.MaxEntries)};
   if (opts.Gid >= 0) {
     args.push_back("--group");
     args.push_back(std::to_string(opts.Gid));

@@ -14,7 +14,6 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <pthread.h>
-#include <sched.h>
 #include <sys/msg.h>
 #include <sys/wait.h>
 #include <signal.h>
@@ -450,23 +449,17 @@ int os_msgsnd(int qid, const void* msg, size_t textLen, int flags) {
   return ::msgsnd(qid, &m, limit(v, maxBytes, textLen), flags);
 }
 
-ssize_t os_msgrcvTry(int qid, void* msg, size_t textLen, long type, int flags) {
-  if (enter(os_Op::Msgrcv)) return -1;
+ssize_t os_msgrcv(int qid, void* msg, size_t textLen, long type, int flags) {
+  if (enter(os_Op::Msgrcv)) ER_RAISE(ER_GROUP_OS, errno);
   if (textLen > kMaxText) textLen = kMaxText;
   NativeMsg m;
   ssize_t n;
   do n = ::msgrcv(qid, &m, textLen, type, flags);
   while (n < 0 && errno == EINTR);
-  if (n < 0) return -1;
+  if (n < 0) ER_RAISE(ER_GROUP_OS, errno);
   int32_t wireType = static_cast<int32_t>(m.mtype);
   std::memcpy(msg, &wireType, 4);
   std::memcpy(static_cast<char*>(msg) + 4, m.mtext, static_cast<size_t>(n));
-  return n;
-}
-
-ssize_t os_msgrcv(int qid, void* msg, size_t textLen, long type, int flags) {
-  ssize_t n = os_msgrcvTry(qid, msg, textLen, type, flags);
-  if (n < 0) ER_RAISE(ER_GROUP_OS, errno);
   return n;
 }
 
@@ -492,8 +485,6 @@ pid_t os_getpid() {
   if (g_pid == 0) g_pid = ::getpid();
   return g_pid;
 }
-
-int os_sched_yield() { return ::sched_yield(); }
 
 uid_t os_getuid() { return ::getuid(); }
 

@@ -10,20 +10,11 @@
 // Replies come on the pair's reply queue with the requester's pid as type:
 //   record 16 bytes: token, other, count, -; withdraw and check 12 bytes:
 //   count, other, -.
-//
-// Waiting for a reply: the service counts each reply it sends on its reply
-// board (ml.h). The client first watches its slot there for a short time,
-// without a system call and without letting its processor go idle, and
-// only then receives; the receive waits as before when the reply has not
-// come by then (or another process sharing the slot moved the count).
 #include <cerrno>
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 
-#include "cust.h"
 #include "mdc.h"
 #include "ml.h"
 #include "os.h"
@@ -46,77 +37,8 @@ struct QueueTable {
   // The process that filled it. A forked child fills its own, so that the
   // stale replies it drains are those addressed to its own pid.
   int32_t filledBy = 0;
-  // The running service's reply board, or nullptr.
-  const uint32_t* board = nullptr;
 };
 QueueTable g_queues;
-
-// How long a client watches the reply board before it waits in msgrcv
-// ("SFL_INTEREST_WATCH_US", microseconds, 0 to 10,000; default 0: not at all).
-int64_t watchMicros() {
-  static int64_t us = -1;
-  if (us < 0) {
-    us = 0;
-    if (const char* v = cust_GetCustomiseInfo("SFL_INTEREST_WATCH_US"); v != nullptr && *v != '\0') {
-      char* end = nullptr;
-      long n = std::strtol(v, &end, 10);
-      if (*end == '\0' && n >= 0 && n <= 10000) us = n;
-    }
-  }
-  return us;
-}
-
-inline void cpuRelax() {
-#if defined(__i386__) || defined(__x86_64__)
-  __builtin_ia32_pause();
-#endif
-}
-
-// Watching pays only while the service answers quickly and this process
-// keeps its processor. A watch cut short because the process lost its
-// processor (the machine is busy: waiting in msgrcv costs little then), or
-// several in a row that saw no reply, stop watching for a while.
-constexpr int64_t kPreemptedUs = 30;   // a gap this long between two looks at the clock
-constexpr int kFailuresToBackOff = 3;
-constexpr int kBackOffExchanges = 64;
-int g_watchFailures = 0;
-int g_watchSkips = 0;
-
-enum class Watch { Moved, TimeOver, Preempted };
-
-// Watches a board slot until it moves away from `before` or the watch time
-// is over. No system call: the monotonic clock is read in user space.
-Watch watchSlot(const uint32_t* slot, uint32_t before, int64_t limitUs) {
-  using clock = std::chrono::steady_clock;
-  auto last = clock::now();
-  const auto until = last + std::chrono::microseconds(limitUs);
-  for (unsigned spins = 1;; ++spins) {
-    if (__atomic_load_n(slot, __ATOMIC_ACQUIRE) != before) return Watch::Moved;
-    cpuRelax();
-    if (spins % 32 != 0) continue;
-    const auto now = clock::now();
-    if (now - last > std::chrono::microseconds(kPreemptedUs)) return Watch::Preempted;
-    if (now >= until) return Watch::TimeOver;
-    last = now;
-  }
-}
-
-// Watches for the reply unless watching has not been paying lately.
-void awaitReply(const uint32_t* slot, uint32_t before) {
-  const int64_t limit = watchMicros();
-  if (limit == 0) return;
-  if (g_watchSkips > 0) {
-    --g_watchSkips;
-    return;
-  }
-  const Watch w = watchSlot(slot, before, limit);
-  if (w == Watch::Moved) {
-    g_watchFailures = 0;
-  } else if (w == Watch::Preempted || ++g_watchFailures >= kFailuresToBackOff) {
-    g_watchFailures = 0;
-    g_watchSkips = kBackOffExchanges;
-  }
-}
 
 // Receives whatever was left in each reply queue for this process id by an
 // earlier process with the same id.
@@ -161,10 +83,6 @@ void fillQueueTable() {
     }
     const int32_t self = os_getpid();
     drainStaleReplies(self);
-    // The board of the service just found (a forked child maps its own; the
-    // one it inherited may be an earlier service's).
-    ml_CloseBoard(g_queues.board);
-    g_queues.board = ml_OpenBoard(ml_RunDir());
     g_queues.filledBy = self;
     g_queues.initialised = 1;
   } catch (const er_Escape&) {
@@ -217,17 +135,13 @@ Answer exchange(const sfl_ItemRef& ref, const uint8_t* text, size_t textLen, int
   uint8_t msg[4 + ML_WITHDRAW_LEN] = {};
   sfl_PutU32(msg, static_cast<uint32_t>(type));
   std::memcpy(msg + 4, text, textLen);
-  const int32_t self = os_getpid();
-  const uint32_t* slot = g_queues.board != nullptr ? g_queues.board + ml_BoardSlot(self) : nullptr;
-  const uint32_t before = slot != nullptr ? __atomic_load_n(slot, __ATOMIC_ACQUIRE) : 0;
   sfl_DoSendMsg(requestQueue, msg, textLen, 0);
   g_replyPending = true;
-  if (slot != nullptr) awaitReply(slot, before);
   uint8_t reply[4 + ML_RECORD_REPLY_LEN] = {};
   // A receive that fails leaves the reply where it is: it is tried again.
   for (int attempt = 1;; ++attempt) {
     try {
-      os_msgrcv(replyQueue, reply, replyLen, self, 0);
+      os_msgrcv(replyQueue, reply, replyLen, os_getpid(), 0);
       break;
     } catch (const er_Escape&) {
       if (attempt >= kReceiveTries) throw;

@@ -10,10 +10,6 @@
 //   sfl-monitor.lock   flock'ed by the running service for its whole life
 //   sfl-monitor.start  flock'ed by a process that starts the service
 //   sfl-monitor.log    the service's log when it runs detached
-//   sfl-monitor.board  the reply board: one page the service and its clients
-//                      map, where a serving process counts the replies it
-//                      has sent to each process (slot: pid mod 1024), so a
-//                      client can watch for its reply without a system call
 #ifndef KQ_ML_H
 #define KQ_ML_H
 
@@ -56,21 +52,6 @@ std::string ml_StatePath(const std::string& runDir);
 std::string ml_LockPath(const std::string& runDir);
 std::string ml_StartLockPath(const std::string& runDir);
 std::string ml_LogPath(const std::string& runDir);
-std::string ml_BoardPath(const std::string& runDir);
-
-// ---- the reply board ----------------------------------------------------------------
-enum { ML_BOARD_SLOTS = 1024 };
-// The service's side: a fresh board file (written beside and renamed in, so
-// a client that still maps an earlier one is never cut short), mapped
-// writable. nullptr on failure (errno set); the service then runs without.
-uint32_t* ml_CreateBoard(const std::string& runDir, mode_t mode);
-// A client's side: the board of the running service, mapped read-only, or
-// nullptr when there is none (the client then waits in msgrcv alone).
-const uint32_t* ml_OpenBoard(const std::string& runDir);
-// Unmaps either.
-void ml_CloseBoard(const uint32_t* board);
-// The slot counting the replies to `pid`.
-inline size_t ml_BoardSlot(int32_t pid) { return static_cast<uint32_t>(pid) % ML_BOARD_SLOTS; }
 
 // Makes sure the run directory exists and is usable by this user (a directory
 // under /tmp must be ours). Returns 0, or -1 (errno set).
@@ -130,10 +111,6 @@ struct ml_ServiceOptions {
   int IdleSeconds = 0;      // exit after this long idle with no interest; 0: never
   size_t MaxEntries = 100000;  // interest entries per serving process
   int Gid = -1;             // >= 0: queues 0660 and state 0640 for this group
-  // After each request a serving process keeps polling its queue this long
-  // before it sleeps in msgrcv, so that a client's next request finds it
-  // awake (waking an idle processor costs far more than the request).
-  int PollMicros = 0;
 };
 
 // Whether the library may start a service on demand ("SFL_MONITOR_AUTOSTART",
@@ -141,8 +118,7 @@ struct ml_ServiceOptions {
 bool ml_AutoStartEnabled();
 // Options of a service started on demand: the run directory, and the keys
 // "SFL_MONITOR_PAIRS" (default 1), "SFL_MONITOR_IDLE_SECONDS" (default 30),
-// "SFL_MONITOR_MAX_ENTRIES", "SFL_MONITOR_GROUP", "SFL_MONITOR_POLL_US"
-// (microseconds, default 0: never poll).
+// "SFL_MONITOR_MAX_ENTRIES", "SFL_MONITOR_GROUP".
 ml_ServiceOptions ml_OnDemandOptions();
 // Group id from a number or a name in /etc/group; -1 when unknown.
 int ml_ResolveGroup(const char* text);

@@ -136,17 +136,12 @@ int os_msgsnd(int qid, const void* msg, size_t textLen, int flags);
 // Returns the text length received. A failure raises an escape in group 2
 // with the errno as reason (ENOMSG for an empty queue with IPC_NOWAIT).
 ssize_t os_msgrcv(int qid, void* msg, size_t textLen, long type, int flags);
-// The same receive for callers that poll: a failure (ENOMSG for an empty
-// queue with IPC_NOWAIT) returns -1 with errno set instead of raising.
-ssize_t os_msgrcvTry(int qid, void* msg, size_t textLen, long type, int flags);
 int os_msgctl(int qid, int cmd, void* buf);
 
 // ---- processes -------------------------------------------------------------
 // The calling process's id. Asked of the system once per process: an at-fork
 // handler forgets it in a forked child, which then asks again.
 pid_t os_getpid();
-// Gives the processor to another runnable process, if any (sched_yield).
-int os_sched_yield();
 uid_t os_getuid();
 // Sleeps for the given time, resuming after signals. Returns 0.
 int os_usleep(uint64_t microseconds);
