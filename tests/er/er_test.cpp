@@ -218,6 +218,33 @@ TEST(ErStartup, TraceLevelIsReadFromConfigurationAtLoad) {
 void RaiseInC(void* ctx) { er_RaiseC(ER_GROUP_SFL, *static_cast<int*>(ctx), "c.c", 7); }
 void DoNothing(void* ctx) { *static_cast<int*>(ctx) = 42; }
 
+TEST_F(ErTest, RetryRunsAgainWhileEscapingThenPassesTheLastEscapeOn) {
+  int runs = 0;
+  // Fails twice, then gives its result on the third run.
+  EXPECT_EQ(42, er_Retry(3, [&] {
+              if (++runs < 3) ER_RAISE(7, 100 + runs);
+              return 42;
+            }));
+  EXPECT_EQ(runs, 3);
+  EXPECT_FALSE(er_GetLive());  // the absorbed escapes were cleared
+  // Fails every time: the last escape passes on, still live.
+  runs = 0;
+  try {
+    er_Retry(2, [&] { ER_RAISE(7, 100 + ++runs); });
+    ADD_FAILURE() << "no escape";
+  } catch (const er_Escape& e) {
+    EXPECT_EQ(e.group(), 7);
+    EXPECT_EQ(e.reason(), 102);
+  }
+  EXPECT_EQ(runs, 2);
+  EXPECT_TRUE(er_GetLive());
+  er_Clear();
+  // A run that does not escape is the only one.
+  runs = 0;
+  er_Retry(5, [&] { ++runs; });
+  EXPECT_EQ(runs, 1);
+}
+
 TEST_F(ErTest, TrampolineReportsEscapesToC) {
   int group = 0, reason = 0, value = 28866;
   EXPECT_EQ(er_CallC(RaiseInC, &value, &group, &reason), 1);

@@ -498,6 +498,34 @@ TEST(MonitWire, ReplyOfAnotherProcessIsLeftAlone) {
   }));
 }
 
+// A receive that fails leaves the reply in the queue: the exchange tries
+// again, up to three receives in all, and takes it.
+TEST(MonitWire, FailedReceivesAreTriedAgainUpToThreeTimes) {
+  autostartOff();
+  FakeService svc(0, 2);
+  const int rep = svc.queues[1];
+  EXPECT_EQ(0, RunInChild([&] {
+    sfl_GetQueue(nullptr, nullptr, nullptr, nullptr, nullptr);
+    sfl_BaseRec rec;
+    fillBase(&rec, makeRef(1, 1));
+    put(rep, getpid(), {6, 1, 0});
+    os_ResetCallCounts();
+    os_FailNth(os_Op::Msgrcv, 1, EIO, 2);
+    sfl_CheckBaseInterest(&rec);
+    if (rec.ProcAccCount != 6 || rec.OtherInterest != 1) return 1;
+    if (os_CallCount(os_Op::Msgrcv) != 3) return 2;
+    if (depth(rep) != 0) return 3;
+    // A third failure passes on, with the reply still queued.
+    put(rep, getpid(), {7, 0, 0});
+    os_ResetCallCounts();
+    os_FailNth(os_Op::Msgrcv, 1, EIO, 3);
+    if (escapeOf([&] { sfl_CheckBaseInterest(&rec); }) != sfltest::EscapeCode(ER_GROUP_OS, EIO)) return 4;
+    if (os_CallCount(os_Op::Msgrcv) != 3 || depth(rep) != 1) return 5;
+    os_ClearFaults();
+    return 0;
+  }));
+}
+
 // ---- with the real service ---------------------------------------------------------------------
 
 // Each case starts with no service and the default on-demand start.

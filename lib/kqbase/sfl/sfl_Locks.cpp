@@ -87,12 +87,7 @@ int32_t releaseRange(int fd, uint64_t offset, uint64_t length) {
   // A release (or downgrade) that fails is tried once more before the
   // failure passes on: a lock left behind shuts other processes out until
   // the descriptor closes.
-  try {
-    return lockRange(fd, mode, offset, length);
-  } catch (const er_Escape&) {
-    er_Clear();
-  }
-  return lockRange(fd, mode, offset, length);
+  return er_Retry(2, [&] { return lockRange(fd, mode, offset, length); });
 }
 
 int baseFd(const sfl_ItemRec* item) {

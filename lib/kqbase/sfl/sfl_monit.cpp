@@ -139,15 +139,7 @@ Answer exchange(const sfl_ItemRef& ref, const uint8_t* text, size_t textLen, int
   g_replyPending = true;
   uint8_t reply[4 + ML_RECORD_REPLY_LEN] = {};
   // A receive that fails leaves the reply where it is: it is tried again.
-  for (int attempt = 1;; ++attempt) {
-    try {
-      os_msgrcv(replyQueue, reply, replyLen, os_getpid(), 0);
-      break;
-    } catch (const er_Escape&) {
-      if (attempt >= kReceiveTries) throw;
-      er_Clear();
-    }
-  }
+  er_Retry(kReceiveTries, [&] { os_msgrcv(replyQueue, reply, replyLen, os_getpid(), 0); });
   g_replyPending = false;
   Answer a;
   a.w0 = sfl_GetU32(reply + 4);

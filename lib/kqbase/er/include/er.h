@@ -142,6 +142,22 @@ class er_StatusKeeper {
  private:
   er_Status saved_;
 };
+
+/* Runs `fn` and gives its result; while it escapes, clears the status and
+   runs it again, `tries` runs in all, after which the last escape passes on.
+   For a call whose failure leaves things as they were (a lock still held, a
+   reply still in its queue), so that asking again may succeed. */
+template <typename Fn>
+auto er_Retry(int tries, Fn&& fn) -> decltype(fn()) {
+  for (int attempt = 1;; ++attempt) {
+    try {
+      return fn();
+    } catch (const er_Escape&) {
+      if (attempt >= tries) throw;
+      er_Clear();
+    }
+  }
+}
 #endif /* __cplusplus */
 
 #endif /* KQ_ER_H */
