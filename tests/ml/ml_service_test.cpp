@@ -44,6 +44,12 @@ std::string fileText(const std::string& path) {
 
 std::string logPath() { return sfltest::TestDir() + "/service.log"; }
 
+// Sends this process's standard error, where the service logs, to logPath().
+bool logToServiceLog() {
+  int log = open(logPath().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+  return log >= 0 && dup2(log, 2) >= 0;
+}
+
 ml_ServiceOptions options(int pairs = 1) {
   ml_ServiceOptions o;
   o.RunDir = RunDir();
@@ -56,8 +62,7 @@ ml_ServiceOptions options(int pairs = 1) {
 // status of the service.
 int runService(const ml_ServiceOptions& o, const std::function<void()>& prepare = [] {}) {
   return RunInChild([&] {
-    int log = open(logPath().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    if (log < 0 || dup2(log, 2) < 0) return 90;
+    if (!logToServiceLog()) return 90;
     os_ResetCallCounts();
     prepare();
     return ml_RunService(o);
@@ -68,8 +73,7 @@ int runService(const ml_ServiceOptions& o, const std::function<void()>& prepare 
 // pid once published.
 int startService(const ml_ServiceOptions& o) {
   int pid = StartChild([&] {
-    int log = open(logPath().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    if (log < 0 || dup2(log, 2) < 0) return 90;
+    if (!logToServiceLog()) return 90;
     return ml_RunService(o);
   });
   ml_State st;
@@ -295,8 +299,7 @@ TEST_F(MlService, KillOfTheWholeServiceGroupWakesAWaitingClient) {
   ml_ServiceOptions o = options(2);
   int pid = StartChild([&] {
     setpgid(0, 0);
-    int log = open(logPath().c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    if (log < 0 || dup2(log, 2) < 0) return 90;
+    if (!logToServiceLog()) return 90;
     return ml_RunService(o);
   });
   ml_State st;
