@@ -431,38 +431,35 @@ int Driver(const Options& o) {
                   rt, rtPoll, file, create, lock, rd, wr);
     }
   }
-  for (const auto& r : runs) {
-    // The read probe of the first sfl W1 run (system calls per read).
-    if (r.workload != "W1" || r.system != "sfl" || r.mode != "async" || !r.ok || !r.f.count("probe_read_handle")) continue;
-    Figures f = r.f;
+  // The figures of the first successful sfl run of a workload and mode
+  // that carries `key`, or null.
+  auto firstSflRun = [&](const char* workload, const char* mode, const char* key) -> const Figures* {
+    for (const auto& r : runs)
+      if (r.workload == workload && r.system == "sfl" && r.mode == mode && r.ok && r.f.count(key))
+        return &r.f;
+    return nullptr;
+  };
+  if (const Figures* p = firstSflRun("W1", "async", "probe_read_handle")) {
+    Figures f = *p;
     std::printf("\nsfl system calls per read of a 4 KiB item: %.0f on an open item handle; %.0f to\n"
                 "open, read and close an item of an open container; %.0f by reference with the\n"
                 "container in the cold store; %.0f by reference with the container closed\n",
                 f["probe_read_handle"], f["probe_read_open_container"], f["probe_read_cold"],
                 f["probe_read_closed"]);
-    break;
   }
-  // Calls by phase, from the first sfl run of each that has them.
+  // Calls by phase.
   for (const char* mode : {"async", "sync"}) {
-    for (const auto& r : runs) {
-      if (r.workload != "W1" || r.system != "sfl" || r.mode != mode || !r.ok ||
-          !r.f.count("calls_store_msg"))
-        continue;
-      Figures f = r.f;
+    if (const Figures* p = firstSflRun("W1", mode, "calls_store_msg")) {
+      Figures f = *p;
       std::printf("\nsfl system calls per W1 message (%s): %.1f to store it (create, five parts,\n"
                   "close), %.1f to read it (open, five parts, close), %.1f to delete it\n",
                   mode, f["calls_store_msg"], f["calls_read_msg"], f["calls_delete_msg"]);
-      break;
     }
-    for (const auto& r : runs) {
-      if (r.workload != "W2" || r.system != "sfl" || r.mode != mode || !r.ok ||
-          !r.f.count("calls_append"))
-        continue;
-      Figures f = r.f;
+    if (const Figures* p = firstSflRun("W2", mode, "calls_append")) {
+      Figures f = *p;
       std::printf("\nsfl system calls per W2 operation (%s): %.1f per append, %.1f per random\n"
                   "read, %.1f per free\n",
                   mode, f["calls_append"], f["calls_read"], f["calls_free"]);
-      break;
     }
   }
   std::printf(
