@@ -13,18 +13,7 @@
 
 namespace {
 
-std::string StderrOf(void (*fn)()) {
-  const std::string path = sfltest::TestDir() + "/cl-stderr";
-  int tmp = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
-  int saved = ::dup(2);
-  ::dup2(tmp, 2);
-  fn();
-  ::dup2(saved, 2);
-  ::close(saved);
-  ::close(tmp);
-  std::vector<uint8_t> b = sfltest::FileBytes(path);
-  return std::string(b.begin(), b.end());
-}
+std::string StderrOf(void (*fn)()) { return sfltest::WrittenTo(2, fn); }
 
 TEST(ClDisplayError, OneLineWithGroupReasonTextAndPath) {
   EXPECT_EQ(StderrOf([] { cl_DisplayError(100, 28862, "/store/2/17/4113"); }),

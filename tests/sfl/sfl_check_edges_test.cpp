@@ -29,37 +29,6 @@ using Bytes = std::vector<uint8_t>;
 
 // ---- running the check in this process ----------------------------------------------------
 
-// Sends a descriptor into a file of the test directory while it lives.
-class Redirect {
- public:
-  Redirect(int fd, const char* leaf) : fd_(fd), path_(sfltest::TestDir() + "/" + leaf) {
-    std::fflush(nullptr);
-    const int tmp = ::open(path_.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
-    saved_ = ::dup(fd_);
-    ::dup2(tmp, fd_);
-    ::close(tmp);
-  }
-  ~Redirect() { Stop(); }
-  std::string Stop() {
-    if (saved_ >= 0) {
-      std::fflush(nullptr);
-      ::dup2(saved_, fd_);
-      ::close(saved_);
-      saved_ = -1;
-      const Bytes b = sfltest::FileBytes(path_);
-      text_.assign(b.begin(), b.end());
-      ::unlink(path_.c_str());
-    }
-    return text_;
-  }
-
- private:
-  int fd_;
-  std::string path_;
-  int saved_ = -1;
-  std::string text_;
-};
-
 struct CheckRun {
   int32_t result = -1;
   std::string out, err;
@@ -69,7 +38,7 @@ struct CheckRun {
 
 CheckRun Check(const sfl_ItemRef& ref, int32_t repair) {
   CheckRun r;
-  Redirect out(1, "check-out"), err(2, "check-err");
+  sfltest::CapturedOutput out(1), err(2);
   r.result = sfl_CheckSflIntegrity2(&ref, repair, nullptr);
   r.err = err.Stop();
   r.out = out.Stop();

@@ -42,24 +42,6 @@ std::string Printed(const std::function<void(FILE*)>& fn) {
   return s;
 }
 
-// Runs `fn` with descriptor `fd` (and its stdio stream) sent to a file, and
-// returns what was written to it.
-std::string CapturedFd(FILE* stream, int fd, const std::function<void()>& fn) {
-  const std::string path = sfltest::TestDir() + "/captured";
-  std::fflush(stream);
-  const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
-  EXPECT_GE(file, 0);
-  const int saved = ::dup(fd);
-  ::dup2(file, fd);
-  fn();
-  std::fflush(stream);
-  ::dup2(saved, fd);
-  ::close(saved);
-  ::close(file);
-  const Bytes b = sfltest::FileBytes(path);
-  return std::string(b.begin(), b.end());
-}
-
 // `text` right-aligned in `width` characters, as a printf field would be.
 std::string Pad(const std::string& text, size_t width) {
   return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
@@ -479,7 +461,7 @@ TEST(DumpTables, OpenFiles) {
   sfltest::OpenContainer a = sfltest::NewContainer();
   sfltest::OpenContainer b = sfltest::NewContainer();
   int32_t mark = -1;
-  const std::string text = CapturedFd(stderr, 2, [&] { mark = sfl_DumpBaseItems(); });
+  const std::string text = sfltest::WrittenTo(2, [&] { mark = sfl_DumpBaseItems(); });
   EXPECT_EQ(mark, static_cast<int32_t>(sfl_OpenFiles().HighWater()));
   for (const auto& c : {a, b}) {
     const sfl_BaseRec* rec = sfl_Handle2Record(c.bh);
@@ -512,7 +494,7 @@ TEST(DumpTables, OpenItems) {
   ASSERT_EQ(sfl_WriteSerialData(h, data.data(), 10), 10);
   const sfl_ItemRec* item = sfl_ItemHandle2Record(h);
   int32_t mark = -1;
-  const std::string text = CapturedFd(stderr, 2, [&] { mark = sfl_DumpOpenItems(); });
+  const std::string text = sfltest::WrittenTo(2, [&] { mark = sfl_DumpOpenItems(); });
   EXPECT_EQ(mark, static_cast<int32_t>(sfl_OpenItems().HighWater()));
   const std::string want =
       "Entry Number: " + Pad(h, 5) + "------------------------------\n" + "BaseHandle " +
@@ -542,18 +524,18 @@ TEST(DumpTables, StreamsNumberedFromEightThousand) {
   const int32_t s1 = sfl_fOpen(p1.c_str(), "r");
   ASSERT_EQ(s1, SFL_STREAM_HANDLE_FIRST);
   int32_t mark = -1;
-  std::string text = CapturedFd(stdout, 1, [&] { mark = sfl_DumpOpenL3Items(); });
+  std::string text = sfltest::WrittenTo(1, [&] { mark = sfl_DumpOpenL3Items(); });
   EXPECT_EQ(text, "Entry Number:  8000------------------------------\n");
   EXPECT_EQ(mark, 1);
 
   const int32_t s2 = sfl_fOpen(p2.c_str(), "r");
   ASSERT_EQ(s2, SFL_STREAM_HANDLE_FIRST + 1);
   sfl_fClose(s1);
-  text = CapturedFd(stdout, 1, [&] { mark = sfl_DumpOpenL3Items(); });
+  text = sfltest::WrittenTo(1, [&] { mark = sfl_DumpOpenL3Items(); });
   EXPECT_EQ(text, "Entry Number:  8001------------------------------\n");
   EXPECT_EQ(mark, 2);
   sfl_fClose(s2);
-  text = CapturedFd(stdout, 1, [&] { mark = sfl_DumpOpenL3Items(); });
+  text = sfltest::WrittenTo(1, [&] { mark = sfl_DumpOpenL3Items(); });
   EXPECT_EQ(text, "");
   EXPECT_EQ(mark, 2);
 }
@@ -561,14 +543,14 @@ TEST(DumpTables, StreamsNumberedFromEightThousand) {
 // The table dumps print nothing on the other standard stream.
 TEST(DumpTables, EachOnItsOwnStream) {
   sfltest::OpenContainer c = sfltest::NewContainer();
-  std::string out = CapturedFd(stdout, 1, [&] {
+  std::string out = sfltest::WrittenTo(1, [&] {
     sfl_DumpBaseItems();
     sfl_DumpOpenItems();
   });
   EXPECT_EQ(out, "");
   const std::string p = sfltest::WritePlainFile("s", "x");
   const int32_t s = sfl_fOpen(p.c_str(), "r");
-  std::string err = CapturedFd(stderr, 2, [&] { sfl_DumpOpenL3Items(); });
+  std::string err = sfltest::WrittenTo(2, [&] { sfl_DumpOpenL3Items(); });
   EXPECT_EQ(err, "");
   sfl_fClose(s);
   sfl_CloseFile(c.bh);

@@ -19,23 +19,6 @@ namespace {
 
 using sfltest::ReasonOf;
 
-// What `fn` wrote to descriptor `fd` (1 or 2).
-std::string Written(int fd, const std::function<void()>& fn) {
-  const std::string path = sfltest::TestDir() + "/written";
-  std::fflush(nullptr);
-  const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
-  EXPECT_GE(file, 0);
-  const int saved = ::dup(fd);
-  ::dup2(file, fd);
-  ::close(file);
-  fn();
-  std::fflush(nullptr);
-  ::dup2(saved, fd);
-  ::close(saved);
-  const std::vector<uint8_t> b = sfltest::FileBytes(path);
-  return std::string(b.begin(), b.end());
-}
-
 // The first words of a dump's entry for table entry `number`.
 std::string Entry(int32_t number) {
   char buf[32];
@@ -102,7 +85,7 @@ TEST(TableDumpEdges, EntriesGivenBackAreNotShown) {
   sfl_CloseFile(gone.bh);
   sfltest::CloseColdFiles();
   ASSERT_EQ(sfl_OpenFiles().At(static_cast<size_t>(gone.bh - SFL_BASE_HANDLE_FIRST))->InUse, 0u);
-  const std::string files = Written(2, [] { sfl_DumpBaseItems(); });
+  const std::string files = sfltest::WrittenTo(2, [] { sfl_DumpBaseItems(); });
   EXPECT_NE(files.find(Entry(kept.bh) + " : FileName " + sfltest::ItemPath(kept.ref)), std::string::npos)
       << files;
   EXPECT_EQ(files.find(Entry(gone.bh)), std::string::npos) << files;
@@ -113,7 +96,7 @@ TEST(TableDumpEdges, EntriesGivenBackAreNotShown) {
   const int32_t ha = sfl_StoreBasicItem(kept.bh, nullptr, 10, &a, 0);
   const int32_t hb = sfl_StoreBasicItem(kept.bh, nullptr, 20, &b, 0);
   sfl_CloseItem(ha);
-  const std::string items = Written(2, [] { sfl_DumpOpenItems(); });
+  const std::string items = sfltest::WrittenTo(2, [] { sfl_DumpOpenItems(); });
   EXPECT_NE(items.find(Entry(hb) + "---"), std::string::npos) << items;
   EXPECT_EQ(items.find(Entry(ha)), std::string::npos) << items;
 
@@ -124,7 +107,7 @@ TEST(TableDumpEdges, EntriesGivenBackAreNotShown) {
   const int32_t s2 = sfl_fOpen(p2.c_str(), "r");
   sfl_fClose(s1);
   // Stream entries are numbered from 8000, a thousand below their handles.
-  const std::string streams = Written(1, [] { sfl_DumpOpenL3Items(); });
+  const std::string streams = sfltest::WrittenTo(1, [] { sfl_DumpOpenL3Items(); });
   EXPECT_NE(streams.find(Entry(s2 - 1000) + "---"), std::string::npos) << streams;
   EXPECT_EQ(streams.find(Entry(s1 - 1000)), std::string::npos) << streams;
   sfl_fClose(s2);

@@ -33,41 +33,6 @@ using sfltest::EscapeOf;
 
 // ---- running the check ---------------------------------------------------------------
 
-// Redirects a descriptor into a temporary file for the life of the object.
-class Capture {
- public:
-  explicit Capture(int fd) : fd_(fd) {
-    std::fflush(stdout);
-    std::fflush(stderr);
-    std::snprintf(path_, sizeof path_, "%s/capture-XXXXXX", sfltest::TestDir().c_str());
-    tmp_ = ::mkstemp(path_);
-    saved_ = ::dup(fd_);
-    ::dup2(tmp_, fd_);
-  }
-  ~Capture() { Stop(); }
-  std::string Stop() {
-    if (saved_ >= 0) {
-      std::fflush(stdout);
-      std::fflush(stderr);
-      ::dup2(saved_, fd_);
-      ::close(saved_);
-      saved_ = -1;
-      Bytes b = sfltest::FileBytes(path_);
-      text_.assign(b.begin(), b.end());
-      ::close(tmp_);
-      ::unlink(path_);
-    }
-    return text_;
-  }
-
- private:
-  int fd_;
-  int tmp_ = -1;
-  int saved_ = -1;
-  char path_[512];
-  std::string text_;
-};
-
 struct CheckRun {
   int32_t result = -1;
   std::string out;  // the fault lines
@@ -101,7 +66,7 @@ std::vector<int> NumbersIn(const std::string& text) {
 
 CheckRun RunCheck(const sfl_ItemRef& ref, int32_t repair, FILE* dump = nullptr) {
   CheckRun run;
-  Capture out(1), err(2);
+  sfltest::CapturedOutput out(1), err(2);
   run.result = sfl_CheckSflIntegrity2(&ref, repair, dump);
   run.err = err.Stop();
   run.out = out.Stop();
@@ -1290,7 +1255,7 @@ TEST(CheckFuzz, RandomDamageAlwaysEndsInAResult) {
   int faults = 0;
   double slowest = 0;
   std::string problem;
-  Capture out(1), err(2);  // the fault lines of thousands of checks are not wanted
+  sfltest::CapturedOutput out(1), err(2);  // the fault lines of thousands of checks are not wanted
   for (int round = 0; round < kRounds; ++round) {
     const bool useA = (round % 2) == 0;
     const Made& m = useA ? a : b;

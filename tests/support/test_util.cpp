@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -103,6 +104,39 @@ std::vector<uint8_t> PseudoRandomBytes(size_t n, uint32_t seed, uint32_t salt) {
 }
 
 bool DescriptorOpen(int fd) { return fd >= 0 && ::fcntl(fd, F_GETFD) != -1; }
+
+CapturedOutput::CapturedOutput(int fd) : fd_(fd) {
+  std::fflush(nullptr);
+  std::string templ = TestDir() + "/captured-XXXXXX";
+  const int file = ::mkstemp(templ.data());
+  EXPECT_GE(file, 0) << "no file to capture descriptor " << fd;
+  if (file < 0) return;
+  path_ = templ;
+  saved_ = ::dup(fd_);
+  ::dup2(file, fd_);
+  ::close(file);
+}
+
+CapturedOutput::~CapturedOutput() { Stop(); }
+
+std::string CapturedOutput::Stop() {
+  if (saved_ >= 0) {
+    std::fflush(nullptr);
+    ::dup2(saved_, fd_);
+    ::close(saved_);
+    saved_ = -1;
+    const std::vector<uint8_t> b = FileBytes(path_);
+    text_.assign(b.begin(), b.end());
+    ::unlink(path_.c_str());
+  }
+  return text_;
+}
+
+std::string WrittenTo(int fd, const std::function<void()>& fn) {
+  CapturedOutput capture(fd);
+  fn();
+  return capture.Stop();
+}
 
 // ---- locks seen from another process ---------------------------------------------------
 

@@ -72,6 +72,27 @@ bool DescriptorOpen(int fd);
 // their descriptors and interests go (and a child forked next inherits none).
 void CloseColdFiles();
 
+// Sends descriptor `fd` (1 or 2) into a file of the test directory while it
+// lives; Stop(), or the end of its life, flushes stdio, puts the descriptor
+// back and returns what was written to it.
+class CapturedOutput {
+ public:
+  explicit CapturedOutput(int fd);
+  ~CapturedOutput();
+  CapturedOutput(const CapturedOutput&) = delete;
+  CapturedOutput& operator=(const CapturedOutput&) = delete;
+  std::string Stop();
+
+ private:
+  int fd_;
+  int saved_ = -1;
+  std::string path_;
+  std::string text_;
+};
+
+// What `fn` wrote to descriptor `fd` (1 or 2).
+std::string WrittenTo(int fd, const std::function<void()>& fn);
+
 // ---- locks seen from another process ---------------------------------------------------
 
 // Asks from a forked child, through a descriptor of its own (F_OFD_GETLK),
