@@ -32,6 +32,13 @@ ml_State sample() {
   return st;
 }
 
+// The tests of this file share their process's run directory when the
+// whole program runs at once; one that looks at the whole directory, or at
+// the absence of a state, starts from an empty one.
+void EmptyRunDir() {
+  for (const auto& e : std::filesystem::directory_iterator(RunDir())) std::filesystem::remove_all(e.path());
+}
+
 TEST(MlRunDir, ConfiguredThenRuntimeDirThenPerUserTmp) {
   setenv("SFL_RUN_DIR", "/some/where", 1);
   EXPECT_EQ("/some/where", ml_RunDir());
@@ -79,6 +86,7 @@ TEST(MlState, MalformedTextIsRefused) {
 }
 
 TEST(MlState, PublishReplacesAtomicallyAndLeavesNoTemporary) {
+  EmptyRunDir();
   ml_State st = sample();
   ASSERT_EQ(0, ml_PublishState(RunDir(), st, 0600));
   st.MainPid = 12345;
@@ -231,6 +239,7 @@ TEST(MlSubsystem, ManyAdditionalProcessesAreCountedAndTheFirstOnesKept) {
 }
 
 TEST(MlSubsystem, NoStateIsDownWithAutostartOff) {
+  EmptyRunDir();
   setenv("SFL_MONITOR_AUTOSTART", "0", 1);
   EXPECT_EQ(ML_STATE_DOWN, ml_GetSSState(ML_SUBSYSTEM_MONITOR));
   ml_SubSystemDetails d;
