@@ -165,8 +165,9 @@ TEST(Fallback, ACloseThatFailsAfterAFailedStoreStillGivesTheRecordBack) {
   const sfl_ItemRef full = FullContainer();
   const sfl_ItemRef missing = MissingSource();
 
-  // The log file is opened by the first message logged; the absorbed
-  // close failure logs one.
+  // The log file is opened by the first message logged; it is opened here,
+  // so that a message logged on the way does not count as a descriptor left
+  // behind.
   er_LogMsg(9, "log opened before the count of descriptors");
   const auto namesBefore = StoreFileNames();
   const Held before = HeldNow();

@@ -32,13 +32,10 @@ int32_t StoreInNewContainer(int32_t type, sfl_ItemRef* out, uint32_t size, uint3
     // A close that escapes leaves the file open, to be closed again; only
     // this call knows the new container, so it tries once more rather than
     // leave its record, descriptor and file behind.
-    for (int attempt = 0; attempt < 2; ++attempt) {
-      try {
-        sfl_CloseFile(baseHandle);
-        break;
-      } catch (const er_Escape&) {
-        er_Accept(5);
-      }
+    try {
+      er_Retry(2, [&] { sfl_CloseFile(baseHandle); });
+    } catch (const er_Escape&) {
+      er_Accept(5);
     }
     throw;
   }
