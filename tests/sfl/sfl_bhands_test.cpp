@@ -44,8 +44,12 @@ class BaseTableTest : public ::testing::Test {
     rec->Name[0] = 'b';
     rec->FileFlags = SINGLE_FILE;
     rec->ExternalOpens = 1;
-    std::string path = sfltest::StoreRoot() + "/table-" + std::to_string(fileId);
-    rec->FileDes = os_open(path.c_str(), O_RDWR | O_CREAT, 0600);
+    // The file lies where its reference leads: a revival holds the name to
+    // the file it kept.
+    const std::string dir = sfltest::StoreRoot() + "/1";
+    ::mkdir(dir.c_str(), 0700);
+    ::mkdir((dir + "/2").c_str(), 0700);
+    rec->FileDes = os_open(PathOf(RefOf(fileId)).c_str(), O_RDWR | O_CREAT, 0600);
     EXPECT_GE(rec->FileDes, 0);
     return rec;
   }
@@ -237,8 +241,8 @@ TEST_F(BaseTableTest, ColdRecordOfARemovedFileIsNotRevived) {
   sfl_BaseRec* rec = NewFile(&h, 33);
   const int fd = rec->FileDes;
   sfl_EnterColdStore(rec);
-  ASSERT_EQ(sfltest::RunInChild([] {
-              return ::unlink((sfltest::StoreRoot() + "/table-33").c_str()) == 0 ? 0 : 1;
+  ASSERT_EQ(sfltest::RunInChild([this] {
+              return ::unlink(PathOf(RefOf(33)).c_str()) == 0 ? 0 : 1;
             }),
             0);
   sfl_ItemRef ref = RefOf(33);

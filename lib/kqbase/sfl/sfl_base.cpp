@@ -20,6 +20,7 @@
 #include "im.h"
 #include "mdc.h"
 #include "os.h"
+#include "sfl_alone.h"
 #include "sfl_int.h"
 
 // ==== 1. globals and helpers =============================================================
@@ -39,6 +40,10 @@ constexpr uint32_t kMapBytesPerExtraBlock = 262144;  // one more block per 256 K
 constexpr uint32_t kBitModulo = 1u << 25;            // block numbers of a 32-bit offset
 constexpr uint32_t kInitialUsedBlocks = 7;           // header, table and map: 896 bytes
 constexpr uint16_t kTempDomain = 4;                  // files never compacted at close
+// Opens of a name that moved on to another file before the open could lock
+// it: each move is a whole close or rebuild by another process, so a few
+// tries are plenty; past them the name is reported as stale.
+constexpr int kOpenAttempts = 8;
 
 bool IsSingle(const sfl_BaseRec* rec) { return (rec->FileFlags & SINGLE_FILE) != 0; }
 
@@ -606,30 +611,30 @@ int32_t sfl_OpenSfl(const sfl_ItemRef* ref, uint32_t implicitOpen) {
   const int32_t handle = rec.Handle();
   sfl_SetRef(*rec.get(), *ref);
   rec.OwnDescriptor();
-  rec->FileDes = im_OpenItem(ref);
 
+  // The descriptor is opened by name, and the name may move on before the
+  // header lock is ours: a last close may have removed the file meanwhile,
+  // or a rebuild renamed a new one over it. Under the lock the name cannot
+  // move any more, so the file is used only if the name still leads to it;
+  // otherwise the name is opened again. A name that is gone is the ordinary
+  // failure of the open. A file marked replaced by a rebuild is opened by
+  // name once more in any case.
   sfl_Held header;
-  header.Header(rec.get(), SFL_LOCK_SHARED);
   sfl_FileHeader h;
-  ReadAndCheckHeader(rec.get(), &h);
-  while (h.Flags & HAS_BEEN_COMPACTED) {
-    // A rebuild replaced the file under this name after we opened it:
-    // open the name again and read the new file's header instead (which
-    // another rebuild may have replaced meanwhile in its turn). A name still
-    // on the same file has nothing newer to offer.
-    header.Unlock();
-    struct stat was {};
-    const bool known = os_fstat(rec->FileDes, &was) == 0;
-    int old = rec->FileDes;
-    rec->FileDes = -1;
-    mdc_close(old);
+  bool reopenedReplaced = false;
+  for (int attempt = 1;; ++attempt) {
     rec->FileDes = im_OpenItem(ref);
     header.Header(rec.get(), SFL_LOCK_SHARED);
-    ReadAndCheckHeader(rec.get(), &h);
-    struct stat now {};
-    if (!known || os_fstat(rec->FileDes, &now) != 0 ||
-        (now.st_ino == was.st_ino && now.st_dev == was.st_dev))
-      break;
+    if (sfl_HoldsNamedFile(rec->FileDes, *ref)) {
+      ReadAndCheckHeader(rec.get(), &h);
+      if (!(h.Flags & HAS_BEEN_COMPACTED) || reopenedReplaced) break;
+      reopenedReplaced = true;
+    }
+    header.Unlock();
+    const int stale = rec->FileDes;
+    rec->FileDes = -1;
+    mdc_close(stale);
+    if (attempt == kOpenAttempts) ER_RAISE(ER_GROUP_OS, ESTALE);
   }
 
   rec->ITableOff = h.TableOffset;
@@ -719,36 +724,42 @@ void sfl_CloseFile(int32_t baseHandle) {
     return;
   }
 
-  bool unlink = false;
+  // Releasing pending deletions and removing an emptied file need the file
+  // to this process alone, for the whole of the work.
+  bool gone = false;  // removed here, or no longer the file its name leads to
   sfl_FileHeader h;
   {
-    sfl_Held header;
-    header.Header(rec, SFL_LOCK_EXCL);
+    sfl_HoldAlone use;
+    use.Take(rec, sfl_Interest::Held);
     sfl_ReadFileHeader(rec, &h);
-    sfl_CheckBaseInterest(rec);
-    if (rec->ProcAccCount <= 1 && rec->OtherInterest == 0) {
+    if (use.Alone()) {
       const bool pending = (h.Flags & ITEM_PEND_DEL) != 0;
       if (pending) ReleasePendingDeletions(rec, baseHandle, &h);
       if (h.UsedItems == 0) {
-        unlink = true;
+        gone = true;
       } else if (pending) {
         h.Flags &= ~static_cast<uint32_t>(ITEM_PEND_DEL);
         sfl_WriteFileHeader(rec, h);
       }
     }
+    // The name is removed only while it leads to the file this process
+    // holds: once a rebuild has put a new file there, the name is that
+    // file's, with whatever others stored in it since. The file held is then
+    // nameless and goes with its descriptor.
+    const bool named = gone && use.Named();
     // A flush that fails leaves the file open and its interest recorded.
-    if (!unlink) sfl_ConsiderSync(rec, nullptr, SFL_EV_COLD);
+    if (!gone) sfl_ConsiderSync(rec, nullptr, SFL_EV_COLD);
     sfl_ReleaseBaseInterest(rec);
-    if (unlink) {
+    if (named) {
       const sfl_ItemRef ref = sfl_RefOf(*rec);
       im_UnlinkItem(&ref);
     }
-    header.Unlock();
+    use.Release();
   }
   // From here on the close completes.
   rec->ExternalOpens = 0;
 
-  if (!unlink) {
+  if (!gone) {
     bool kept = true;
     const uint32_t noCompaction = ASYNCHRONOUS | SINGLE_FILE | HAS_BEEN_COMPACTED;
     if (rec->Domain != kTempDomain && (h.Flags & noCompaction) == 0 &&

@@ -3,10 +3,10 @@
 // files' descriptors open for quick reuse.
 #include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
 
 #include "cust.h"
 #include "os.h"
+#include "sfl_alone.h"
 #include "sfl_int.h"
 
 int32_t FilesInColdStore = 0;
@@ -105,9 +105,10 @@ int32_t sfl_CheckFileAccessed(const sfl_ItemRef* ref, sfl_BaseRec** recOut, int3
       // or sees this interest.
       sfl_Held header;
       header.Header(rec, SFL_LOCK_SHARED);
-      // A frozen file that was removed or replaced since is not revived.
-      struct stat st;
-      if (os_fstat(rec->FileDes, &st) != 0 || st.st_nlink == 0) {
+      // A frozen file that was removed or replaced since is not revived:
+      // its name must still lead to it (checked under the lock, which keeps
+      // the name where it is).
+      if (!sfl_HoldsNamedFile(rec->FileDes, *ref)) {
         header.Unlock();
         closeForGood(rec);
         return 0;

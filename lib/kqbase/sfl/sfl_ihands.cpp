@@ -10,6 +10,7 @@
 #include "im.h"
 #include "mdc.h"
 #include "os.h"
+#include "sfl_alone.h"
 #include "sfl_int.h"
 
 sfl_ItemsTable& sfl_OpenItems() {
@@ -335,13 +336,12 @@ void sfl_DeleteItem(int32_t itemHandle) {
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   sfl_BaseRec* rec = item->BaseRecord;
   {
-    sfl_Held fileLock;
-    fileLock.Header(rec, SFL_LOCK_EXCL);
-
-    // Immediate only when this process alone holds the file and nothing
-    // else in it holds the item.
-    sfl_CheckBaseInterest(rec);
-    bool immediate = item->OpenRefs < 2 && rec->ProcAccCount == 1;
+    // Immediate only when this process alone holds the file (its own
+    // interest counted) and nothing else in it holds the item; the
+    // exclusive use lasts until the item is wiped and its space released.
+    sfl_HoldAlone use;
+    const bool alone = use.Take(rec, sfl_Interest::Held);
+    bool immediate = alone && item->OpenRefs < 2 && rec->ProcAccCount == 1;
     if (immediate) {
       sfl_ItemHeader h;
       {
