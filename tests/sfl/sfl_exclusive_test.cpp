@@ -1,7 +1,8 @@
 // Operations that need a container to themselves, raced by real processes:
-// an open against the removal of the emptied file, and a last close against
-// a rebuild by another process. Each race is held at its worst moment with
-// gates and locks.
+// an open against the removal of the emptied file, a repairing check
+// against a store, and a last close against a rebuild by another process.
+// Each race is held at its worst moment with gates, locks and a dump stream
+// that stops the check where it stands.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 #include <string>
 #include <string_view>
 
+#include "cl.h"
 #include "os.h"
 #include "sfl_int.h"
 #include "test_env.h"
@@ -116,6 +118,90 @@ TEST(ExclusiveUse, AnOpenThatLosesTheRaceWithTheRemovalOfTheEmptiedFileStoresNot
   EXPECT_EQ(sfltest::WaitChild(opener), kOpenRefused);
 }
 
+// A dump stream whose first item-header dump stops the writer until `go`
+// opens, once `reached` has told so.
+struct DumpHold {
+  sfltest::Gate* reached;
+  sfltest::Gate* go;
+  bool held = false;
+};
+
+ssize_t HoldingWrite(void* cookie, const char* buf, size_t n) {
+  auto* hold = static_cast<DumpHold*>(cookie);
+  if (!hold->held && std::string_view(buf, n).find("=IIII") != std::string_view::npos) {
+    hold->held = true;
+    hold->reached->Open();
+    hold->go->Wait();
+  }
+  return static_cast<ssize_t>(n);
+}
+
+TEST(ExclusiveUse, AStoreBesideARepairingCheckKeepsItsItem) {
+  // A container with one item and a fault the repair mends by rewriting
+  // the file header: slot 3 is marked in use but its header is all zero.
+  sfltest::OpenContainer c = sfltest::NewContainer();
+  const sfl_ItemRef first = StoreText(c.bh, "first");
+  sfl_CloseFile(c.bh);
+  sfltest::CloseColdFiles();
+  const std::string path = sfltest::ItemPath(c.ref);
+  {
+    std::fstream f(path, std::ios::in | std::ios::out | std::ios::binary);
+    uint8_t inUse = 0;
+    f.seekg(sfl_fh::InUseItms);
+    f.read(reinterpret_cast<char*>(&inUse), 1);
+    inUse = static_cast<uint8_t>(inUse | (1u << 3));
+    f.seekp(sfl_fh::InUseItms);
+    f.write(reinterpret_cast<const char*>(&inUse), 1);
+    const uint16_t used = 2;
+    f.seekp(sfl_fh::UsedItems);
+    f.write(reinterpret_cast<const char*>(&used), sizeof used);
+  }
+  const ino_t ino = InodeOf(path);
+
+  sfltest::Gate reached, go;
+  const int checker = sfltest::StartChild([&] {
+    DumpHold hold{&reached, &go};
+    FILE* dump = fopencookie(&hold, "w", cookie_io_functions_t{nullptr, HoldingWrite, nullptr, nullptr});
+    if (dump == nullptr) return 2;
+    setvbuf(dump, nullptr, _IONBF, 0);
+    const int32_t result = sfl_CheckSflIntegrity2(&c.ref, 1, dump);
+    std::fclose(dump);
+    return static_cast<int>(result);
+  });
+  reached.Wait();  // the check has read the header and is going through the items
+
+  // Another process stores an item meanwhile (or waits for the check).
+  const int storer = sfltest::StartChild([&] {
+    const int32_t bh = sfl_OpenSfl(&c.ref, 0);
+    const sfl_ItemRef stored = StoreText(bh, "second");
+    sfl_CloseFile(bh);
+    return static_cast<int>(sfl_ItemNumOf(stored));
+  });
+  int storerStatus = -1;
+  ASSERT_TRUE(sfltest::Eventually([&] {
+    if (SomeoneWaitsForALockOn(ino)) return true;
+    storerStatus = sfltest::ExitWithin(storer, 0);
+    return storerStatus != -1;
+  }));
+  go.Open();
+  EXPECT_EQ(sfltest::WaitChild(checker), 1);  // the fault was found
+  if (storerStatus == -1) storerStatus = sfltest::WaitChild(storer);
+  ASSERT_GE(storerStatus, 1);
+  ASSERT_LE(storerStatus, 7);
+  sfl_ItemRef second = c.ref;
+  second.Flags = static_cast<uint16_t>(second.Flags | storerStatus);
+
+  // The stored item keeps its slot: the next store takes another one.
+  const int32_t bh = sfl_OpenSfl(&c.ref, 0);
+  EXPECT_NE(sfltest::FileHeaderOf(bh).InUseItms & (1u << storerStatus), 0u);
+  const sfl_ItemRef third = StoreText(bh, "third item");
+  sfl_CloseFile(bh);
+  EXPECT_NE(sfl_ItemNumOf(third), sfl_ItemNumOf(second));
+  EXPECT_EQ(ReadText(first), "first");
+  EXPECT_EQ(ReadText(second), "second");
+  EXPECT_EQ(ReadText(third), "third item");
+}
+
 TEST(ExclusiveUse, ALastCloseAfterARebuildLeavesTheNewFileUnderTheName) {
   sfltest::OpenContainer h = sfltest::NewContainer();
   const sfl_ItemRef held = StoreText(h.bh, "held");
@@ -182,6 +268,22 @@ TEST(FileIdentity, AnOpenTriesTheNameAgainAndGivesUpAfterEightMoves) {
   EXPECT_EQ(failed.group, ER_GROUP_OS);
   EXPECT_EQ(failed.reason, EIO);
   EXPECT_EQ(sfltest::OpenRecordOf(c.ref), nullptr);
+}
+
+TEST(FileIdentity, ACheckTriesTheNameAgainAndGivesUpAfterEightMoves) {
+  sfltest::OpenContainer c = sfltest::NewContainer();
+  StoreText(c.bh, "kept");
+  sfl_CloseFile(c.bh);
+  sfltest::CloseColdFiles();
+
+  os_FailNth(os_Op::Stat, 1, ENOENT, 1);
+  EXPECT_EQ(sfl_CheckSflIntegrity(&c.ref, 1), 0);
+  os_FailNth(os_Op::Stat, 1, ENOENT, 8);
+  int32_t result = 0;
+  const std::string shown = sfltest::WrittenTo(2, [&] { result = sfl_CheckSflIntegrity(&c.ref, 0); });
+  os_ClearFaults();
+  EXPECT_EQ(result, 1);
+  EXPECT_EQ(shown, cl_ErrorLine(ER_GROUP_OS, ESTALE, sfltest::ItemPath(c.ref).c_str()) + "\n");
 }
 
 }  // namespace

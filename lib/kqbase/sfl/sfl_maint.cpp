@@ -24,6 +24,7 @@
 #include "cl.h"
 #include "mes.h"
 #include "os.h"
+#include "sfl_alone.h"
 #include "sfl_coding.h"
 #include "sfl_int.h"
 
@@ -774,16 +775,52 @@ int32_t CompleteCreation(int fd, uint64_t size, uint32_t flags, bool repair) {
   return 1;
 }
 
+// Opens of a name that moved on to another file (a rebuild renamed a new
+// one over it) before the check could lock it.
+constexpr int kOpenAttempts = 8;
+
 int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FILE* dump,
                  FdCloser& file, Interest& interest) {
-  file.fd = OpenForCheck(path, repairAsked);
-  if (os_flock(file.fd, LOCK_EX) != 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path);
+  // The check reads the file under its header lock, held to the end:
+  // exclusive when it may repair, so that it repairs only while no other
+  // process uses the file and none can start to; shared when it only looks,
+  // so that processes go on opening and using the file, but no item slot is
+  // taken or given back, no item deleted and the file is neither removed
+  // nor replaced while it is read.
+  interest.rec = sfl_BaseRec{};
+  sfl_SetRef(interest.rec, ref);
+  sfl_HoldAlone exclusive;
+  sfl_Held shared;
+  uint64_t size = 0;
+  for (int attempt = 1;; ++attempt) {
+    file.fd = OpenForCheck(path, repairAsked);
+    if (os_flock(file.fd, LOCK_EX) != 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path);
+    struct stat st;
+    if (os_fstat(file.fd, &st) != 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path);
+    size = static_cast<uint64_t>(st.st_size);
+    // A creation cut short has a lock protocol of its own (its creator may
+    // still hold the header lock).
+    if (const std::optional<uint32_t> flags = UnfinishedCreation(file.fd, size))
+      return CompleteCreation(file.fd, size, *flags, repairAsked);
+    if (size <= SFL_FILE_HEADER_SIZE) SFL_RAISE(SFL_R_BAD_FILE);
+    interest.rec.FileDes = file.fd;
+    if (repairAsked)
+      exclusive.Lock(&interest.rec);
+    else
+      shared.Header(&interest.rec, SFL_LOCK_SHARED);
+    // Under the lock the name stays where it is: the file checked is the one
+    // it leads to.
+    if (sfl_SameInode(file.fd, path)) break;
+    exclusive.Release();
+    shared.Unlock();
+    os_close(file.fd);
+    file.fd = -1;
+    if (attempt == kOpenAttempts) ER_RAISE_MSG(ER_GROUP_OS, ESTALE, path);
+  }
+  // The file may have grown before the lock was taken.
   struct stat st;
   if (os_fstat(file.fd, &st) != 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path);
-  const uint64_t size = static_cast<uint64_t>(st.st_size);
-  if (const std::optional<uint32_t> flags = UnfinishedCreation(file.fd, size))
-    return CompleteCreation(file.fd, size, *flags, repairAsked);
-  if (size <= SFL_FILE_HEADER_SIZE) SFL_RAISE(SFL_R_BAD_FILE);
+  size = static_cast<uint64_t>(st.st_size);
   Checker c(file.fd, size, repairAsked, dump);
 
   sfl_FileHeaderBytes raw{};
@@ -800,11 +837,13 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
   }
   if (dump != nullptr) sfl_DumpHeader(dump, raw.data(), 0);
 
-  interest.rec = sfl_BaseRec{};
-  sfl_SetRef(interest.rec, ref);
-  sfl_RecordBaseInterest(&interest.rec);
+  if (repairAsked) {
+    exclusive.Decide(sfl_Interest::Record);
+  } else {
+    sfl_RecordBaseInterest(&interest.rec);
+  }
   interest.recorded = true;
-  if (interest.rec.ProcAccCount != 1 && c.repair()) {
+  if (c.repair() && !exclusive.Alone()) {
     c.SetRepair(false);
     Say(1029);
   }
