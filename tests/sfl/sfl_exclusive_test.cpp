@@ -286,4 +286,38 @@ TEST(FileIdentity, ACheckTriesTheNameAgainAndGivesUpAfterEightMoves) {
   EXPECT_EQ(shown, cl_ErrorLine(ER_GROUP_OS, ESTALE, sfltest::ItemPath(c.ref).c_str()) + "\n");
 }
 
+TEST(FileIdentity, ARebuildOfANameThatMovedOnLeavesEverythingAsItWas) {
+  sfltest::OpenContainer c = sfltest::NewContainer();
+  StoreText(c.bh, "kept");
+  sfl_CloseFile(c.bh);
+  sfltest::CloseColdFiles();
+  const std::string path = sfltest::ItemPath(c.ref);
+  const std::vector<uint8_t> before = sfltest::FileBytes(path);
+
+  os_FailNth(os_Op::Stat, 1, ENOENT, 1);
+  EXPECT_EQ(sfl_CompactContainer(&c.ref), SFL_COMPACT_REPLACED);
+  os_ClearFaults();
+  EXPECT_EQ(sfltest::FileBytes(path), before);
+  EXPECT_FALSE(Exists(path + ".new"));
+}
+
+TEST(FileIdentity, ARebuildFromACloseLeavesAFileThatCloseDoesNotHold) {
+  sfltest::OpenContainer a = sfltest::NewContainer();
+  sfltest::OpenContainer b = sfltest::NewContainer();
+  StoreText(a.bh, "in a");
+  StoreText(b.bh, "in b");
+  const std::string path = sfltest::ItemPath(a.ref);
+  const std::vector<uint8_t> before = sfltest::FileBytes(path);
+
+  // A close holding b's file asks for a rebuild of a's name.
+  sfl_BaseRec closing;
+  sfl_SetRef(closing, a.ref);
+  closing.FileDes = sfl_Handle2Record(b.bh)->FileDes;
+  sfl_CloseFile(a.bh);
+  EXPECT_EQ(sfl_CompactSflFile(&closing), 0u);  // nothing to do: not the file held
+  EXPECT_EQ(sfltest::FileBytes(path), before);
+  EXPECT_FALSE(Exists(path + ".new"));
+  sfl_CloseFile(b.bh);
+}
+
 }  // namespace

@@ -30,6 +30,7 @@
 #include "im.h"
 #include "mdc.h"
 #include "os.h"
+#include "sfl_alone.h"
 #include "sfl_coding.h"
 #include "sfl_int.h"
 
@@ -553,7 +554,8 @@ void WriteNewMap(Rebuild& r) {
 }
 
 // Builds the new file, puts it in the old one's place and marks the old one.
-sfl_CompactOutcome Compact(const sfl_ItemRef& ref) {
+// `heldFd`, when not -1, is the descriptor of the file the caller holds.
+sfl_CompactOutcome Compact(const sfl_ItemRef& ref, int heldFd) {
   char path[PATH_MAX];
   im_ItemRef2FName(&ref, path, sizeof path);
 
@@ -566,27 +568,33 @@ sfl_CompactOutcome Compact(const sfl_ItemRef& ref) {
   if (os_fstat(r.oldFd, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
   if (st.st_size <= static_cast<off_t>(SFL_FILE_HEADER_SIZE)) SFL_RAISE(SFL_R_BAD_FILE);
 
-  // The old header stays locked until the old file is marked replaced: an
-  // open or a revival waits on it and then finds the file replaced, so no
-  // process starts to use the old file while it is being copied.
-  sfl_BaseRec oldView;
-  oldView.FileDes = r.oldFd;
-  sfl_Held header;
-  header.Header(&oldView, SFL_LOCK_EXCL);
+  // The rebuild needs the file to itself from the copy to the mark that it
+  // was replaced: the exclusive use is taken through the rebuild's own
+  // descriptor and held until then. An open or a revival waits for it and
+  // then finds the file replaced, so no process starts to use the old file
+  // while it is being copied.
+  r.request.FileDes = r.oldFd;
+  sfl_HoldAlone use;
+  use.Lock(&r.request);
   sfl_FileHeader old;
   ReadOldHeader(r.oldFd, &old);
-  if (old.Flags & HAS_BEEN_COMPACTED) {
+  // Only the file the name leads to is rebuilt (another rebuild may have
+  // replaced it between the open and the lock), and from a close only the
+  // file that close holds: a name that moved on to another file is that
+  // file's business.
+  if ((old.Flags & HAS_BEEN_COMPACTED) || !use.Named() ||
+      (heldFd >= 0 && !sfl_SameInode(heldFd, path))) {
     r.interestHeld = false;  // none was recorded
-    header.Unlock();
+    use.Release();
     return SFL_COMPACT_REPLACED;
   }
 
-  sfl_RecordBaseInterest(&r.request);
+  use.Decide(sfl_Interest::Record);
   // The mark goes on first and stays until the file is replaced, so that a
   // later close retries without analysis.
   if ((old.Flags & NEED_COMPACTION) == 0) AddOldFlags(r.oldFd, NEED_COMPACTION);
-  if (r.request.ProcAccCount != 1) {
-    header.Unlock();
+  if (!use.Alone()) {
+    use.Release();
     r.interestHeld = false;
     sfl_ReleaseBaseInterest(&r.request);
     return SFL_COMPACT_HELD;
@@ -650,7 +658,7 @@ sfl_CompactOutcome Compact(const sfl_ItemRef& ref) {
   // Lands in the old, now nameless file: processes that still hold it learn
   // from this mark that it has been replaced and never rebuild it again.
   AddOldFlags(r.oldFd, HAS_BEEN_COMPACTED);
-  header.Unlock();
+  use.Release();
   r.newInterestHeld = false;  // left with the service, see above
 
   r.interestHeld = false;
@@ -662,14 +670,15 @@ sfl_CompactOutcome Compact(const sfl_ItemRef& ref) {
 
 // ==== 4. entry points ======================================================================
 
+namespace {
+
 // Runs a rebuild under its frame: an escape is absorbed and reported as a
 // failure, unless the error library still holds it live after that.
-int32_t sfl_CompactContainer(const sfl_ItemRef* ref) {
-  ER_TRACE_PROC("sfl_CompactSflFile");
+int32_t RunCompaction(const sfl_ItemRef* ref, int heldFd) {
   SFL_NEED_ARG(ref);
   if (ref->Flags & SFL_ITEM_NUM_MASK) ER_RAISE(ER_GROUP_MAINT, kMaintRefIsItem);
   try {
-    return Compact(*ref);
+    return Compact(*ref, heldFd);
   } catch (const er_Escape&) {
     er_Accept(3);
     if (er_GetLive()) throw;
@@ -677,9 +686,18 @@ int32_t sfl_CompactContainer(const sfl_ItemRef* ref) {
   }
 }
 
+}  // namespace
+
+int32_t sfl_CompactContainer(const sfl_ItemRef* ref) {
+  ER_TRACE_PROC("sfl_CompactSflFile");
+  return RunCompaction(ref, -1);
+}
+
+// From a close: the file rebuilt must be the one the closing process holds.
 uint32_t sfl_CompactSflFile(sfl_BaseRec* rec) {
+  ER_TRACE_PROC("sfl_CompactSflFile");
   const sfl_ItemRef ref = sfl_RefOf(*rec);
-  return sfl_CompactContainer(&ref) == SFL_COMPACT_FAILED ? 1 : 0;
+  return RunCompaction(&ref, rec->FileDes) == SFL_COMPACT_FAILED ? 1 : 0;
 }
 
 uint32_t sfl_GetFileFlags(int32_t baseHandle) {
