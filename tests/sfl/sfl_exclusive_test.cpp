@@ -261,13 +261,17 @@ TEST(FileIdentity, AnOpenTriesTheNameAgainAndGivesUpAfterEightMoves) {
   EXPECT_TRUE(sfltest::LockableElsewhere(path, 0, SFL_FILE_HEADER_SIZE));
   EXPECT_EQ(ReadText(kept), "kept");
 
-  // A status that cannot be read is an error, not a name that moved on.
-  os_FailNth(os_Op::Stat, 1, EIO, 1);
-  const sfltest::Escape failed = sfltest::EscapeOf([&] { bh = sfl_OpenSfl(&c.ref, 0); });
-  os_ClearFaults();
-  EXPECT_EQ(failed.group, ER_GROUP_OS);
-  EXPECT_EQ(failed.reason, EIO);
-  EXPECT_EQ(sfltest::OpenRecordOf(c.ref), nullptr);
+  // A status that cannot be read, of the name or of the file held, is an
+  // error, not a name that moved on.
+  for (const os_Op op : {os_Op::Stat, os_Op::Fstat}) {
+    os_FailNth(op, 1, EIO, 1);
+    const sfltest::Escape failed = sfltest::EscapeOf([&] { bh = sfl_OpenSfl(&c.ref, 0); });
+    os_ClearFaults();
+    EXPECT_EQ(failed.group, ER_GROUP_OS) << os_OpName(op);
+    EXPECT_EQ(failed.reason, EIO) << os_OpName(op);
+    EXPECT_EQ(sfltest::OpenRecordOf(c.ref), nullptr);
+    EXPECT_TRUE(sfltest::LockableElsewhere(path, 0, SFL_FILE_HEADER_SIZE));
+  }
 }
 
 TEST(FileIdentity, ACheckTriesTheNameAgainAndGivesUpAfterEightMoves) {
@@ -318,6 +322,42 @@ TEST(FileIdentity, ARebuildFromACloseLeavesAFileThatCloseDoesNotHold) {
   EXPECT_EQ(sfltest::FileBytes(path), before);
   EXPECT_FALSE(Exists(path + ".new"));
   sfl_CloseFile(b.bh);
+}
+
+// ---- a check beside processes that use the file --------------------------------------------
+
+TEST(CheckBesideUsers, AStoreUnderWayIsNoFaultWhileItsProcessHoldsTheFile) {
+  sfltest::OpenContainer c = sfltest::NewContainer();
+  const sfl_ItemRef first = StoreText(c.bh, "first");
+  sfl_CloseFile(c.bh);
+  sfltest::CloseColdFiles();
+
+  sfltest::Gate claimed, finish;
+  const int storer = sfltest::StartChild([&] {
+    const int32_t bh = sfl_OpenSfl(&c.ref, 0);
+    // A store's first step: its slot, taken and not written yet.
+    const int32_t slot = sfl_GetFreeItemSlot(sfl_Handle2Record(bh), 0, -1);
+    claimed.Open();
+    finish.Wait();
+    sfl_CloseFile(bh);  // and the store goes no further
+    return static_cast<int>(slot);
+  });
+  claimed.Wait();
+  int32_t result = -1;
+  std::string shown = sfltest::WrittenTo(1, [&] { result = sfl_CheckSflIntegrity(&c.ref, 0); });
+  EXPECT_EQ(result, 0) << shown;
+  EXPECT_EQ(shown, "");
+  finish.Open();
+  const int slot = sfltest::WaitChild(storer);
+  ASSERT_GE(slot, 2);
+  ASSERT_LE(slot, 7);
+
+  // With nobody else holding the file the same slot is a store cut short.
+  shown = sfltest::WrittenTo(1, [&] { result = sfl_CheckSflIntegrity(&c.ref, 0); });
+  EXPECT_EQ(result, 1);
+  const uint64_t loc = SFL_TABLE_OFFSET + uint64_t{SFL_ITEM_HEADER_SIZE} * static_cast<uint64_t>(slot);
+  EXPECT_NE(shown.find(std::to_string(loc)), std::string::npos) << shown;
+  EXPECT_EQ(ReadText(first), "first");
 }
 
 }  // namespace

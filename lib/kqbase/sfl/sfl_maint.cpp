@@ -775,6 +775,16 @@ int32_t CompleteCreation(int fd, uint64_t size, uint32_t flags, bool repair) {
   return 1;
 }
 
+// A slot taken for a new item and not written yet (UnwrittenSlot), found
+// while another process holds the file, is that process's store under way:
+// the store writes the item's header once it has taken space, without the
+// header lock the check holds.
+bool SlotBeingStored(Checker& c, uint64_t loc) {
+  sfl_ItemHeaderBytes raw{};
+  const bool whole = c.ReadAt(raw.data(), raw.size(), loc) == static_cast<ssize_t>(raw.size());
+  return whole && UnwrittenSlot(sfl_DecodeItemHeader(raw), raw);
+}
+
 // Opens of a name that moved on to another file (a rebuild renamed a new
 // one over it) before the check could lock it.
 constexpr int kOpenAttempts = 8;
@@ -848,6 +858,8 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
     Say(1029);
   }
 
+  const bool othersHold = interest.rec.ProcAccCount != 1 || interest.rec.OtherInterest != 0;
+
   int32_t fault = 0;
   uint32_t maxItems = fh.MaxItems;
   const bool single = (fh.Flags & SINGLE_FILE) != 0;
@@ -871,6 +883,10 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
   for (uint32_t i = 0; i < slots; ++i) {
     if ((inUse & (1u << i)) == 0) continue;
     const uint64_t loc = uint64_t{fh.TableOffset} + uint64_t{SFL_ITEM_HEADER_SIZE} * i;
+    // A store under way in another process is not a fault (see
+    // SlotBeingStored); with nobody else holding the file, the same slot is
+    // a store cut short.
+    if (i != 0 && othersHold && SlotBeingStored(c, loc)) continue;
     // Slot 0 holds the free map, which the check never repairs as an item.
     const bool repairSlot = c.repair() && i != 0;
     const int r = c.ItemCheck(loc, repairSlot, 0);
