@@ -20,17 +20,23 @@ namespace {
 constexpr uint32_t kChunk = 8192;
 using Chunk = std::array<uint8_t, kChunk>;
 
-// Copies up to `size` bytes read serially from `srcFd` to the file at
-// `offset`; stops early at the end of the source. Returns the bytes copied.
-uint32_t CopyIn(sfl_BaseRec* rec, Chunk& buf, int srcFd, uint32_t offset, uint32_t size) {
+// Copies up to `size` bytes read serially from `srcFd`, whose position is
+// `from`, to the file at `offset`; stops early at the end of the source.
+// Returns the bytes copied.
+uint32_t CopyIn(sfl_BaseRec* rec, Chunk& buf, int srcFd, uint64_t from, uint32_t offset,
+                uint32_t size) {
   uint32_t done = 0;
   while (done < size) {
     size_t want = std::min<uint32_t>(kChunk, size - done);
     ssize_t got = os_read(srcFd, buf.data(), want);
-    // 0 is the end of the source; a failed read is not, and taking it for
-    // one would store zeros in place of the data.
+    // A failed read is not the end of the source, nor is an empty one
+    // before it: taking either for the end would store zeros in place of
+    // the data.
     if (got < 0) ER_RAISE(ER_GROUP_OS, errno);
-    if (got == 0) break;
+    if (got == 0) {
+      sfl_CheckEndAt(srcFd, from + done);
+      break;
+    }
     if (sfl_PWrite(rec, buf.data(), static_cast<size_t>(got), uint64_t{offset} + done) != got)
       SFL_RAISE(SFL_R_SHORT_WRITE);
     done += static_cast<uint32_t>(got);
@@ -126,7 +132,7 @@ int32_t sfl_StoreItemAtPosition(int32_t baseHandle, const sfl_ItemRef* source, u
   const uint32_t offset = run.Take(rec, size);
 
   Chunk buf;
-  uint32_t done = srcFd >= 0 ? CopyIn(rec, buf, srcFd, offset, size) : 0;
+  uint32_t done = srcFd >= 0 ? CopyIn(rec, buf, srcFd, 0, offset, size) : 0;
   if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
   sfl_ConsiderSync(rec, nullptr, SFL_EV_STORED);
 
@@ -223,7 +229,7 @@ int32_t sfl_CopySimpleItem(int32_t baseHandle, uint32_t headerOffset, int32_t so
   if (sourceFd != -1) {
     if (os_lseek(sourceFd, static_cast<off_t>(sourceOffset), SEEK_SET) < 0)
       ER_RAISE(ER_GROUP_OS, errno);
-    done = CopyIn(rec, buf, sourceFd, offset, size);
+    done = CopyIn(rec, buf, sourceFd, sourceOffset, offset, size);
   }
   if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
 

@@ -244,9 +244,13 @@ void sfl_WritePartialFreeMap(sfl_BaseRec* rec, std::span<const uint8_t> map, int
 ssize_t sfl_PRead(sfl_BaseRec* rec, void* buf, size_t len, uint64_t offset);
 ssize_t sfl_PWrite(sfl_BaseRec* rec, const void* buf, size_t len, uint64_t offset);
 // Reads from a descriptor until `len` bytes or the end of the file,
-// continuing transfers that come up short; a failed read raises. Returns
+// continuing transfers that come up short; a failed read raises, and so
+// does one that moves nothing before the end of the file. Returns
 // the bytes read: fewer than `len` only at the end of the file.
 size_t sfl_PReadUpTo(int fd, void* buf, size_t len, uint64_t offset);
+// For a read at `offset` that moved nothing: returns when that is the end
+// of the file, raises otherwise.
+void sfl_CheckEndAt(int fd, uint64_t offset);
 
 // ---- free space (sfl_base) ------------------------------------------------------------
 uint32_t sfl_GetFreeSpaceNew(sfl_BaseRec* rec, uint32_t size, uint32_t* blockCount);

@@ -6,6 +6,7 @@
 // Every transfer is one positioned call (os_pread / os_pwrite) of exactly
 // the record's size; records are encoded and decoded field by field.
 #include <cerrno>
+#include <sys/stat.h>
 
 #include "os.h"
 #include "sfl_coding.h"
@@ -211,13 +212,26 @@ ssize_t sfl_PWrite(sfl_BaseRec* rec, const void* buf, size_t len, uint64_t offse
   return os_pwrite(fdOf(written(rec)), buf, len, static_cast<off_t>(offset));
 }
 
+// Only the end of the file ends a read early. A transfer that moved nothing
+// before it is a failure of the system: taken for the end, it would make a
+// sound record look cut short (which a rebuild leaves out and a repair
+// deletes) or the rest of a copied item zeros.
+void sfl_CheckEndAt(int fd, uint64_t offset) {
+  struct stat st;
+  if (os_fstat(fd, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
+  if (offset < static_cast<uint64_t>(st.st_size)) ER_RAISE(ER_GROUP_OS, EIO);
+}
+
 size_t sfl_PReadUpTo(int fd, void* buf, size_t len, uint64_t offset) {
   size_t done = 0;
   while (done < len) {
     const ssize_t n =
         os_pread(fd, static_cast<uint8_t*>(buf) + done, len - done, static_cast<off_t>(offset + done));
     if (n < 0) ER_RAISE(ER_GROUP_OS, errno);
-    if (n == 0) break;
+    if (n == 0) {
+      sfl_CheckEndAt(fd, offset + done);
+      break;
+    }
     done += static_cast<size_t>(n);
   }
   return done;
