@@ -9,7 +9,7 @@ CTEST_ARGS ?=
 JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 
-.PHONY: all deps configure build test install run bench soak asan coverage fuzz clean
+.PHONY: all deps configure build test install run bench soak soak-ci asan coverage fuzz clean
 
 all: build
 
@@ -37,10 +37,27 @@ run: build
 bench: build
 	$(BUILD)/bench/sfl_bench --out bench-results.json
 
+# The long runs of the stress test, the I/O-fault loop with every fault kind
+# and the crash loop, then one summary line. soak-ci is the same, bounded to
+# a few minutes, for CI: every fault kind on every operation still, fewer
+# kills and a smaller stress run. A loop with a wider mode adds one step to
+# each. Each step's output is kept in $(SOAK_LOGS).
+SOAK_LOGS = $(BUILD)/soak-logs
+SOAK_STEP = sh tools/soak-step.sh $(BUILD) $(SOAK_LOGS)
+
 soak: build
-	SFL_STRESS_PROCS=16 SFL_STRESS_OPS=20000 $(BUILD)/tests/stress_test
-	SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
-	SFL_CRASH_KILLS=1000 $(BUILD)/tests/sfl_crashloop_test
+	@rm -rf $(SOAK_LOGS)
+	$(SOAK_STEP) stress SFL_STRESS_PROCS=16 SFL_STRESS_OPS=20000 $(BUILD)/tests/stress_test
+	$(SOAK_STEP) faults SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
+	$(SOAK_STEP) crashes SFL_CRASH_KILLS=1000 $(BUILD)/tests/sfl_crashloop_test
+	@sh tools/soak-summary.sh $(SOAK_LOGS)
+
+soak-ci: build
+	@rm -rf $(SOAK_LOGS)
+	$(SOAK_STEP) stress SFL_STRESS_PROCS=8 SFL_STRESS_OPS=4000 $(BUILD)/tests/stress_test
+	$(SOAK_STEP) faults SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
+	$(SOAK_STEP) crashes SFL_CRASH_KILLS=300 $(BUILD)/tests/sfl_crashloop_test
+	@sh tools/soak-summary.sh $(SOAK_LOGS)
 
 asan:
 	$(MAKE) test BUILD=build-asan BUILD_TYPE=Debug CMAKE_ARGS="-DSFL_SANITIZE=ON $(CMAKE_ARGS)"

@@ -942,6 +942,7 @@ TEST(Stress, ProcessesShareContainers) {
     EXPECT_EQ(sfl_CheckSflIntegrity(&g_reg->containers[c], 0), 0) << "integrity check of container " << c;
   }
 
+  std::printf("stress: %d processes x %d operations\n", procs, ops);
   for (int k = 0; k < kCounters; ++k) {
     std::printf("  %-24s %llu\n", kCounterNames[k], static_cast<unsigned long long>(g_reg->counters[k]));
   }
