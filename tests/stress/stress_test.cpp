@@ -7,6 +7,19 @@
 // Every item's bytes carry their identity (a generation number unique to
 // that item, a version or block ordinal, the size) and a checksum of the
 // rest, and every read is compared byte for byte with what was written.
+// The history holds: a stored item reads back until its delete completes,
+// and every read returns bytes that a completed write of the item, or one
+// in flight during the read, wrote (with rewrites that overlap reads, byte
+// by byte: nothing orders a read against a write of the same bytes).
+//
+// Besides the item operations, switched on by name in SFL_STRESS_EXTRA (a
+// comma-separated list; "all" for every one, "none" for none; the default
+// is the set below that passes):
+//   overlap       rewrites of simple items that run while others read them
+//   compact-item  item compaction of a blocked item (renumbers its blocks)
+//   compact-file  whole-file compaction of a container
+//   check         the integrity check with repair asked for
+//   restart       the interest service stopped (the next call starts it)
 //
 // Workers learn which items exist from a registry: a shared file in the test
 // directory, mapped by every worker, one entry per container slot, each
@@ -24,6 +37,7 @@
 //
 // Sizes: SFL_STRESS_PROCS (default 8) workers, SFL_STRESS_OPS (default 2500)
 // operations each; SFL_STRESS_SEED changes the random choices.
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -65,6 +79,7 @@ struct Entry {
   uint32_t reserved;  // simple items: the size it was stored with
   int32_t acc;        // attach count the item header must hold
   uint32_t readers;   // workers reading this slot now (pins, never reset)
+  uint32_t writing;   // simple items: the version a rewrite is writing, 0 when none
   uint32_t nblocks;
   uint32_t blockNum[kMaxBlocks];
   uint32_t blockSize[kMaxBlocks];
@@ -73,12 +88,62 @@ struct Entry {
 
 enum Counter {
   kStores, kBlockedStores, kFull, kReads, kGone, kWrites, kTruncates, kDeletes, kAttaches,
-  kDetaches, kAppends, kBlockReads, kFrees, kFailures, kCounters
+  kDetaches, kAppends, kBlockReads, kFrees, kOverlapWrites, kOverlapReads, kItemCompactions,
+  kFileCompactions, kFileCompactionsDone, kChecks, kRestarts, kFailures, kCounters
 };
 const char* const kCounterNames[kCounters] = {
     "stores", "blocked stores", "container full", "reads", "reads of vanished items",
     "rewrites", "size changes", "deletes", "attaches", "detaches", "block appends",
-    "block reads", "block frees", "failures"};
+    "block reads", "block frees", "overlapping rewrites", "reads during a rewrite",
+    "item compactions", "file compactions tried", "file compactions done", "checks", "service restarts",
+    "failures"};
+
+// The operations beyond the item operations, each behind a switch.
+enum Extra : uint32_t {
+  kOverlap = 1, kCompactItem = 2, kCompactFile = 4, kCheck = 8, kRestart = 16
+};
+struct ExtraName {
+  Extra bit;
+  const char* name;
+};
+constexpr ExtraName kExtraNames[] = {{kOverlap, "overlap"},
+                                     {kCompactItem, "compact-item"},
+                                     {kCompactFile, "compact-file"},
+                                     {kCheck, "check"},
+                                     {kRestart, "restart"}};
+// What the default run includes: the extras that pass.
+constexpr uint32_t kDefaultExtras = kOverlap | kCompactItem | kCompactFile | kCheck;
+uint32_t g_extras = kDefaultExtras;
+
+// Reads SFL_STRESS_EXTRA; false for a name it does not know.
+bool ReadExtras() {
+  const char* v = std::getenv("SFL_STRESS_EXTRA");
+  if (v == nullptr) return true;
+  std::string list = v;
+  g_extras = 0;
+  size_t at = 0;
+  while (at <= list.size()) {
+    size_t comma = list.find(',', at);
+    if (comma == std::string::npos) comma = list.size();
+    const std::string name = list.substr(at, comma - at);
+    at = comma + 1;
+    if (name.empty() || name == "none") continue;
+    if (name == "all") {
+      for (const ExtraName& e : kExtraNames) g_extras |= e.bit;
+      continue;
+    }
+    bool known = false;
+    for (const ExtraName& e : kExtraNames) {
+      if (name == e.name) {
+        g_extras |= e.bit;
+        known = true;
+      }
+    }
+    if (!known) return false;
+  }
+  return true;
+}
+bool Has(Extra e) { return (g_extras & e) != 0; }
 
 struct Registry {
   sfl_ItemRef containers[kContainers];
@@ -144,6 +209,23 @@ std::string Verify(const uint8_t* p, uint32_t n, uint32_t gen, uint32_t sub, uin
     if (p[i] != BodyByte(gen, sub, i)) {
       std::snprintf(msg, sizeof msg, "byte %u differs", i);
       return msg;
+    }
+  }
+  return "";
+}
+// Empty when every byte is what one of the versions first..last (all of
+// `size` bytes) wrote at its place, else the first byte that none wrote.
+std::string VerifyAny(const uint8_t* p, uint32_t n, uint32_t gen, uint32_t first, uint32_t last,
+                      uint32_t size) {
+  if (n != size) return "read " + std::to_string(n) + " bytes, expected " + std::to_string(size);
+  std::vector<std::vector<uint8_t>> versions;
+  for (uint32_t v = first; v <= last; ++v) versions.push_back(Content(gen, v, size));
+  for (uint32_t i = 0; i < size; ++i) {
+    bool written = false;
+    for (const auto& v : versions) written = written || v[i] == p[i];
+    if (!written) {
+      return "byte " + std::to_string(i) + " was written by none of versions " +
+             std::to_string(first) + " to " + std::to_string(last);
     }
   }
   return "";
@@ -247,8 +329,13 @@ class Worker {
       int c = static_cast<int>(Below(kContainers));
       uint32_t pick = Below(100);
       int n = 0;
+      const uint32_t extra = Below(1000);
       try {
-        if (pick < 14) Store(c);
+        if (Has(kCompactFile) && extra < 3) CompactFile(c);
+        else if (Has(kCheck) && extra >= 3 && extra < 6) CheckRepair(c);
+        else if (Has(kRestart) && extra == 6) RestartService();
+        else if (Has(kCompactItem) && extra >= 10 && extra < 20) CompactItem(c, n = Pick(c, 1));
+        else if (pick < 14) Store(c);
         else if (pick < 36) Read(c, n = Pick(c, 0));
         else if (pick < 44) Rewrite(c, n = Pick(c, 0));
         else if (pick < 56) Delete(c, n = Pick(c, -1));
@@ -449,6 +536,22 @@ class Worker {
       sfl_FStatItem(h, &st);
       item.Close();
       problem = Verify(buf.data(), got, snap.gen, snap.version, snap.size);
+      if (!problem.empty()) {
+        // Rewrites of the same size may have run during the read: each byte
+        // must then be one that a version from the one seen at the start to
+        // the newest completed or in flight wrote.
+        uint32_t latest = snap.version;
+        {
+          Locked hold(locks_, c, n);
+          const Entry& e = g_reg->e[c][n];
+          if (e.state == kLive && e.gen == snap.gen) latest = std::max(e.version, e.writing);
+        }
+        if (latest > snap.version &&
+            VerifyAny(buf.data(), got, snap.gen, snap.version, latest, snap.size).empty()) {
+          problem.clear();
+          Count(kOverlapReads);
+        }
+      }
       if (problem.empty() && static_cast<uint32_t>(st.st_size) != snap.size) {
         problem = "status size " + std::to_string(st.st_size);
       }
@@ -471,9 +574,13 @@ class Worker {
   // Rewrites a simple item with a new version, sometimes with a new size
   // inside the space it was stored with.
   void Rewrite(int c, int n) {
+    if (Has(kOverlap) && Below(2) == 0) {
+      OverlappingRewrite(c, n);
+      return;
+    }
     Locked hold(locks_, c, n);
     Entry& e = g_reg->e[c][n];
-    if (e.state != kLive || e.blocked || e.readers != 0) return;
+    if (e.state != kLive || e.blocked || e.readers != 0 || e.writing != 0) return;
     sfl_ItemRef ref = ItemRef(c, n);
     int32_t h = sfl_OpenItem(&ref, 0);
     uint32_t size = e.size;
@@ -496,13 +603,87 @@ class Worker {
     Count(kWrites);
   }
 
+  // Rewrites a simple item with a new version of the same size without
+  // holding its entry: reads of it may run meanwhile. The entry says which
+  // version is in flight, and nothing else changes the item until it is
+  // done.
+  void OverlappingRewrite(int c, int n) {
+    uint32_t gen, version, size;
+    {
+      Locked hold(locks_, c, n);
+      Entry& e = g_reg->e[c][n];
+      if (e.state != kLive || e.blocked || e.writing != 0) return;
+      gen = e.gen;
+      version = e.version + 1;
+      size = e.size;
+      e.writing = version;
+    }
+    sfl_ItemRef ref = ItemRef(c, n);
+    {
+      OpenedItem item(ref);
+      std::vector<uint8_t> data = Content(gen, version, size);
+      if (Below(2) == 0) {
+        int32_t wrote = sfl_WriteSimpleData(item.get(), 0, size, data.data());
+        if (wrote != static_cast<int32_t>(size)) Failed("rewrite wrote %d of %u", wrote, size);
+      } else {
+        WriteSerially(item.get(), data);
+      }
+      item.Close();
+    }
+    Locked hold(locks_, c, n);
+    Entry& e = g_reg->e[c][n];
+    e.version = version;
+    e.writing = 0;
+    Count(kOverlapWrites);
+  }
+
+  // Renumbers a blocked item's blocks from 0 in their order. Blocks are
+  // read by number, so no reader may be on the item meanwhile.
+  void CompactItem(int c, int n) {
+    Locked hold(locks_, c, n);
+    Entry& e = g_reg->e[c][n];
+    if (e.state != kLive || !e.blocked || e.readers != 0) return;
+    sfl_ItemRef ref = ItemRef(c, n);
+    OpenedItem item(ref);
+    const uint32_t last = sfl_CompactBlockedItem(item.get());
+    item.Close();
+    std::vector<uint32_t> live;
+    for (uint32_t k = 0; k < e.nblocks; ++k)
+      if (e.blockLive[k]) live.push_back(k);
+    std::sort(live.begin(), live.end(),
+              [&](uint32_t a, uint32_t b) { return e.blockNum[a] < e.blockNum[b]; });
+    for (uint32_t i = 0; i < live.size(); ++i) e.blockNum[live[i]] = i;
+    const uint32_t want = live.empty() ? 0 : static_cast<uint32_t>(live.size()) - 1;
+    if (last != want) Failed("item compaction of item %u gave last block %u, expected %u", e.gen, last, want);
+    Count(kItemCompactions);
+  }
+
+  // A rebuild of the whole container; while others hold it, it only marks it.
+  void CompactFile(int c) {
+    const int32_t r = sfl_CompactContainer(&g_reg->containers[c]);
+    Count(kFileCompactions);
+    if (r == SFL_COMPACT_DONE) Count(kFileCompactionsDone);
+  }
+
+  // The check with repair asked for; it repairs only when no other process
+  // holds the container, and whatever it reports must not cost an item.
+  void CheckRepair(int c) {
+    (void)sfl_CheckSflIntegrity(&g_reg->containers[c], 1);
+    Count(kChecks);
+  }
+
+  void RestartService() {
+    sfltest::StopService();
+    Count(kRestarts);
+  }
+
   // Drops every owner of an item; the last detach marks it deleted and the
   // close that follows deletes it (at once, or when the last process lets
   // go of the container).
   void Delete(int c, int n) {
     Locked hold(locks_, c, n);
     Entry& e = g_reg->e[c][n];
-    if (e.state != kLive || e.anchor) return;
+    if (e.state != kLive || e.anchor || e.writing != 0) return;
     sfl_ItemRef ref = ItemRef(c, n);
     if (Below(2) == 0) {
       do {
@@ -859,6 +1040,7 @@ TEST(Stress, ProcessesShareContainers) {
   const int procs = EnvInt("SFL_STRESS_PROCS", 8);
   const int ops = EnvInt("SFL_STRESS_OPS", 2500);
   const uint64_t seed = static_cast<uint64_t>(EnvInt("SFL_STRESS_SEED", 20261122));
+  ASSERT_TRUE(ReadExtras()) << "SFL_STRESS_EXTRA names an operation this test does not have";
 
   g_regPath = sfltest::TestDir() + "/registry";
   int rfd = open(g_regPath.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -942,7 +1124,11 @@ TEST(Stress, ProcessesShareContainers) {
     EXPECT_EQ(sfl_CheckSflIntegrity(&g_reg->containers[c], 0), 0) << "integrity check of container " << c;
   }
 
-  std::printf("stress: %d processes x %d operations\n", procs, ops);
+  std::string extras;
+  for (const ExtraName& e : kExtraNames)
+    if (Has(e.bit)) extras += std::string(extras.empty() ? "" : ",") + e.name;
+  std::printf("stress: %d processes x %d operations, with %s\n", procs, ops,
+              extras.empty() ? "no extras" : extras.c_str());
   for (int k = 0; k < kCounters; ++k) {
     std::printf("  %-24s %llu\n", kCounterNames[k], static_cast<unsigned long long>(g_reg->counters[k]));
   }
@@ -951,6 +1137,16 @@ TEST(Stress, ProcessesShareContainers) {
   for (Counter k : {kStores, kBlockedStores, kReads, kWrites, kDeletes, kAttaches, kDetaches,
                     kAppends, kBlockReads, kFrees}) {
     EXPECT_GT(g_reg->counters[k], 0u) << kCounterNames[k];
+  }
+  const std::pair<Extra, Counter> ran[] = {{kOverlap, kOverlapWrites},
+                                           {kCompactItem, kItemCompactions},
+                                           {kCompactFile, kFileCompactions},
+                                           {kCheck, kChecks},
+                                           {kRestart, kRestarts}};
+  for (const auto& [extra, counter] : ran) {
+    if (Has(extra)) {
+      EXPECT_GT(g_reg->counters[counter], 0u) << kCounterNames[counter];
+    }
   }
   munmap(mem, sizeof(Registry));
 }
