@@ -54,7 +54,7 @@ soak: build
 
 soak-ci: build
 	@rm -rf $(SOAK_LOGS)
-	$(SOAK_STEP) stress SFL_STRESS_PROCS=8 SFL_STRESS_OPS=4000 $(BUILD)/tests/stress_test
+	$(SOAK_STEP) stress SFL_STRESS_PROCS=16 SFL_STRESS_OPS=5000 $(BUILD)/tests/stress_test
 	$(SOAK_STEP) faults SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
 	$(SOAK_STEP) crashes SFL_CRASH_KILLS=300 $(BUILD)/tests/sfl_crashloop_test
 	@sh tools/soak-summary.sh $(SOAK_LOGS)
