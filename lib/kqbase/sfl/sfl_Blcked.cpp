@@ -71,6 +71,70 @@ struct Placement {
 // Search results of one record.
 enum SearchResult { kPlaced = 1, kPlacedNowFull = 2, kLeafHadNoRoom = 3, kAlreadyFull = 4 };
 
+// ---- the remembered tree ---------------------------------------------------
+//
+// Between calls a handle remembers where its item's tree lies: the root
+// (Offset) and the record touched last (LastIdxOff, LastIdxBase,
+// LastIdxDepth), where the next call may start instead of at the root.
+// Another process may rebuild the tree meanwhile (item compaction) and
+// release the old records; their space may then hold another item's data,
+// and where the old bytes are still there they read as a sound record. So
+// each call first reads the item header again under the lock it takes
+// anyway (one pread of 64 bytes, which a call starting at the root makes in
+// any case): a header that names another root than the one the handle knew
+// makes the handle forget its record and take the new root. A later
+// rebuild may put the root back where the handle knew it; the rebuild wipes
+// the records it releases, so the remembered record must still read as an
+// index record with the Depth and BaseBlockNum remembered, or it is
+// forgotten as well and the call starts at the root. A frozen handle
+// answers the header from its copy: its caller has promised that nobody
+// changes the item.
+
+// What the handle remembered of its last record before a call.
+struct Remembered {
+  uint32_t off = 0;
+  uint32_t base = 0;
+  uint32_t depth = 0;
+  bool Fits(const sfl_IndexRecord& r) const { return r.Depth == depth && r.BaseBlockNum == base; }
+};
+
+Remembered RememberedOf(const sfl_ItemRec* item) {
+  return {item->LastIdxOff, item->LastIdxBase, item->LastIdxDepth};
+}
+
+// Reads the remembered record into *r; false when it is no longer an index
+// record (wiped by a rebuild, or its space reused) or not the one
+// remembered. A failed read raises as any read does.
+bool ReadRemembered(sfl_ItemRec* item, const Remembered& last, sfl_IndexRecord* r) {
+  try {
+    sfl_ReadAnIndex(item, last.off, r);
+  } catch (const er_Escape& e) {
+    if (e.group() != ER_GROUP_SFL || e.reason() != SFL_R_BAD_INDEX) throw;
+    er_Clear();
+    return false;
+  }
+  return last.Fits(*r);
+}
+
+void ForgetTree(sfl_ItemRec* item, uint32_t root) {
+  item->LastIdxOff = 0;
+  item->LastIdxBase = 0;
+  item->LastIdxDepth = 0;
+  item->IndexCacheValid = 0;
+  item->Offset = root;
+}
+
+// Reads the item header under the caller's lock and settles the handle's
+// remembered tree against it. A header that is no longer a blocked item's
+// (its place reused by another item) is refused: the handle's tree is gone.
+sfl_ItemHeader CurrentTree(sfl_ItemRec* item) {
+  sfl_ItemHeader h;
+  sfl_ReadItemHeader(item, &h);
+  if ((h.Flags & BLOCKED_ITEM) == 0) SFL_RAISE(SFL_R_NOT_BLOCKED);
+  if (h.FileOffset != item->Offset) ForgetTree(item, h.FileOffset);
+  return h;
+}
+
 }  // namespace
 
 extern "C" int32_t sfl_IntPower(uint32_t base, uint32_t exponent) {
@@ -299,8 +363,7 @@ static int64_t SearchFromRoot(sfl_ItemRec* item, bool append, uint32_t blockOff,
                               uint32_t blockSize) {
   sfl_Held lock;
   lock.ItemHeader(item, SFL_LOCK_EXCL);
-  sfl_ItemHeader header;
-  sfl_ReadItemHeader(item, &header);
+  sfl_ItemHeader header = CurrentTree(item);
   Placement p;
   p.item = item;
   p.append = append;
@@ -325,10 +388,11 @@ static int64_t sfl_FindFreeIndex(sfl_ItemRec* item, uint32_t blockOff, uint32_t 
   if (item->LastIdxOff != 0) {
     sfl_Held lock;
     lock.ItemHeader(item, SFL_LOCK_EXCL);
-    const uint32_t at = item->LastIdxOff;
+    CurrentTree(item);
+    const Remembered last = RememberedOf(item);
+    const uint32_t at = last.off;
     sfl_IndexRecord r;
-    sfl_ReadAnIndex(item, at, &r);
-    if (r.Depth == 0 && r.Used < kFan) {
+    if (at != 0 && ReadRemembered(item, last, &r) && r.Depth == 0 && r.Used < kFan) {
       int64_t block = -1;
       const int idx = LowestEmpty(r, 0);
       if (idx >= 0) {
@@ -433,8 +497,7 @@ extern "C" void sfl_FreeBlock(int32_t itemHandle, uint32_t block, int32_t unused
   RequireBlocked(item);
   sfl_Held lock;
   lock.ItemHeader(item, SFL_LOCK_EXCL);
-  sfl_ItemHeader header;
-  sfl_ReadItemHeader(item, &header);
+  const sfl_ItemHeader header = CurrentTree(item);
   sfl_FindAndFreeBlock(item, header.FileOffset, block, 0);
 }
 
@@ -443,11 +506,19 @@ extern "C" void sfl_FreeBlock(int32_t itemHandle, uint32_t block, int32_t unused
 // Descends dividing by a whole record's range (32^(Depth+1)) rather than one
 // entry's, and at a leaf answers with the entry's data offset rather than the
 // leaf's own; callers normally come through the cached leaf instead.
-static uint32_t sfl_TraverseForFind(sfl_ItemRec* item, uint32_t off, uint32_t n, uint32_t level) {
+// A remembered record to start from is given as `expect`; when the record
+// read there is no longer that one, *stale is set and 0 returned.
+static uint32_t sfl_TraverseForFind(sfl_ItemRec* item, uint32_t off, uint32_t n, uint32_t level,
+                                    const Remembered* expect = nullptr, bool* stale = nullptr) {
   ER_TRACE_PROC("sfl_TraverseForFind");
   if (level > kMaxRootDepth) SFL_RAISE(SFL_R_BAD_INDEX);
   sfl_IndexRecord r;
-  sfl_ReadAnIndex(item, off, &r);
+  if (expect == nullptr) {
+    sfl_ReadAnIndex(item, off, &r);
+  } else if (!ReadRemembered(item, *expect, &r)) {
+    *stale = true;
+    return 0;
+  }
   const uint64_t range = Capacity(r.Depth);
   const uint64_t slot = n / range;
   if (r.Depth > 0) {
@@ -468,20 +539,25 @@ uint32_t sfl_FindBlock(sfl_ItemRec* item, uint32_t block, sfl_IndexRecord* out) 
   ER_TRACE_PROC("sfl_FindBlock");
   sfl_Held lock;
   lock.ItemHeader(item, SFL_LOCK_SHARED);
+  const sfl_ItemHeader header = CurrentTree(item);
+  const Remembered last = RememberedOf(item);
   uint32_t found = 0;
   bool haveRecord = false;
-  const uint64_t cachedRange = Capacity(item->LastIdxDepth);
-  if (item->LastIdxOff != 0 && block >= item->LastIdxBase &&
-      block <= item->LastIdxBase + cachedRange - 1) {
-    if (item->LastIdxDepth == 0) {
-      found = item->LastIdxOff;
+  bool fromLast = false;
+  const uint64_t cachedRange = Capacity(last.depth);
+  if (last.off != 0 && block >= last.base && block <= last.base + cachedRange - 1) {
+    bool stale = false;
+    if (last.depth == 0) {
+      stale = !ReadRemembered(item, last, out);
+      haveRecord = !stale;
     } else {
-      found = sfl_TraverseForFind(item, item->LastIdxOff,
-                                  static_cast<uint32_t>(block % cachedRange), 0);
+      found = sfl_TraverseForFind(item, last.off, static_cast<uint32_t>(block % cachedRange), 0,
+                                  &last, &stale);
     }
-  } else {
-    sfl_ItemHeader header;
-    sfl_ReadItemHeader(item, &header);
+    fromLast = !stale;
+    if (stale) ForgetTree(item, header.FileOffset);
+  }
+  if (!fromLast) {
     if (header.IndexDepth != 0) {
       found = sfl_TraverseForFind(item, header.FileOffset,
                                   static_cast<uint32_t>(block % Capacity(header.IndexDepth)), 0);
@@ -506,13 +582,22 @@ enum { kRead = 1, kWrite = 2 };
 // Reads or writes block n (relative to the record at `off`). In write mode
 // missing branches and the block itself are created on the way; *full
 // reports the record as full to its parent. Returns the bytes transferred.
+// A remembered record to start from is given as `expect`; when the record
+// read there is no longer that one, nothing is transferred and *stale is
+// set.
 static uint32_t sfl_Traverse4ReadOrWrite(sfl_ItemRec* item, uint32_t off, uint32_t n,
                                          uint32_t len, uint8_t* buf, int mode, bool* full,
-                                         uint32_t level) {
+                                         uint32_t level, const Remembered* expect = nullptr,
+                                         bool* stale = nullptr) {
   ER_TRACE_PROC("sfl_Traverse4ReadOrWrite");
   if (level > kMaxRootDepth) SFL_RAISE(SFL_R_BAD_INDEX);
   sfl_IndexRecord r;
-  sfl_ReadAnIndex(item, off, &r);
+  if (expect == nullptr) {
+    sfl_ReadAnIndex(item, off, &r);
+  } else if (!ReadRemembered(item, *expect, &r)) {
+    *stale = true;
+    return 0;
+  }
   if (r.Depth > 0) {
     const uint64_t span = EntrySpan(r.Depth);
     const uint64_t slot64 = n / span;
@@ -587,17 +672,19 @@ extern "C" uint32_t sfl_ReadBlockedData(int32_t itemHandle, uint32_t block, uint
   auto* buf = static_cast<uint8_t*>(buffer);
   sfl_Held lock;
   lock.ItemHeader(item, SFL_LOCK_SHARED);
+  const sfl_ItemHeader header = CurrentTree(item);
+  const Remembered last = RememberedOf(item);
   bool full = false;
-  uint32_t count;
-  const uint64_t cachedRange = Capacity(item->LastIdxDepth);
-  if (item->LastIdxOff != 0 && block >= item->LastIdxBase &&
-      block <= item->LastIdxBase + cachedRange - 1) {
-    count = sfl_Traverse4ReadOrWrite(item, item->LastIdxOff,
-                                     static_cast<uint32_t>(block % cachedRange), length, buf,
-                                     kRead, &full, 0);
-  } else {
-    sfl_ItemHeader header;
-    sfl_ReadItemHeader(item, &header);
+  bool stale = true;
+  uint32_t count = 0;
+  const uint64_t cachedRange = Capacity(last.depth);
+  if (last.off != 0 && block >= last.base && block <= last.base + cachedRange - 1) {
+    stale = false;
+    count = sfl_Traverse4ReadOrWrite(item, last.off, static_cast<uint32_t>(block % cachedRange),
+                                     length, buf, kRead, &full, 0, &last, &stale);
+    if (stale) ForgetTree(item, header.FileOffset);
+  }
+  if (stale) {
     const uint64_t range = Capacity(header.IndexDepth);
     if (block >= range) SFL_RAISE(SFL_R_BAD_SLOT);
     count = sfl_Traverse4ReadOrWrite(item, header.FileOffset, static_cast<uint32_t>(block % range),
@@ -617,20 +704,23 @@ extern "C" int32_t sfl_WriteBlockedData(int32_t itemHandle, uint32_t block, uint
   sfl_Held lock;
   lock.ItemHeader(item, SFL_LOCK_EXCL);
   bool full = false;
-  uint32_t count;
-  // The cached record is used one block short of its range: the last block
-  // it covers goes through the root.
-  const uint64_t cachedRange = Capacity(item->LastIdxDepth);
-  const int64_t lo = static_cast<int32_t>(item->LastIdxBase);
+  uint32_t count = 0;
+  sfl_ItemHeader header = CurrentTree(item);
+  const Remembered last = RememberedOf(item);
+  bool stale = true;
+  // The remembered record is used one block short of its range: the last
+  // block it covers goes through the root.
+  const uint64_t cachedRange = Capacity(last.depth);
+  const int64_t lo = static_cast<int32_t>(last.base);
   const int64_t hi = lo + static_cast<int64_t>(cachedRange) - 2;
   const int64_t signedBlock = static_cast<int32_t>(block);
-  if (item->LastIdxOff != 0 && signedBlock >= lo && signedBlock <= hi) {
-    count = sfl_Traverse4ReadOrWrite(item, item->LastIdxOff,
-                                     static_cast<uint32_t>(block % cachedRange), length, buf,
-                                     kWrite, &full, 0);
-  } else {
-    sfl_ItemHeader header;
-    sfl_ReadItemHeader(item, &header);
+  if (last.off != 0 && signedBlock >= lo && signedBlock <= hi) {
+    stale = false;
+    count = sfl_Traverse4ReadOrWrite(item, last.off, static_cast<uint32_t>(block % cachedRange),
+                                     length, buf, kWrite, &full, 0, &last, &stale);
+    if (stale) ForgetTree(item, header.FileOffset);
+  }
+  if (stale) {
     while (block >= Capacity(header.IndexDepth)) {
       sfl_IndexRecord root;
       sfl_ReadAnIndex(item, header.FileOffset, &root);
@@ -756,8 +846,7 @@ extern "C" int32_t sfl_CreateBlockedItem(int32_t baseHandle, sfl_ItemRef* out) {
   sfl_ConsiderSync(rec, nullptr, SFL_EV_INDEX_WRITTEN);
 
   sfl_NewItemRecord item;
-  item->BaseHandle = baseHandle;
-  item->BaseRecord = rec;
+  sfl_BindItem(item.get(), baseHandle, rec);
   sfl_SetRef(*item.get(), ref);
   item->ItemNum = static_cast<uint32_t>(slot);
   item->HeaderOff = rec->ITableOff + static_cast<uint32_t>(slot) * SFL_ITEM_HEADER_SIZE;

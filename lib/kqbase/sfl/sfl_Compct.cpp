@@ -503,14 +503,47 @@ bool BlankRecord(sfl_BaseRec* rec, uint32_t off) {
   return std::all_of(raw.begin(), raw.end(), [](uint8_t b) { return b == 0; });
 }
 
+// Index records a wipe covers with one write at most (24 KiB of zeros).
+constexpr uint32_t kWipeRun = 64;
+
+// Writes zeros over the index records at `offs` (sorted), one write per run
+// of adjacent records.
+void WipeRecords(sfl_BaseRec* rec, const std::vector<uint32_t>& offs) {
+  static const std::vector<uint8_t> zeros(kWipeRun * SFL_INDEX_SIZE, 0);
+  for (size_t i = 0; i < offs.size();) {
+    size_t n = 1;
+    while (i + n < offs.size() && n < kWipeRun &&
+           offs[i + n] == offs[i] + n * static_cast<uint32_t>(SFL_INDEX_SIZE))
+      ++n;
+    const size_t len = n * SFL_INDEX_SIZE;
+    const ssize_t put = sfl_PWrite(rec, zeros.data(), len, offs[i]);
+    if (put < 0 || static_cast<size_t>(put) != len) SFL_RAISE(SFL_R_SHORT_WRITE);
+    i += n;
+  }
+}
+
 // Gives back, in one read-modify-write of the free map under its lock, the
 // index records of the tree at `rootOff` (not its blocks) and the 64 bytes
 // of the temporary item's header at `tempHeaderOff`.
+//
+// The records are wiped (zeros, one pwrite per run of adjacent records)
+// before their space is free: a handle in another process may still
+// remember one as its last record, and once the root lies again where that
+// handle knew it (a later rebuild can put it there), only the record itself
+// tells that it is no longer part of the tree. No one can take the space
+// meanwhile: the free map is held until it is written.
 void GiveBackRecords(sfl_ItemRec* item, uint32_t rootOff, uint32_t tempHeaderOff) {
   sfl_BaseRec* rec = item->BaseRecord;
   if (rec->FreeMapItem == nullptr) return;
   sfl_UpdateFreeMap(rec, [&](uint8_t* map, uint32_t mapLen) {
-    sfl_FreeIndexTree(item, rootOff, map, mapLen, 0);
+    std::vector<uint32_t> records;
+    sfl_WalkIndexTree(rec, rootOff, [&](uint32_t off, const sfl_IndexRecord&, uint64_t) {
+      records.push_back(off);
+      return true;
+    });
+    std::sort(records.begin(), records.end());
+    WipeRecords(rec, records);
+    for (const uint32_t off : records) sfl_ClearFreeMapArea(map, mapLen, off, SFL_INDEX_SIZE);
     sfl_ClearFreeMapArea(map, mapLen, tempHeaderOff, SFL_ITEM_HEADER_SIZE);
   });
 }

@@ -54,8 +54,7 @@ int32_t sfl_GenCreateIntBItem(sfl_ItemRec* parent, uint32_t headerOffset, uint32
 
   const uint32_t flags = extraFlags | BLOCKED_ITEM | INT_ITEM;
   sfl_NewItemRecord item;
-  item->BaseHandle = parent->BaseHandle;
-  item->BaseRecord = rec;
+  sfl_BindItem(item.get(), parent->BaseHandle, rec);
   item->ItemNum = parent->ItemNum;
   item->HeaderOff = headerOffset;
   item->OpenRefs = 1;
@@ -117,8 +116,7 @@ int32_t sfl_OpenIntItem(int32_t parentHandle, uint32_t block, uint32_t position)
 
   int32_t handle = -1;
   sfl_ItemRec* item = sfl_GetNewItemEntry(&handle);
-  item->BaseHandle = parent->BaseHandle;
-  item->BaseRecord = rec;
+  sfl_BindItem(item, parent->BaseHandle, rec);
   item->ItemNum = parent->ItemNum;
   item->HeaderOff = at;
   item->OpenRefs = 1;
@@ -133,6 +131,13 @@ int32_t sfl_OpenIntItem(int32_t parentHandle, uint32_t block, uint32_t position)
 
 void sfl_CloseIntItem(int32_t itemHandle) {
   ER_TRACE_PROC("sfl_CloseIntItem");
+  // A handle whose file closed under it can only be given back: nothing of
+  // the file is its own any more, so nothing is flushed.
+  sfl_ItemRec* dead = sfl_OpenItems().Lookup(itemHandle);
+  if (!sfl_ItemFileLive(dead)) {
+    sfl_DeleteOSerItem(dead);
+    return;
+  }
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   if (item->OpenRefs > 1) {
     --item->OpenRefs;

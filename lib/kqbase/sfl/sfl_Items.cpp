@@ -74,8 +74,7 @@ class FdGuard {
 void OpenNewItem(sfl_NewItemRecord& item, sfl_BaseRec* rec, int32_t baseHandle,
                  const sfl_ItemRef* ref, uint32_t itemNum, uint32_t headerOff, uint32_t offset,
                  uint32_t size, uint32_t blocks) {
-  item->BaseHandle = baseHandle;
-  item->BaseRecord = rec;
+  sfl_BindItem(item.get(), baseHandle, rec);
   if (ref != nullptr) sfl_SetRef(*item.get(), *ref);
   item->ItemNum = itemNum;
   item->HeaderOff = headerOff;

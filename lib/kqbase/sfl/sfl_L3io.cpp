@@ -90,6 +90,10 @@ int32_t OpenStream(const char* name, const sfl_ItemRef* ref, const char* mode) {
   if (isItem) {
     if (!ItemMode(mode)) SFL_RAISE(SFL_R_STREAM_MODE);
     hold.itemHandle = sfl_OpenItem(ref, 1);
+    // A stream moves bytes between Offset and Offset + Size. For a blocked
+    // item that is its root index record, not its data: refused, as the
+    // serial operations refuse such an item.
+    if ((sfl_ItemHandle2Record(hold.itemHandle)->Flags & BLOCKED_ITEM) != 0) SFL_RAISE(SFL_R_BLOCKED);
     // The container's path is the name up to its first ':'.
     std::string path(name);
     path.erase(std::min(path.find(':'), path.size()));

@@ -150,6 +150,7 @@ void sfl_ReturnToColdStore(int32_t baseHandle) {
   rec->InColdStore = 1;
   ++FilesInColdStore;
   sfl_ReleaseBaseInterest(rec);
+  sfl_OrphanIntItems(rec);
 }
 
 // Evicts the cold file with the smallest freeze sequence. A candidate whose
@@ -178,4 +179,5 @@ void sfl_EnterColdStore(sfl_BaseRec* rec) {
   rec->InColdStore = 1;
   rec->FreezeSeq = FrozenCount++;
   ++FilesInColdStore;
+  sfl_OrphanIntItems(rec);
 }

@@ -115,10 +115,29 @@ sfl_ItemRec* sfl_GetNewItemEntry(int32_t* itemHandle) {
   return sfl_OpenItems().Take(itemHandle, SFL_R_ITEMS_FULL);
 }
 
+// A handle whose file has closed under it is refused as a bad handle: its
+// record would otherwise still point at an entry of the open-files table
+// that another file may have taken since, and its positions would be
+// followed in that file.
 sfl_ItemRec* sfl_ItemHandle2Record(int32_t itemHandle) {
   sfl_ItemRec* item = sfl_OpenItems().Lookup(itemHandle);
+  if (!sfl_ItemFileLive(item)) ER_RAISE(ER_GROUP_TABLE, SFL_REASON_BAD_HANDLE);
   if (item->BaseRecord != nullptr) sfl_PtrEnsureBaseFileOpen(item->BaseRecord);
   return item;
+}
+
+// The last close of a file withdraws this process's interest in it: from
+// then on another process may release the parent that holds an internal
+// item's header, or the item itself, and reuse the space. An internal item
+// left open does not keep the file, so its handle stops here. The file's
+// own free-map item is closed with the file and is not touched.
+void sfl_OrphanIntItems(const sfl_BaseRec* rec) {
+  sfl_ItemsTable& table = sfl_OpenItems();
+  for (size_t i = 0; i < table.HighWater(); ++i) {
+    sfl_ItemRec* r = table.At(i);
+    if (r == nullptr || r->InUse != 1 || r->BaseRecord != rec || r == rec->FreeMapItem) continue;
+    if ((r->Flags & INT_ITEM) != 0) r->Orphaned = 1;
+  }
 }
 
 void sfl_DeleteOSerItem(sfl_ItemRec* item) { sfl_OpenItems().Release(item); }
@@ -156,8 +175,7 @@ int32_t sfl_FindFellowActiveItems(int32_t baseHandle) {
 int32_t sfl_IntOpenItem(sfl_BaseRec* rec, int32_t baseHandle, uint32_t itemNum,
                         sfl_ItemRec** out) {
   sfl_NewItemRecord item;
-  item->BaseHandle = baseHandle;
-  item->BaseRecord = rec;
+  sfl_BindItem(item.get(), baseHandle, rec);
   item->Domain = rec->Domain;
   item->RefFlags = static_cast<uint16_t>((rec->RefFlags & ~SFL_ITEM_NUM_MASK) |
                                          (itemNum & SFL_ITEM_NUM_MASK));

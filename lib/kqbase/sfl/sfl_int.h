@@ -112,10 +112,16 @@ struct sfl_BaseRec {
   uint32_t MaxItems = 0;
   uint32_t InColdStore = 0;
   uint32_t FreezeSeq = 0;
+  // Which use of this table entry the record is: raised each time the entry
+  // is freed, so that an item handle bound to an earlier file is told apart
+  // from one of the file that took the entry since (sfl_ItemHandle2Record).
+  uint32_t Generation = 0;
 
   void Reset() {
+    const uint32_t next = Generation + 1;
     *this = sfl_BaseRec{};
     FileDes = -1;
+    Generation = next;
   }
 };
 
@@ -155,6 +161,11 @@ struct sfl_ItemRec {
   std::unique_ptr<sfl_IndexBytes> IndexCache;
   uint32_t HeaderCacheValid = 0;
   std::unique_ptr<sfl_ItemHeaderBytes> HeaderCache;
+  // The Generation of BaseRecord when the handle was bound to it.
+  uint32_t BaseGeneration = 0;
+  // 1 once the handle's file has closed under it (an internal item left
+  // open past its container's last close): it is refused from then on.
+  uint32_t Orphaned = 0;
 
   // Clears every field but keeps the two cache buffers for the next user.
   void Reset() {
@@ -180,6 +191,24 @@ struct sfl_StreamRec {
 
   void Reset() { *this = sfl_StreamRec{}; }
 };
+
+// Ties an item-handle record to the open file it works through, and to
+// this use of that file's record.
+inline void sfl_BindItem(sfl_ItemRec* item, int32_t baseHandle, sfl_BaseRec* rec) {
+  item->BaseHandle = baseHandle;
+  item->BaseRecord = rec;
+  item->BaseGeneration = rec != nullptr ? rec->Generation : 0;
+}
+// Whether the file an item handle was bound to is still open under the
+// same record (a handle that fails this is refused with 28867).
+inline bool sfl_ItemFileLive(const sfl_ItemRec* item) {
+  const sfl_BaseRec* rec = item->BaseRecord;
+  return item->Orphaned == 0 &&
+         (rec == nullptr || (rec->InUse == 1 && rec->Generation == item->BaseGeneration));
+}
+// Marks the internal items still open on a file as orphaned: called when
+// the file's last close completes (sfl_ihands).
+void sfl_OrphanIntItems(const sfl_BaseRec* rec);
 
 using sfl_FilesTable = sfl_HandleTable<sfl_BaseRec, SFL_BASE_HANDLE_FIRST, SFL_MAX_OPEN_FILES>;
 using sfl_ItemsTable = sfl_HandleTable<sfl_ItemRec, SFL_ITEM_HANDLE_FIRST, SFL_MAX_OPEN_ITEMS>;
