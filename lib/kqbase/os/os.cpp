@@ -47,9 +47,41 @@ AnyFault g_any;
 uint64_t g_total = 0;
 uint64_t g_transfers = 0;
 
+// The hold of the nth call (os_HoldNthCall) and where waits are told.
+struct Hold {
+  uint64_t countdown = 0;  // 0: none pending
+  int tellFd = -1;
+  int releaseFd = -1;
+  bool met = false;
+  os_Op metKind = os_Op::Count_;
+};
+Hold g_hold;
+int g_tellWaits = -1;
+
+// Raw transfers of one byte for the switch: never counted, never faulted,
+// and a failure changes nothing the held call will see.
+void tellByte(int fd, char c) {
+  const int saved = errno;
+  while (::write(fd, &c, 1) < 0 && errno == EINTR) {
+  }
+  errno = saved;
+}
+
+void holdHere(os_Op op) {
+  g_hold.met = true;
+  g_hold.metKind = op;
+  const int saved = errno;
+  tellByte(g_hold.tellFd, 'H');
+  char c;
+  while (::read(g_hold.releaseFd, &c, 1) < 0 && errno == EINTR) {
+  }
+  errno = saved;
+}
+
 // The fault of any kind, if this call is the one it waits for.
 int enterAny(os_Op op, size_t* maxBytes, size_t len) {
   ++g_total;
+  if (g_hold.countdown != 0 && --g_hold.countdown == 0) holdHere(op);
   if (maxBytes != nullptr) ++g_transfers;
   if (g_any.countdown == 0) return 0;
   if (g_any.shortOnly && maxBytes == nullptr) return 0;
@@ -131,6 +163,14 @@ void os_ShortNthTransfer(uint64_t nth, size_t divisor) {
 }
 
 bool os_FaultMet() { return g_any.met; }
+
+void os_HoldNthCall(uint64_t nth, int tellFd, int releaseFd) { g_hold = Hold{nth, tellFd, releaseFd}; }
+
+bool os_HoldMet() { return g_hold.met; }
+
+const char* os_HoldMetKind() { return g_hold.met ? os_OpName(g_hold.metKind) : "none"; }
+
+void os_TellWaits(int tellFd) { g_tellWaits = tellFd; }
 
 const char* os_FaultMetKind() { return g_any.met ? os_OpName(g_any.metKind) : "none"; }
 
@@ -321,6 +361,15 @@ int os_TryLockPart(int fd, int mode, int whence, uint32_t offLow, uint32_t offHi
   fl.l_pid = 0;  // required for open-file-description locks
   const int cmd = (fl.l_type == F_UNLCK || nowait) ? F_OFD_SETLK : F_OFD_SETLKW;
   int rc;
+  if (cmd == F_OFD_SETLKW && g_tellWaits >= 0) {
+    // A watcher wants to know this process is about to wait on a holder.
+    struct flock once = fl;
+    do rc = ::fcntl(fd, F_OFD_SETLK, &once);
+    while (rc < 0 && errno == EINTR);
+    if (rc == 0) return 1;
+    if (errno != EAGAIN && errno != EACCES) return lockFailed(errno, false);
+    tellByte(g_tellWaits, 'W');
+  }
   do rc = ::fcntl(fd, cmd, &fl);
   while (rc < 0 && errno == EINTR);
   return rc == 0 ? 1 : lockFailed(errno, nowait);
@@ -329,6 +378,12 @@ int os_TryLockPart(int fd, int mode, int whence, uint32_t offLow, uint32_t offHi
 int os_flock(int fd, int op) {
   if (enter(os_Op::Flock)) return -1;
   int rc;
+  if ((op & LOCK_NB) == 0 && (op & (LOCK_SH | LOCK_EX)) != 0 && g_tellWaits >= 0) {
+    do rc = ::flock(fd, op | LOCK_NB);
+    while (rc < 0 && errno == EINTR);
+    if (rc == 0 || errno != EWOULDBLOCK) return rc;
+    tellByte(g_tellWaits, 'W');
+  }
   do rc = ::flock(fd, op);
   while (rc < 0 && errno == EINTR);
   return rc;
@@ -472,9 +527,15 @@ int os_msgctl(int qid, int cmd, void* buf) {
 
 namespace {
 // 0 until asked; a forked child starts over. Registered when the library is
-// loaded, before any fork can happen through it.
+// loaded, before any fork can happen through it. A child (a service being
+// started, say) does not inherit a pending hold or a watcher either: it
+// would stop or tell as if it were the process under test.
 pid_t g_pid = 0;
-extern "C" void forgetPidInChild() { g_pid = 0; }
+extern "C" void forgetPidInChild() {
+  g_pid = 0;
+  g_hold = Hold{};
+  g_tellWaits = -1;
+}
 struct PidCacheRegistrar {
   PidCacheRegistrar() { pthread_atfork(nullptr, nullptr, forgetPidInChild); }
 };
@@ -492,6 +553,7 @@ int os_usleep(uint64_t microseconds) {
   enter(os_Op::Sleep);
   g_sleepAsked += microseconds;
   if (g_skipSleeps) return 0;
+  if (g_tellWaits >= 0) tellByte(g_tellWaits, 'S');
   struct timespec ts;
   ts.tv_sec = static_cast<time_t>(microseconds / 1000000);
   ts.tv_nsec = static_cast<long>(microseconds % 1000000) * 1000;

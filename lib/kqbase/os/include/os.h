@@ -7,6 +7,9 @@
 // Test switch: os_FailNth makes the Nth call of one kind from now fail with a
 // chosen errno; os_ShortNth makes it transfer fewer bytes. Counters of calls
 // by kind let tests count, for instance, the flushes a sequence performed.
+// The hold switch stops a process before its Nth call until a watcher lets
+// it go, and tells the watcher when the process is about to wait on a lock,
+// so that a test can run another process in between.
 #ifndef KQ_OS_H
 #define KQ_OS_H
 
@@ -56,6 +59,23 @@ void os_ResetCallCounts();
 void os_SkipSleeps(bool on);
 // Microseconds asked of os_usleep since the last os_ResetCallCounts.
 uint64_t os_SleepAsked();
+
+// ---- hold switch ---------------------------------------------------------
+// The nth call of any kind from now (1 = the very next one, counted as
+// os_FailNthCall counts) holds the process before it is made: one byte 'H'
+// goes to `tellFd`, then the process waits for one byte from `releaseFd`
+// (end of file releases it too) and makes the call. Neither transfer is
+// counted or subject to a fault. A new hold replaces a pending one; nth 0
+// cancels it.
+void os_HoldNthCall(uint64_t nth, int tellFd, int releaseFd);
+// Whether the hold has been met, and the kind of call it held ("none").
+bool os_HoldMet();
+const char* os_HoldMetKind();
+// While `tellFd` >= 0, a process about to wait tells it first: a lock call
+// that waits (os_TryLockPart in mode 1 or 2, os_flock without LOCK_NB) first
+// tries without waiting and, when refused, writes 'W' before it waits;
+// os_usleep writes 'S' before it sleeps. -1 turns it off.
+void os_TellWaits(int tellFd);
 
 // ---- descriptors -------------------------------------------------------
 int os_open(const char* path, int flags, mode_t mode = 0);
