@@ -50,6 +50,7 @@ soak: build
 	$(SOAK_STEP) stress SFL_STRESS_PROCS=16 SFL_STRESS_OPS=20000 $(BUILD)/tests/stress_test
 	$(SOAK_STEP) faults SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
 	$(SOAK_STEP) crashes SFL_CRASH_KILLS=1000 $(BUILD)/tests/sfl_crashloop_test
+	$(SOAK_STEP) interleavings SFL_INTERLEAVE_SOAK=1 $(BUILD)/tests/sfl_interleave_test
 	@sh tools/soak-summary.sh $(SOAK_LOGS)
 
 soak-ci: build
