@@ -580,15 +580,6 @@ const std::vector<Known>& KnownFailing() {
       // and its close leaves its table entries behind.
       {"service-restart", "*", "interests do not survive a restart of the service"},
       {"*", "service-restart", "interests do not survive a restart of the service"},
-      // The last close removes the file while another process has just
-      // opened it; that process's close then escapes with ENOENT and leaves
-      // its entries (and what it would have stored goes with the file).
-      {"last-close", "*", "the last close unlinks a file another process has open"},
-      {"open", "last-close", "the last close unlinks a file another process has open"},
-      // A repair that decided nobody else holds the file goes on while
-      // another process opens it and writes: the repair marks the item it
-      // finds changed deleted, or drops the new block.
-      {"check-repair", "*", "a repair goes on while another process uses the file"},
       // Item compaction switches the item to a new index tree while the
       // other process's handle goes on with the old one: the index is
       // corrupt and the item no longer reads.
