@@ -112,27 +112,65 @@ TEST(InterestTable, SweepDropsEveryEntryOfEndedProcessesProbingEachOnce) {
   EXPECT_EQ(0u, f.table.References());
 }
 
-TEST(InterestTable, CapRefusesRecordsWithTokenZero) {
+TEST(InterestTable, CapRefusesRecordsWithTokenZeroButAnswersThemAsHeldByAnother) {
   Fixture f(3);
   ml_Answer a = f.table.Record(key(1), 100);
   f.table.Record(key(2), 100);
   f.table.Record(key(3), 100);
   ml_Answer refused = f.table.Record(key(1), 200);
   EXPECT_EQ(0u, refused.Token);
-  EXPECT_EQ(1u, refused.Count);  // only process 100 holds it
+  EXPECT_EQ(2u, refused.Count);  // 100 and the refused 200
   EXPECT_EQ(1u, refused.Other);
-  EXPECT_EQ(0u, f.table.Record(key(4), 200).Count);
+  // Alone with key 4 as far as entries go, yet never told so.
+  ml_Answer alone = f.table.Record(key(4), 200);
+  EXPECT_EQ(0u, alone.Token);
+  EXPECT_EQ(2u, alone.Count);
+  EXPECT_EQ(1u, alone.Other);
   EXPECT_EQ(2u, f.table.Refused());
   EXPECT_EQ(3u, f.table.Entries());
-  EXPECT_EQ(0u, f.table.References() - 3);
-  // A withdraw with the refused token 0 changes nothing.
-  EXPECT_EQ(1u, f.table.Withdraw(key(1), 0, 200).Count);
-  // Room again after a withdraw, and after ended processes are swept.
+  EXPECT_EQ(2u, f.table.Marks());
+  // Another process asking about key 4 learns that someone holds it.
+  ml_Answer seen = f.table.Check(key(4), 300);
+  EXPECT_EQ(1u, seen.Other);
+  EXPECT_EQ(2u, seen.Count);
+  // A withdraw with token 0 cannot say which holding it ends: the mark stays.
+  ml_Answer w = f.table.Withdraw(key(4), 0, 200);
+  EXPECT_EQ(1u, w.Count);
+  EXPECT_EQ(1u, f.table.Check(key(4), 300).Other);
+  // Room again after a withdraw, and after ended processes are swept; the
+  // marks go with their process.
   f.table.Withdraw(key(1), a.Token, 100);
-  EXPECT_NE(0u, f.table.Record(key(4), 200).Token);
+  EXPECT_NE(0u, f.table.Record(key(5), 200).Token);
   f.dead.insert(100);
   f.table.Sweep();
-  EXPECT_NE(0u, f.table.Record(key(5), 200).Token);
+  EXPECT_NE(0u, f.table.Record(key(6), 300).Token);
+  f.dead.insert(200);
+  f.table.Sweep();
+  EXPECT_EQ(0u, f.table.Marks());
+  ml_Answer gone = f.table.Check(key(4), 300);
+  EXPECT_EQ(0u, gone.Other);
+  EXPECT_EQ(0u, gone.Count);
+}
+
+TEST(InterestTable, ProcessBeyondTheMarksMayHoldAnythingWhileItLives) {
+  Fixture f(1);
+  f.table.Record(key(1), 100);                  // the one entry
+  EXPECT_EQ(0u, f.table.Record(key(2), 200).Token);  // the one mark
+  EXPECT_EQ(0u, f.table.Record(key(3), 200).Token);  // no room to say which: anything
+  EXPECT_EQ(2u, f.table.Marks());
+  for (uint8_t r : {3, 9}) {
+    ml_Answer a = f.table.Check(key(r), 300);
+    EXPECT_EQ(1u, a.Other) << int(r);
+    EXPECT_EQ(2u, a.Count) << int(r);
+  }
+  // The process itself is not told that another holds what it alone holds.
+  EXPECT_EQ(0u, f.table.Check(key(9), 200).Other);
+  f.dead.insert(200);
+  EXPECT_EQ(0u, f.table.Check(key(9), 300).Other);
+  EXPECT_EQ(0u, f.table.Check(key(9), 300).Count);
+  EXPECT_EQ(1u, f.table.Marks());  // the mark on key 2 goes at the next sweep
+  f.table.Sweep();
+  EXPECT_EQ(0u, f.table.Marks());
 }
 
 TEST(InterestTable, TokensAreDistinctAndNeverZero) {

@@ -233,7 +233,7 @@ TEST_F(Monitor, ReplyQueueFullOfAnotherLiveClientsRepliesStillTakesAnAnswer) {
   WaitChild(sleeper);
 }
 
-TEST_F(Monitor, EntryCapRefusesFurtherRecords) {
+TEST_F(Monitor, EntryCapRefusesFurtherRecordsAndAnswersThemAsNotAlone) {
   ASSERT_GT(StartService({"--max-entries", "2"}), 0);
   EXPECT_EQ(0, RunInChild([] {
     sfl_BaseRec a, b, c, d;
@@ -242,9 +242,9 @@ TEST_F(Monitor, EntryCapRefusesFurtherRecords) {
     fillBase(&c, makeRef(1, 3));
     sfl_RecordBaseInterest(&a);
     sfl_RecordBaseInterest(&b);
-    sfl_RecordBaseInterest(&c);  // over the cap: not kept
+    sfl_RecordBaseInterest(&c);  // over the cap: no entry, and never "alone"
     if (a.InterestToken == 0 || b.InterestToken == 0) return 1;
-    if (c.InterestToken != 0 || c.ProcAccCount != 0) return 2;
+    if (c.InterestToken != 0 || c.ProcAccCount < 2 || c.OtherInterest == 0) return 2;
     sfl_ReleaseBaseInterest(&a);
     fillBase(&d, makeRef(1, 4));
     sfl_RecordBaseInterest(&d);  // room again
