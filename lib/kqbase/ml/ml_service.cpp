@@ -13,6 +13,12 @@
 // the newest reply of each live process; if it is still full (more waiting
 // clients than the queue holds) the reply is dropped. Either way a client
 // that never reads its replies cannot stall the service.
+//
+// Each serving process keeps its entries on disk (ml_keep.h). At start the
+// main process reads what an earlier service left, keeps what live processes
+// still hold, and hands each pair its share by the same routing the clients
+// use (the pair count may have changed), written afresh before anyone is
+// served. A stop leaves the files in place for the next start.
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -23,12 +29,14 @@
 #include <ctime>
 #include <fcntl.h>
 #include <new>
+#include <set>
 #include <string>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/msg.h>
 #include <sys/wait.h>
 #include <thread>
+#include <tuple>
 #include <unordered_set>
 #include <unistd.h>
 #include <vector>
@@ -37,6 +45,7 @@
 #include "le.h"
 #include "ml.h"
 #include "ml_interest.h"
+#include "ml_keep.h"
 #include "os.h"
 
 namespace {
@@ -92,13 +101,75 @@ struct Server {
   int replyQueue = -1;
   Shared* shared = nullptr;
   ml_InterestTable table;
+  ml_KeepFile keep;
+  uint64_t keepFailures = 0;  // as last logged
   std::unordered_set<int32_t> requesters;  // answered since the last sweep
   int64_t nextSweepMs = 0;
   uint64_t malformed = 0;
   uint64_t dropped = 0;
 
-  explicit Server(size_t maxEntries) : table(maxEntries, pidAlive) {}
+  explicit Server(size_t maxEntries) : table(maxEntries, pidAlive, ml_ProcessStart) {}
 };
+
+// Held entries and marks: a service holding either is not idle.
+int64_t heldBy(const Server& s) { return static_cast<int64_t>(s.table.Entries() + s.table.Marks()); }
+
+// Gives a serving process what its pair's file holds (written by the main
+// process before the forks, in this order) and keeps the file up to date
+// from then on.
+void restore(Server& s, const std::vector<ml_Saved>& saved, const std::string& path) {
+  for (size_t i = 0; i < saved.size(); ++i) s.table.Restore(saved[i], static_cast<uint32_t>(i));
+  if (s.keep.Open(path)) {
+    s.table.SetJournal(&s.keep);
+  } else {
+    logLine("pair %d: cannot keep interests in %s (%s); a restart will forget them", s.pair,
+            path.c_str(), std::strerror(errno));
+  }
+  if (!saved.empty()) logLine("pair %d: %zu interest(s) of live processes taken over", s.pair, saved.size());
+}
+
+// The routing of the clients: pair SubDomain mod pair count.
+int pairOf(const ml_Saved& s, int pairs) {
+  return static_cast<int>(le_GetU32(s.Ref.data() + 4) % static_cast<uint32_t>(pairs));
+}
+
+// Reads what an earlier service left for any pair count, and writes each
+// pair's share afresh. Returns the shares.
+std::vector<std::vector<ml_Saved>> takeOver(const std::string& dir, int pairs, size_t maxEntries,
+                                            mode_t mode) {
+  const std::string boot = ml_BootId();
+  std::vector<std::vector<ml_Saved>> shares(static_cast<size_t>(pairs));
+  for (int i = 0; i < ML_MAX_PAIRS; ++i) {
+    const std::string path = ml_KeepPath(dir, i);
+    ml_KeepLoad load;
+    ml_LoadKeep(path, os_getuid(), boot, ml_KeepSlotLimit(maxEntries), ml_SavedProcessLives, &load);
+    if (!load.Refused.empty()) logLine("%s not used: %s", path.c_str(), load.Refused.c_str());
+    if (load.Dropped > 0) logLine("%s: %zu slot(s) dropped (ended processes or bent)", path.c_str(), load.Dropped);
+    for (const ml_Saved& s : load.Saved) {
+      if (s.Kind == ML_SAVED_ANY) {
+        for (auto& share : shares) share.push_back(s);
+      } else {
+        shares[static_cast<size_t>(pairOf(s, pairs))].push_back(s);
+      }
+    }
+  }
+  // The same slot may have come from two files (a start cut short between
+  // writes): once is enough.
+  for (auto& share : shares) {
+    std::set<std::tuple<uint32_t, ml_RefKey, int32_t, uint32_t>> seen;
+    std::vector<ml_Saved> unique;
+    for (const ml_Saved& s : share)
+      if (seen.insert({s.Kind, s.Ref, s.Pid, s.Token}).second) unique.push_back(s);
+    share.swap(unique);
+  }
+  for (int i = 0; i < pairs; ++i) {
+    const std::string path = ml_KeepPath(dir, i);
+    if (ml_WriteKeep(path, boot, shares[static_cast<size_t>(i)], mode) != 0)
+      logLine("cannot write %s: %s", path.c_str(), std::strerror(errno));
+  }
+  for (int i = pairs; i < ML_MAX_PAIRS; ++i) os_unlink(ml_KeepPath(dir, i).c_str());
+  return shares;
+}
 
 // Removes every reply waiting for `pid`.
 void purgeRepliesFor(int queue, int32_t pid) {
@@ -173,7 +244,7 @@ void handle(Server& s, const uint8_t* msg, ssize_t len) {
   sendReply(s, pid, reply, replyLen);
   if (s.requesters.size() < kMaxRequesters) s.requesters.insert(pid);
   PairStats& ps = s.shared->pairs[s.pair];
-  ps.entries.store(static_cast<int64_t>(s.table.Entries()));
+  ps.entries.store(heldBy(s));
   ps.lastActivityMs.store(nowMs());
 }
 
@@ -184,7 +255,12 @@ void sweep(Server& s) {
   for (int32_t pid : s.requesters)
     if (!pidAlive(pid)) purgeRepliesFor(s.replyQueue, pid);
   s.requesters.clear();
-  s.shared->pairs[s.pair].entries.store(static_cast<int64_t>(s.table.Entries()));
+  s.shared->pairs[s.pair].entries.store(heldBy(s));
+  if (s.keep.Failures() != s.keepFailures) {
+    s.keepFailures = s.keep.Failures();
+    logLine("pair %d: %llu write(s) of the kept interests failed; a restart may forget some", s.pair,
+            static_cast<unsigned long long>(s.keepFailures));
+  }
 }
 
 // Serves one pair until a stop signal, the loss of its queue, or
@@ -314,6 +390,9 @@ int ml_RunService(const ml_ServiceOptions& opts) {
     os_unlink(ml_StatePath(dir).c_str());
   }
 
+  const std::vector<std::vector<ml_Saved>> shares =
+      takeOver(dir, pairs, opts.MaxEntries, opts.Gid >= 0 ? 0640 : 0600);
+
   std::vector<int> queues;
   for (int i = 0; i < 2 * pairs; ++i) {
     int q = makeQueue(opts.Gid);
@@ -358,6 +437,8 @@ int ml_RunService(const ml_ServiceOptions& opts) {
       s.requestQueue = queues[2 * i];
       s.replyQueue = queues[2 * i + 1];
       s.shared = shared;
+      restore(s, shares[static_cast<size_t>(i)], ml_KeepPath(dir, i));
+      shared->pairs[i].entries.store(heldBy(s));
       serve(s, [&] { return pidAlive(mainPid); });
       // The main process is gone (or we were stopped): take every queue down
       // so that no client waits on one that nobody serves.
@@ -392,6 +473,8 @@ int ml_RunService(const ml_ServiceOptions& opts) {
     s.requestQueue = queues[0];
     s.replyQueue = queues[1];
     s.shared = shared;
+    restore(s, shares[0], ml_KeepPath(dir, 0));
+    shared->pairs[0].entries.store(heldBy(s));
     serve(s, [&] {
       if (g_stop) return false;  // a stop of the whole group is not a failure
       for (pid_t& c : children) {
