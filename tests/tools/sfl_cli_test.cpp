@@ -24,7 +24,9 @@
 
 #include "sfl.h"
 #include "sfl_records.h"
+#include "sfl_int.h"
 #include "test_env.h"
+#include "test_util.h"
 #include "tool_run.h"
 
 namespace {
@@ -1076,6 +1078,40 @@ TEST(SflCliService, StartStatusStop) {
   EXPECT_NE(kill(pid, 0), 0);
   EXPECT_EQ(Sfl({"service", "status"}).status, 1);
   EXPECT_FAILS(Sfl({"service", "status", "--pairs", "2"}), 2);
+}
+
+TEST(SflCliService, StopIsRefusedWhileInterestsAreHeldUnlessForced) {
+  EXPECT_OK(Sfl({"service", "start"}));
+  sfltest::Gate recorded, go;
+  const int holder = sfltest::StartChild([&] {
+    sfl_BaseRec rec;
+    sfl_ItemRef ref{};
+    ref.Domain = 2;
+    ref.SubDomain = 3;
+    ref.FileId = 4;
+    sfl_SetRef(rec, ref);
+    sfl_RecordBaseInterest(&rec);
+    recorded.Open();
+    go.Wait();
+    return 0;
+  });
+  recorded.Wait();
+  Outcome refused = Sfl({"service", "stop"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.out, "");
+  EXPECT_NE(refused.err.find("not stopped: 1 interest(s) held by 1 live process(es) (pid " +
+                             std::to_string(holder) + ")"),
+            std::string::npos)
+      << refused.err;
+  EXPECT_OK(Sfl({"service", "status"}));
+  EXPECT_FAILS(Sfl({"service", "status", "--force"}), 2);
+  Outcome forced = Sfl({"service", "stop", "--force"});
+  EXPECT_OK(forced);
+  EXPECT_EQ(forced.out.compare(0, 13, "stopped: pid "), 0) << forced.out;
+  EXPECT_EQ(Sfl({"service", "status"}).status, 1);
+  go.Open();
+  EXPECT_EQ(sfltest::WaitChild(holder), 0);
+  EXPECT_NE(Sfl({"service", "--help"}).out.find("--force"), std::string::npos);
 }
 
 // ---- the demo

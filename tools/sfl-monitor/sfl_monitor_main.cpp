@@ -1,13 +1,21 @@
 // sfl-monitor: the interest service as a program. Parses the options and
 // runs the serving code of the ml_ library, in the foreground (for a
-// service manager) or detached (returning once the service is published).
+// service manager) or detached (returning once the service is published);
+// with --stop it ends the running service, unless live processes hold
+// interests in it and --force was not given.
+#include <chrono>
+#include <csignal>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include "ml.h"
+#include "ml_keep.h"
 
 namespace {
 
@@ -27,8 +35,13 @@ void usage(std::FILE* out) {
                "  --max-entries N      interest entries kept per serving process\n"
                "                       (default 100000; records beyond it are refused)\n"
                "  --group G            make queues and state accessible to group G\n"
+               "  --stop               stop the service of the run directory; refused (exit\n"
+               "                       status 3) while live processes hold interests\n"
+               "  --force              with --stop: stop even so\n"
                "\n"
-               "SIGTERM or SIGINT stops the service; it removes its queues and state.\n");
+               "SIGTERM or SIGINT stops the service; it removes its queues and state. The\n"
+               "interests held are kept in the run directory (sfl-monitor.interests.N), and\n"
+               "a service started again there takes over those of processes still alive.\n");
 }
 
 bool number(const char* text, long lo, long hi, long* out) {
@@ -40,12 +53,68 @@ bool number(const char* text, long lo, long hi, long* out) {
   return true;
 }
 
+enum { kExitRefused = 3 };
+
+// Whether `pid` is still there, waiting for init to reap it.
+bool awaitingInit(int32_t pid) {
+  FILE* f = std::fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "r");
+  if (f == nullptr) return false;
+  char line[512] = {};
+  const bool read = std::fgets(line, sizeof line, f) != nullptr;
+  std::fclose(f);
+  const char* close = read ? std::strrchr(line, ')') : nullptr;
+  char state = 0;
+  long parent = 0;
+  return close != nullptr && std::sscanf(close + 1, " %c %ld", &state, &parent) == 2 && parent == 1;
+}
+
+// Ends the service of the run directory. Prints "not running", "stopped:
+// pid N", or (on standard error, exit status 3) why it was not stopped.
+int stopService(const std::string& runDir, bool force) {
+  ml_State st;
+  if (!ml_ReadState(runDir, &st) || !ml_ServiceAlive(runDir, st)) {
+    std::printf("not running\n");
+    return 0;
+  }
+  if (!force) {
+    std::vector<int32_t> pids;
+    if (size_t held = ml_KeptHeld(runDir, &pids); held > 0) {
+      std::string list;
+      for (size_t i = 0; i < pids.size() && i < 8; ++i) list += (i == 0 ? "" : " ") + std::to_string(pids[i]);
+      if (pids.size() > 8) list += " ...";
+      std::fprintf(stderr,
+                   "sfl-monitor: not stopped: %zu interest(s) held by %zu live process(es) (pid %s);"
+                   " --force stops it anyway\n",
+                   held, pids.size(), list.c_str());
+      return kExitRefused;
+    }
+  }
+  if (::kill(st.MainPid, SIGTERM) != 0 && errno != ESRCH) {
+    std::fprintf(stderr, "sfl-monitor: cannot signal pid %d: %s\n", st.MainPid, std::strerror(errno));
+    return 1;
+  }
+  // The service removes its queues and state, then exits; wait up to 10 s.
+  for (int i = 0; i < 1000 && ml_CheckPid(st.MainPid) == 1; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  if (ml_CheckPid(st.MainPid) == 1) {
+    std::fprintf(stderr, "sfl-monitor: pid %d did not stop\n", st.MainPid);
+    return 1;
+  }
+  // Ended. A detached service is reaped by init, which may take a moment:
+  // wait for that, so that its pid is gone once this returns. One that is a
+  // child of whoever started it stays until that process reaps it.
+  for (int i = 0; i < 1000 && awaitingInit(st.MainPid); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  std::printf("stopped: pid %d\n", st.MainPid);
+  return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   ml_ServiceOptions opts;
   opts.RunDir = ml_RunDir();
-  bool foreground = false;
+  bool foreground = false, stop = false, force = false;
   for (int i = 1; i < argc; ++i) {
     const char* a = argv[i];
     const char* v = i + 1 < argc ? argv[i + 1] : nullptr;
@@ -55,6 +124,10 @@ int main(int argc, char** argv) {
       return 0;
     } else if (std::strcmp(a, "--foreground") == 0) {
       foreground = true;
+    } else if (std::strcmp(a, "--stop") == 0) {
+      stop = true;
+    } else if (std::strcmp(a, "--force") == 0) {
+      force = true;
     } else if (std::strcmp(a, "--run-dir") == 0 && v != nullptr && *v != '\0') {
       opts.RunDir = v;
       ++i;
@@ -80,6 +153,11 @@ int main(int argc, char** argv) {
       return 2;
     }
   }
+  if (force && !stop) {
+    std::fprintf(stderr, "sfl-monitor: --force goes with --stop only\n");
+    return 2;
+  }
+  if (stop) return stopService(opts.RunDir, force);
   ml_State running;
   if (ml_ReadState(opts.RunDir, &running) && ml_ServiceAlive(opts.RunDir, running)) {
     std::fprintf(stderr, "sfl-monitor: already serving %s (main process %d)\n", opts.RunDir.c_str(),

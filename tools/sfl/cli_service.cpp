@@ -8,11 +8,9 @@
 
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 
 #include "cli.h"
 
@@ -53,7 +51,7 @@ std::string MonitorProgram() {
   return "sfl-monitor";  // found through PATH
 }
 
-int RunProgram(const std::vector<std::string>& argv) {
+int RunProgram(const std::vector<std::string>& argv, bool showOutput = false) {
   std::vector<char*> args;
   for (const std::string& s : argv) args.push_back(const_cast<char*>(s.c_str()));
   args.push_back(nullptr);
@@ -62,8 +60,8 @@ int RunProgram(const std::vector<std::string>& argv) {
   if (pid < 0) throw Failure{std::string("fork: ") + std::strerror(errno)};
   if (pid == 0) {
     // The program announces itself on standard output; this command prints
-    // its own line instead.
-    int devnull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    // its own line instead, unless the program's is the answer.
+    int devnull = showOutput ? -1 : open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (devnull >= 0) dup2(devnull, 1);
     execvp(args[0], args.data());
     std::fprintf(stderr, "sfl service: %s: %s\n", args[0], std::strerror(errno));
@@ -75,8 +73,6 @@ int RunProgram(const std::vector<std::string>& argv) {
   }
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
-
-bool Alive(int32_t pid) { return kill(pid, 0) == 0 || errno == EPERM; }
 
 int Start(const Args& a) {
   std::vector<std::string> argv = {MonitorProgram()};
@@ -104,22 +100,14 @@ int Start(const Args& a) {
   return kExitOk;
 }
 
-int Stop() {
-  ServiceInfo info;
-  if (!FindService(&info)) {
-    std::printf("not running\n");
-    return kExitOk;
-  }
-  if (kill(info.pid, SIGTERM) != 0 && errno != ESRCH)
-    throw Failure{"cannot signal pid " + std::to_string(info.pid) + ": " + std::strerror(errno)};
-  // The service removes its queues and state, then exits; wait up to 10 s.
-  for (int i = 0; i < 1000 && Alive(info.pid); ++i) {
-    struct timespec ts = {0, 10 * 1000 * 1000};
-    nanosleep(&ts, nullptr);
-  }
-  if (Alive(info.pid)) throw Failure{"pid " + std::to_string(info.pid) + " did not stop"};
-  std::printf("stopped: pid %d\n", info.pid);
-  return kExitOk;
+// The service program decides: it knows where the interests held are kept.
+int Stop(const Args& a) {
+  std::vector<std::string> argv = {MonitorProgram(), "--stop"};
+  if (a.Has("force")) argv.push_back("--force");
+  const int rc = RunProgram(argv, /*showOutput=*/true);
+  if (rc == 0) return kExitOk;
+  if (rc == 3) return kExitFailure;  // refused; the program said why
+  throw Failure{argv[0] + " exited with status " + std::to_string(rc)};
 }
 
 int Status() {
@@ -139,7 +127,8 @@ int RunService(const Args& a) {
   if (action == "start") return Start(a);
   if ((a.Has("pairs") || a.Has("idle-seconds")))
     throw UsageError{"--pairs and --idle-seconds go with 'start' only"};
-  if (action == "stop") return Stop();
+  if (action == "stop") return Stop(a);
+  if (a.Has("force")) throw UsageError{"--force goes with 'stop' only"};
   if (action == "status") return Status();
   throw UsageError{"unknown action '" + action + "' (start, stop or status)"};
 }
@@ -155,9 +144,15 @@ const std::vector<Command>& ServiceCommands() {
        "starts one on demand (it stops again after an idle time); 'start' runs one\n"
        "explicitly with the sfl-monitor program beside this one, 'stop' ends it, and\n"
        "'status' reports it (exit status 1 when it is not running). The service of the\n"
-       "run directory in SFL_RUN_DIR is meant.\n",
+       "run directory in SFL_RUN_DIR is meant.\n"
+       "The service keeps the interests held in its run directory, and one started\n"
+       "again takes over those of live processes. Even so, 'stop' refuses while live\n"
+       "processes hold interests: it prints on standard error how many, held by which\n"
+       "processes, and exits with status 1; --force stops the service anyway. It\n"
+       "prints 'stopped: pid N' once the service has gone, 'not running' when none was.\n",
        {{"pairs", 0, true, "start: queue pairs (serving processes), 1 to 4"},
-        {"idle-seconds", 0, true, "start: exit after this long idle (0: never)"}},
+        {"idle-seconds", 0, true, "start: exit after this long idle (0: never)"},
+        {"force", 0, false, "stop: stop even while live processes hold interests"}},
        1,
        1,
        RunService},
