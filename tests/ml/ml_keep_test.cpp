@@ -18,6 +18,7 @@
 #include "ml.h"
 #include "ml_interest.h"
 #include "ml_keep.h"
+#include "os.h"
 #include "test_env.h"
 
 namespace {
@@ -319,6 +320,58 @@ TEST(MlKeep, ARebuildEntryGoesWithTheInterestRecordedJustBeforeIt) {
   EXPECT_EQ(1u, t.Check(key(6, "new"), 300).Count);
   t.Withdraw(key(6, "new"), n6.Token, 100);
   EXPECT_EQ(1u, t.Check(key(6), 300).Count);
+}
+
+TEST(MlKeep, CallsTheSystemRefusesLeaveNothingHalfDone) {
+  const std::vector<ml_Saved> one = {entry(10, 1, 1)};
+  // A write that cannot open, write, close or rename leaves no temporary and
+  // the old file as it was.
+  ASSERT_EQ(0, ml_WriteKeep(path(), kBoot, one, 0600));
+  const std::vector<uint8_t> before = bytesOf(path());
+  for (os_Op op : {os_Op::Open, os_Op::Write, os_Op::Close, os_Op::Rename}) {
+    os_FailNth(op, 1, EIO);
+    EXPECT_EQ(-1, ml_WriteKeep(path(), kBoot, {entry(10, 1, 1), entry(11, 2, 2)}, 0600)) << os_OpName(op);
+    os_ClearFaults();
+    EXPECT_EQ(before, bytesOf(path())) << os_OpName(op);
+    size_t files = 0;
+    for (const auto& e : std::filesystem::directory_iterator(sfltest::TestDir()))
+      files += e.path().filename().string().rfind("keep.", 0) == 0;
+    EXPECT_EQ(0u, files) << os_OpName(op);
+  }
+  // A read that cannot examine the file or reads it short uses none of it.
+  os_FailNth(os_Op::Fstat, 1, EIO);
+  EXPECT_EQ("cannot be examined", load().Refused);
+  os_ShortNth(os_Op::Pread, 1, 10);
+  EXPECT_EQ("short read", load().Refused);
+  os_FailNth(os_Op::Open, 1, EACCES);
+  EXPECT_NE(std::string::npos, load().Refused.find("cannot be opened")) << load().Refused;
+  os_ClearFaults();
+  // The journal counts the slots it could not write.
+  ml_KeepFile unopened;
+  unopened.Put(0, entry(10, 1, 1));
+  EXPECT_EQ(1u, unopened.Failures());
+  ml_KeepFile file;
+  EXPECT_FALSE(file.Open(path() + "-absent"));
+  ASSERT_TRUE(file.Open(path()));
+  ASSERT_TRUE(file.Open(path()));  // again: the first descriptor is given back
+  os_FailNth(os_Op::Pwrite, 1, ENOSPC);
+  file.Clear(0);
+  os_ClearFaults();
+  EXPECT_EQ(1u, file.Failures());
+  EXPECT_EQ(1u, load().Saved.size());
+  // What /proc does not say is unknown.
+  os_FailNth(os_Op::Open, 1, EACCES);
+  EXPECT_EQ("", ml_BootId());
+  os_FailNth(os_Op::Open, 1, EACCES);
+  EXPECT_EQ(0u, ml_ProcessStart(getpid()));
+  os_ShortNth(os_Op::Read, 1, 8);  // no closing parenthesis
+  EXPECT_EQ(0u, ml_ProcessStart(getpid()));
+  os_ShortNth(os_Op::Read, 1, 60);  // cut before the start time
+  EXPECT_EQ(0u, ml_ProcessStart(getpid()));
+  os_ClearFaults();
+  std::vector<int32_t> pids = {1};
+  EXPECT_EQ(0u, ml_KeptHeld(sfltest::TestDir() + "/no-such-dir", &pids));
+  EXPECT_TRUE(pids.empty());
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 
 #include "er.h"
 #include "ml.h"
+#include "ml_keep.h"
 #include "os.h"
 #include "sfl_coding.h"
 #include "sfl_int.h"
@@ -179,6 +180,49 @@ TEST_F(MlService, FailedPublicationStopsTheService) {
   EXPECT_EQ(1, runService(options(2), [] { os_FailNth(os_Op::Rename, 3, EIO); }));
   EXPECT_NE(std::string::npos, fileText(logPath()).find("cannot publish"));
   expectNothingLeft();
+}
+
+TEST_F(MlService, KeptInterestsThatCannotBeWrittenAreLoggedAndServingGoesOn) {
+  // The pair's file is a directory: not read, not written, not kept.
+  std::filesystem::create_directory(ml_KeepPath(RunDir(), 0));
+  const int pid = startService(options());
+  ASSERT_GT(pid, 0);
+  EXPECT_EQ(0, RunInChild([] {
+    sfl_BaseRec rec;
+    sfl_ItemRef ref{};
+    ref.SubDomain = 4;
+    sfl_SetRef(rec, ref);
+    sfl_RecordBaseInterest(&rec);
+    return rec.InterestToken != 0 ? 0 : 1;
+  }));
+  ASSERT_EQ(0, kill(pid, SIGTERM));
+  EXPECT_EQ(0, ExitWithin(pid, 10));
+  const std::string log = fileText(logPath());
+  EXPECT_NE(std::string::npos, log.find("not used: not a regular file")) << log;
+  EXPECT_NE(std::string::npos, log.find("cannot write")) << log;
+  EXPECT_NE(std::string::npos, log.find("cannot keep interests")) << log;
+  std::filesystem::remove(ml_KeepPath(RunDir(), 0));
+}
+
+TEST_F(MlService, AKeptSlotThatCannotBeWrittenIsLoggedAtTheNextSweep) {
+  const int pid = StartChild([&] {
+    if (!logToServiceLog()) return 90;
+    os_FailNth(os_Op::Pwrite, 1, ENOSPC);
+    return ml_RunService(options());
+  });
+  ml_State st;
+  ASSERT_TRUE(Eventually([&] { return ml_ReadState(RunDir(), &st) && st.MainPid == pid; }));
+  EXPECT_EQ(0, RunInChild([] {
+    sfl_BaseRec rec;
+    sfl_ItemRef ref{};
+    ref.SubDomain = 5;
+    sfl_SetRef(rec, ref);
+    sfl_RecordBaseInterest(&rec);
+    return rec.InterestToken != 0 ? 0 : 1;
+  }));
+  EXPECT_TRUE(Eventually([&] { return fileText(logPath()).find("write(s) of the kept interests failed") != std::string::npos; }));
+  ASSERT_EQ(0, kill(pid, SIGTERM));
+  EXPECT_EQ(0, ExitWithin(pid, 10));
 }
 
 TEST_F(MlService, ServingProcessThatEndsStopsTheService) {

@@ -73,8 +73,7 @@ ml_InterestTable::Holder& ml_InterestTable::HolderOf(Holders& holders, int32_t p
   return holders.back();
 }
 
-void ml_InterestTable::DropHolder(Holder& h, const ml_RefKey& ref) {
-  (void)ref;
+void ml_InterestTable::DropHolder(Holder& h) {
   for (const Entry& e : h.entries) Free(e.slot);
   entries_ -= h.entries.size();
   h.entries.clear();
@@ -85,12 +84,12 @@ void ml_InterestTable::DropHolder(Holder& h, const ml_RefKey& ref) {
   }
 }
 
-void ml_InterestTable::Prune(Holders& holders, const ml_RefKey& ref, int32_t requester) {
+void ml_InterestTable::Prune(Holders& holders, int32_t requester) {
   for (auto it = holders.begin(); it != holders.end();) {
     if (Live(it->pid, requester)) {
       ++it;
     } else {
-      DropHolder(*it, ref);
+      DropHolder(*it);
       it = holders.erase(it);
     }
   }
@@ -191,7 +190,7 @@ void ml_InterestTable::DropLinked(const ml_RefKey& ref, uint32_t token, int32_t 
 ml_Answer ml_InterestTable::Record(const ml_RefKey& ref, int32_t pid) {
   PruneAny(pid);
   auto found = refs_.find(ref);
-  if (found != refs_.end()) Prune(found->second, ref, pid);
+  if (found != refs_.end()) Prune(found->second, pid);
   if (entries_ >= max_) {
     // Refused, yet the process holds the file: nobody may now be told that
     // they are alone with it, this process included.
@@ -223,7 +222,7 @@ ml_Answer ml_InterestTable::Withdraw(const ml_RefKey& ref, uint32_t token, int32
   auto found = refs_.find(ref);
   if (found == refs_.end()) return Answer(nullptr, pid);
   Holders& holders = found->second;
-  Prune(holders, ref, pid);
+  Prune(holders, pid);
   bool removed = false;
   for (auto h = holders.begin(); h != holders.end(); ++h) {
     if (h->pid != pid) continue;
@@ -252,7 +251,7 @@ ml_Answer ml_InterestTable::Check(const ml_RefKey& ref, int32_t pid) {
   PruneAny(pid);
   auto found = refs_.find(ref);
   if (found == refs_.end()) return Answer(nullptr, pid);
-  Prune(found->second, ref, pid);
+  Prune(found->second, pid);
   ml_Answer a = Answer(&found->second, pid);
   if (found->second.empty()) refs_.erase(found);
   return a;
@@ -272,7 +271,7 @@ size_t ml_InterestTable::Sweep() {
       if (live(h->pid)) {
         ++h;
       } else {
-        DropHolder(*h, it->first);
+        DropHolder(*h);
         h = holders.erase(h);
       }
     }

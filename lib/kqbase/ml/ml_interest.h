@@ -114,8 +114,8 @@ class ml_InterestTable {
   };
 
   bool Live(int32_t pid, int32_t requester);
-  void DropHolder(Holder& h, const ml_RefKey& ref);
-  void Prune(Holders& holders, const ml_RefKey& ref, int32_t requester);
+  void DropHolder(Holder& h);
+  void Prune(Holders& holders, int32_t requester);
   void PruneAny(int32_t requester);
   ml_Answer Answer(const Holders* holders, int32_t pid) const;
   Holder& HolderOf(Holders& holders, int32_t pid, uint64_t start);

@@ -388,6 +388,14 @@ int ml_RunService(const ml_ServiceOptions& opts) {
   if (ml_ReadState(dir, &stale)) {
     removeQueues(stale.Context);
     os_unlink(ml_StatePath(dir).c_str());
+    // Its other serving processes end once their queue has gone; one still
+    // answering a request could write its file after we have read it.
+    for (int i = 0; i < 200; ++i) {
+      bool left = false;
+      for (int32_t pid : stale.Additional) left = left || pidAlive(pid);
+      if (!left) break;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
   }
 
   const std::vector<std::vector<ml_Saved>> shares =

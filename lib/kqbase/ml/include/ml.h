@@ -10,6 +10,7 @@
 //   sfl-monitor.lock   flock'ed by the running service for its whole life
 //   sfl-monitor.start  flock'ed by a process that starts the service
 //   sfl-monitor.log    the service's log when it runs detached
+//   sfl-monitor.interests.N  the interests pair N holds (ml_keep.h)
 #ifndef KQ_ML_H
 #define KQ_ML_H
 
