@@ -184,6 +184,7 @@ TEST_F(MlService, FailedPublicationStopsTheService) {
 
 TEST_F(MlService, KeptInterestsThatCannotBeWrittenAreLoggedAndServingGoesOn) {
   // The pair's file is a directory: not read, not written, not kept.
+  std::filesystem::remove(ml_KeepPath(RunDir(), 0));
   std::filesystem::create_directory(ml_KeepPath(RunDir(), 0));
   const int pid = startService(options());
   ASSERT_GT(pid, 0);

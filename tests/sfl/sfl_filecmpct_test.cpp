@@ -20,6 +20,8 @@
 #include <vector>
 
 #include "ext.h"
+#include "ml.h"
+#include "ml_keep.h"
 #include "os.h"
 #include "sfl_coding.h"
 #include "sfl_int.h"
@@ -872,9 +874,11 @@ TEST(FileCompaction, AnOpenHolderKeepsReadingTheOldFileAndNeverCompactsIt) {
     return 0;
   });
   ready.Wait();
-  // The holder's interest goes with the service it was recorded with (as
-  // after a restart of the service): the rebuild does not see it.
+  // The holder's interest is lost: the service goes, and with it what it
+  // kept in its run directory (as when that is wiped). The rebuild does not
+  // see the holder.
   sfltest::StopService();
+  for (int i = 0; i < ML_MAX_PAIRS; ++i) std::filesystem::remove(ml_KeepPath(sfltest::RunDir(), i));
   const ino_t old = InodeOf(path);
   EXPECT_EQ(sfl_CompactContainer(&c.ref), SFL_COMPACT_DONE);
   const ino_t replaced = InodeOf(path);
@@ -888,13 +892,18 @@ TEST(FileCompaction, AnOpenHolderKeepsReadingTheOldFileAndNeverCompactsIt) {
   ExpectElsewhere([&] { return CheckContent(c.ref, want); });
 }
 
-TEST(FileCompaction, TheTemporaryInterestOfTheNewFileIsLeftAfterSuccess) {
+TEST(FileCompaction, TheTemporaryInterestOfTheNewFileIsNotWithdrawnAndTheServiceDropsIt) {
   auto c = sfltest::NewContainer();
   sfl_CloseItem(PutSimple(c.bh, Data(100, 1)));
   sfl_CloseFile(c.bh);
+  const uint64_t sends = os_CallCount(os_Op::Msgsnd);
   EXPECT_EQ(sfl_CompactContainer(&c.ref), SFL_COMPACT_DONE);
+  // The rebuild's record, the new file's record, the rebuild's withdraw:
+  // the library never withdraws the new file's interest.
+  EXPECT_EQ(os_CallCount(os_Op::Msgsnd) - sends, 3u);
   EXPECT_EQ(OtherHolders(c.ref), 0);
-  EXPECT_EQ(OtherHolders(NewRefOf(c.ref)), 1);
+  // The service dropped it with the rebuild's own interest.
+  EXPECT_EQ(OtherHolders(NewRefOf(c.ref)), 0);
 }
 
 // ==== every operating-system call failing in turn ===================================================
@@ -979,7 +988,9 @@ int RunFailing(const Sample& s, os_Op op, unsigned nth) {
     // goes only with the process.
     if (op != os_Op::Msgrcv) {
       if (OtherHolders(s.ref) != 0) return 29;
-      if (OtherHolders(NewRefOf(s.ref)) != (outcome == SFL_COMPACT_DONE ? 1 : 0)) return 30;
+      // The new file's interest: withdrawn on failure by the library, and
+      // after success dropped by the service with the rebuild's own.
+      if (OtherHolders(NewRefOf(s.ref)) != 0) return 30;
     }
     return 0;
   });

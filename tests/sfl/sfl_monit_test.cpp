@@ -719,8 +719,12 @@ TEST_F(MonitService, ServiceRestartedElsewhereIsFoundAgain) {
   ASSERT_TRUE(ml_ReadState(RunDir(), &first));
   sfltest::StopService();
   // The table names a service that has gone: the next request finds (here:
-  // starts) the new one instead of failing.
+  // starts) the new one instead of failing, and the new one knows that this
+  // process still holds its interest.
   sfl_CheckBaseInterest(&rec);
+  EXPECT_EQ(1u, rec.ProcAccCount);
+  EXPECT_EQ(0u, rec.OtherInterest);
+  sfl_ReleaseBaseInterest(&rec);
   EXPECT_EQ(0u, rec.ProcAccCount);
   ml_State second;
   ASSERT_TRUE(ml_ReadState(RunDir(), &second));

@@ -14,7 +14,6 @@
 
 #include "er.h"
 #include "ml.h"
-#include "ml_keep.h"
 #include "os.h"
 
 namespace sfltest {
@@ -121,14 +120,6 @@ int StartService(const std::vector<std::string>& args) {
 
 void StopService() {
   const std::string dir = RunDir();
-  // The next test's service starts knowing nothing of this one's interests
-  // (this process may still hold some).
-  struct Forget {
-    std::string dir;
-    ~Forget() {
-      for (int i = 0; i < ML_MAX_PAIRS; ++i) unlink(ml_KeepPath(dir, i).c_str());
-    }
-  } forget{dir};
   ml_State st;
   if (!ml_ReadState(dir, &st) || st.MainPid <= 0 || st.MainPid == getpid()) return;
   if (!ml_ServiceAlive(dir, st)) return;
