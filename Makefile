@@ -37,13 +37,17 @@ run: build
 bench: build
 	$(BUILD)/bench/sfl_bench --out bench-results.json
 
-# The long runs of the stress test, the I/O-fault loop with every fault kind
-# and the crash loop, then one summary line. soak-ci is the same, bounded to
-# a few minutes, for CI: every fault kind on every operation still, fewer
-# kills and a smaller stress run. A loop with a wider mode adds one step to
+# The long runs of the stress test, the I/O-fault loop with every fault kind,
+# the crash loop and the interleaving loop at every call, then one summary
+# line. soak-ci is the same, bounded to a few minutes, for CI: every fault
+# kind on every operation still, fewer kills, a smaller stress run and a
+# quarter of the interleavings. A loop with a wider mode adds one step to
 # each. Each step's output is kept in $(SOAK_LOGS).
 SOAK_LOGS = $(BUILD)/soak-logs
 SOAK_STEP = sh tools/soak-step.sh $(BUILD) $(SOAK_LOGS)
+# The quarter of the interleaving loop's test cases soak-ci runs at every
+# call: another one each day, so that four days of CI cover every pair.
+SOAK_CI_SHARD ?= $(shell echo $$(( $$(date +%s) / 86400 % 4 )))
 
 soak: build
 	@rm -rf $(SOAK_LOGS)
@@ -58,6 +62,8 @@ soak-ci: build
 	$(SOAK_STEP) stress SFL_STRESS_PROCS=16 SFL_STRESS_OPS=5000 $(BUILD)/tests/stress_test
 	$(SOAK_STEP) faults SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
 	$(SOAK_STEP) crashes SFL_CRASH_KILLS=300 $(BUILD)/tests/sfl_crashloop_test
+	$(SOAK_STEP) interleavings SFL_INTERLEAVE_SOAK=1 GTEST_TOTAL_SHARDS=4 GTEST_SHARD_INDEX=$(SOAK_CI_SHARD) \
+	  $(BUILD)/tests/sfl_interleave_test
 	@sh tools/soak-summary.sh $(SOAK_LOGS)
 
 asan:
