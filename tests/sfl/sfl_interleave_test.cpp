@@ -575,11 +575,6 @@ struct Known {
 };
 const std::vector<Known>& KnownFailing() {
   static const std::vector<Known> known = {
-      // The service forgets the other process's interest and its queues
-      // change: that process's next request escapes (3533 or errno 22)
-      // and its close leaves its table entries behind.
-      {"service-restart", "*", "interests do not survive a restart of the service"},
-      {"*", "service-restart", "interests do not survive a restart of the service"},
   };
   return known;
 }

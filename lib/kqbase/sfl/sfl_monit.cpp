@@ -123,11 +123,23 @@ struct Answer {
 bool g_replyPending = false;
 constexpr int kReceiveTries = 3;
 
-// Sends one request about `ref` and waits for its reply of `replyLen` bytes.
-Answer exchange(const sfl_ItemRef& ref, const uint8_t* text, size_t textLen, int32_t type,
-                size_t replyLen) {
-  int32_t requestQueue = 0, replyQueue = 0;
-  sfl_GetQueue(&ref, &requestQueue, &replyQueue, nullptr, nullptr);
+// A service that stops removes its queues; a restarted one makes new ones
+// and takes over the interests the old one kept. A request sent into a
+// removed queue, or whose reply was awaited on one, is sent again to the
+// service the table names once looked up afresh, until a live one answers.
+// A record sent twice this way counts twice until the process ends: the
+// error is on the side of "held", never of "alone".
+constexpr int kGoneRounds = 100;
+constexpr uint32_t kGonePauseUs = 20000;
+
+bool queueGone(int32_t queue) {
+  struct msqid_ds ds;
+  return os_msgctl(queue, IPC_STAT, &ds) != 0 && (errno == EINVAL || errno == EIDRM);
+}
+
+// Sends one request on a pair and waits for its reply of `replyLen` bytes.
+Answer exchangeOn(int32_t requestQueue, int32_t replyQueue, const uint8_t* text, size_t textLen,
+                  int32_t type, size_t replyLen) {
   if (g_replyPending) {
     drainStaleReplies(os_getpid());
     g_replyPending = false;
@@ -146,6 +158,28 @@ Answer exchange(const sfl_ItemRef& ref, const uint8_t* text, size_t textLen, int
   a.w1 = sfl_GetU32(reply + 8);
   a.w2 = sfl_GetU32(reply + 12);
   return a;
+}
+
+// Sends one request about `ref` and waits for its reply.
+Answer exchange(const sfl_ItemRef& ref, const uint8_t* text, size_t textLen, int32_t type,
+                size_t replyLen) {
+  for (int round = 1;; ++round) {
+    bool found = false;
+    int32_t requestQueue = 0, replyQueue = 0;
+    try {
+      sfl_GetQueue(&ref, &requestQueue, &replyQueue, nullptr, nullptr);
+      found = true;
+      return exchangeOn(requestQueue, replyQueue, text, textLen, type, replyLen);
+    } catch (const er_Escape&) {
+      if (!found || round == kGoneRounds || !(queueGone(requestQueue) || queueGone(replyQueue)))
+        throw;
+      er_Clear();
+      // The replies waiting in a removed queue went with it.
+      g_replyPending = false;
+      g_queues.initialised = 0;
+      mdc_MicroSleep(kGonePauseUs);
+    }
+  }
 }
 
 // Record, withdraw and check for a reference whose wire flags are given.
