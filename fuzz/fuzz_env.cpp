@@ -92,7 +92,7 @@ void RemoveFile(const sfl_ItemRef& ref) {
   char path[4096];
   im_ItemRef2FName(&ref, path, sizeof path);
   unlink(path);
-  unlink((std::string(path) + ".new").c_str());
+  unlink((std::string(path) + "#.new").c_str());  // a rebuild's leftover
 }
 
 }  // namespace sflfuzz

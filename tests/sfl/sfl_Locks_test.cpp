@@ -3,10 +3,12 @@
 // refusal instead of waiting, and error frames that release what they hold.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <fcntl.h>
 #include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 #include <unistd.h>
 
 #include "os.h"
@@ -267,20 +269,30 @@ TEST_F(LocksTest, RangeBeyondThirtyTwoBitsFails) {
             SFL_R_RANGE);
 }
 
-TEST_F(LocksTest, NegativeEndPassesUnchecked) {
-  // offset + length < 0 is not held to the item's size: the lock is placed
-  // (a negative length covers the bytes before the start, here 10 bytes in
-  // front of the item).
-  int32_t got = 0;
-  Raised r = RaisedBy([&] { got = sfl_LockSflItem(itemHandle_, SFL_LOCK_SHARED, 0, 10, -20); });
-  EXPECT_EQ(r.reason, 0);
-  EXPECT_NE(got, 0);
-  EXPECT_EQ(item_->LockCount, 1);
+TEST_F(LocksTest, RangeReachingBeforeTheItemIsRefused) {
+  // A negative length covering bytes before the item's start (down to a
+  // negative end, which reached the file header), or a negative offset, is
+  // refused: no lock is placed and nothing is counted.
+  const std::vector<std::pair<int64_t, int64_t>> ranges = {
+      {10, -20}, {0, -896}, {0, -1}, {-10, 20}, {-1, 1}, {INT64_MIN, 10}};
+  for (const auto& [off, len] : ranges) {
+    for (int32_t mode : {SFL_LOCK_SHARED, SFL_LOCK_EXCL}) {
+      Raised r = RaisedBy([&] { sfl_LockSflItem(itemHandle_, mode, 0, off, len); });
+      EXPECT_EQ(r.group, ER_GROUP_SFL) << off << "," << len;
+      EXPECT_EQ(r.reason, SFL_R_RANGE) << off << "," << len;
+      EXPECT_EQ(item_->LockCount, 0);
+      Probe p = ProbeFromOtherProcess(path_, 0, 8192);
+      EXPECT_EQ(p.blocked, 0) << off << "," << len << ": a lock was placed";
+    }
+  }
+  // A negative length that stays inside the item covers the bytes before
+  // the offset, as a record lock does.
+  EXPECT_NE(sfl_LockSflItem(itemHandle_, SFL_LOCK_SHARED, 0, 30, -20), 0);
   Probe p = ProbeFromOtherProcess(path_, 0, 8192);
   EXPECT_EQ(p.blocked, 1);
-  EXPECT_EQ(p.start, 1024 + 10 - 20);
+  EXPECT_EQ(p.start, 1024 + 10);
   EXPECT_EQ(p.len, 20);
-  // The same length with an end at or above zero is checked.
+  // The same length ending past the item is refused as before.
   EXPECT_EQ(RaisedBy([&] { sfl_LockSflItem(itemHandle_, 1, 0, 2000, -20); }).reason, SFL_R_RANGE);
 }
 

@@ -302,7 +302,7 @@ TEST(FileIdentity, ARebuildOfANameThatMovedOnLeavesEverythingAsItWas) {
   EXPECT_EQ(sfl_CompactContainer(&c.ref), SFL_COMPACT_REPLACED);
   os_ClearFaults();
   EXPECT_EQ(sfltest::FileBytes(path), before);
-  EXPECT_FALSE(Exists(path + ".new"));
+  EXPECT_FALSE(Exists(path + "#.new"));
 }
 
 TEST(FileIdentity, ARebuildFromACloseLeavesAFileThatCloseDoesNotHold) {
@@ -320,7 +320,7 @@ TEST(FileIdentity, ARebuildFromACloseLeavesAFileThatCloseDoesNotHold) {
   sfl_CloseFile(a.bh);
   EXPECT_EQ(sfl_CompactSflFile(&closing), 0u);  // nothing to do: not the file held
   EXPECT_EQ(sfltest::FileBytes(path), before);
-  EXPECT_FALSE(Exists(path + ".new"));
+  EXPECT_FALSE(Exists(path + "#.new"));
   sfl_CloseFile(b.bh);
 }
 

@@ -45,7 +45,7 @@ TEST(FileCompactionEdges, AFileNoLongerThanAHeaderIsRefusedAndLeftAsItWas) {
     EXPECT_EQ(sfl_CompactContainer(&ref), SFL_COMPACT_FAILED);
     EXPECT_TRUE(log.SawReason(SFL_R_BAD_FILE));
     EXPECT_EQ(sfltest::FileBytes(path), before);
-    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+    EXPECT_FALSE(std::filesystem::exists(path + "#.new"));
     EXPECT_EQ(os_CallCount(os_Op::Rename), 0u);
   }
 }

@@ -358,8 +358,8 @@ TEST(FileCompaction, EveryKindOfItemReadsBackAfterTheLastCloseCompacts) {
 
   EXPECT_NE(InodeOf(pathA), inoA);
   EXPECT_NE(InodeOf(pathB), inoB);
-  EXPECT_FALSE(Exists(pathA + ".new"));
-  EXPECT_FALSE(Exists(pathB + ".new"));
+  EXPECT_FALSE(Exists(pathA + "#.new"));
+  EXPECT_FALSE(Exists(pathB + "#.new"));
   EXPECT_EQ(MemFreeMap, nullptr);
   EXPECT_EQ(MemFreeMapSize, 0u);
 
@@ -524,7 +524,7 @@ TEST(FileCompaction, AFileAlreadyReplacedIsLeftAlone) {
   EXPECT_EQ(os_CallCount(os_Op::Pwrite), 0u);
   EXPECT_EQ(os_CallCount(os_Op::Msgsnd), 0u);  // no interest recorded
   EXPECT_EQ(FileBytes(path), before);
-  EXPECT_FALSE(Exists(path + ".new"));
+  EXPECT_FALSE(Exists(path + "#.new"));
   sfl_BaseRec rec;
   sfl_SetRef(rec, c.ref);
   EXPECT_EQ(sfl_CompactSflFile(&rec), 0u);
@@ -555,7 +555,7 @@ TEST(FileCompaction, ASecondProcessStopsItAndItsCloseCompactsWithoutAnalysis) {
   sfl_SetRef(rec, c.ref);
   EXPECT_EQ(sfl_CompactSflFile(&rec), 0u);
   EXPECT_TRUE(HeaderOfPath(path).Flags & NEED_COMPACTION);
-  EXPECT_FALSE(Exists(path + ".new"));
+  EXPECT_FALSE(Exists(path + "#.new"));
   EXPECT_EQ(InodeOf(path), ino);
   EXPECT_EQ(MemFreeMap, nullptr);
   go.Open();
@@ -594,27 +594,31 @@ TEST(FileCompaction, ASlotInUseWithAZeroHeaderIsCountedButNotWritten) {
   ExpectElsewhere([&] { return CheckContent(c.ref, want); });
 }
 
-TEST(FileCompaction, AnItemThatFailsToCopyEndsTheCopy) {
+TEST(FileCompaction, AnItemThatFailsToCopyStopsTheRebuild) {
   auto c = sfltest::NewContainer();
   const Bytes first = Data(700, 4);
   sfl_CloseItem(PutSimple(c.bh, first));
   sfl_ItemRef blockedRef{};
   sfl_CloseItem(PutBlocked(c.bh, {{0, Data(300, 5)}}, &blockedRef));
+  const Bytes last = Data(800, 6);
   sfl_ItemRef lastRef{};
-  sfl_CloseItem(PutSimple(c.bh, Data(800, 6), &lastRef));
+  sfl_CloseItem(PutSimple(c.bh, last, &lastRef));
   sfl_CloseFile(c.bh);
   const std::string path = ItemPath(c.ref);
   PatchU32(path, SlotOfPath(path, 2).FileOffset, 0xDEADBEEF);  // the root loses its magic
+  const ino_t ino = InodeOf(path);
+  const sfl_FileHeader before = HeaderOfPath(path);
 
-  EXPECT_EQ(sfl_CompactContainer(&c.ref), SFL_COMPACT_DONE);
+  EXPECT_EQ(sfl_CompactContainer(&c.ref), SFL_COMPACT_FAILED);
+  EXPECT_EQ(InodeOf(path), ino);
+  EXPECT_FALSE(Exists(path + "#.new"));
   const sfl_FileHeader after = HeaderOfPath(path);
-  EXPECT_EQ(after.UsedItems, 1);
-  EXPECT_EQ(after.InUseItms, 0x03);
+  EXPECT_EQ(after.UsedItems, before.UsedItems);
+  EXPECT_EQ(after.InUseItms, 0x0F);
   Expected want;
   want.simple[1] = first;
+  want.simple[3] = last;
   ExpectElsewhere([&] { return CheckContent(c.ref, want); });
-  EXPECT_EQ(sfl_ItemExists(&lastRef), 0);
-  EXPECT_EQ(sfl_ItemExists(&blockedRef), 0);
 }
 
 TEST(FileCompaction, ExactlyOneKibibyteWithTheMarkerIsAContainerOneByteLessIsData) {
@@ -786,7 +790,7 @@ TEST(FileCompaction, ARefusedChangeOfOwnerAbandonsTheRebuild) {
   unsetenv("SFL_SERVICE_USER");
   EXPECT_TRUE(log.SawReason(SFL_R_CHOWN));
   EXPECT_EQ(InodeOf(path), ino);
-  EXPECT_FALSE(Exists(path + ".new"));
+  EXPECT_FALSE(Exists(path + "#.new"));
   EXPECT_TRUE(HeaderOfPath(path).Flags & NEED_COMPACTION);
   Expected want;
   want.simple[1] = data;
@@ -849,7 +853,7 @@ TEST(FileCompaction, AColdHolderKeepsTheOldFileAndItsNextOpenReachesTheNewOne) {
   go.Open();
   EXPECT_EQ(sfltest::WaitChild(child), 0);
   EXPECT_EQ(InodeOf(path), replaced);
-  EXPECT_FALSE(Exists(path + ".new"));
+  EXPECT_FALSE(Exists(path + "#.new"));
 }
 
 TEST(FileCompaction, AnOpenHolderKeepsReadingTheOldFileAndNeverCompactsIt) {
@@ -886,7 +890,7 @@ TEST(FileCompaction, AnOpenHolderKeepsReadingTheOldFileAndNeverCompactsIt) {
   go.Open();
   EXPECT_EQ(sfltest::WaitChild(child), 0);
   EXPECT_EQ(InodeOf(path), replaced);
-  EXPECT_FALSE(Exists(path + ".new"));
+  EXPECT_FALSE(Exists(path + "#.new"));
   Expected want;
   want.simple[1] = data;
   ExpectElsewhere([&] { return CheckContent(c.ref, want); });
@@ -969,7 +973,7 @@ int RunFailing(const Sample& s, os_Op op, unsigned nth) {
     const bool renamed = os_CallCount(os_Op::Rename) > 0 && InodeOf(s.path) != ino;
     if (e.reason != 0) return 20;
     if (MemFreeMap != nullptr || MemFreeMapSize != 0) return 21;
-    if (Exists(s.path + ".new")) return 22;
+    if (Exists(s.path + "#.new")) return 22;
     // A close made to fail leaves its descriptor open, which a real close
     // never does; every other call must not leave one behind.
     if (op != os_Op::Close && OpenDescriptors() != fds) return 23;
@@ -1067,6 +1071,7 @@ TEST(FileCompaction, TheNewFileIsFlushedBeforeTheRenameAndTheDirectoryAfterIt) {
   const std::string path = ItemPath(c.ref);
   const ino_t ino = InodeOf(path);
   // A failed flush of the new file stops the rebuild before the rename.
+  os_ResetCallCounts();
   os_FailNth(os_Op::Fsync, 1, EIO);
   EXPECT_EQ(sfl_CompactContainer(&c.ref), SFL_COMPACT_FAILED);
   os_ClearFaults();

@@ -435,13 +435,14 @@ TEST_F(Hostile, InternalItemHeadersOutsideTheirParentAreRefused) {
 TEST_F(Hostile, RangeLocksEndingPastTheItemAreRefused) {
   // The simple item holds 1,024 bytes. A range whose end (offset + length)
   // is at or above zero must end inside the item and below 32 bits; none of
-  // these may place a lock, not even a release. A negative end is let
-  // through unchecked (see LocksTest.NegativeEndPassesUnchecked).
+  // these may place a lock, not even a release; nor may a range reaching
+  // before the item's start (a negative end reached the file header).
   const std::string path = sfltest::ItemPath(c_.ref);
   const uint32_t start = sfl_ItemHandle2Record(simple_)->Offset;
   const std::vector<std::pair<int64_t, int64_t>> ranges = {
       {0, 1025},  {1025, 0},        {2000, -500},        {-100, 2000},
-      {1, 1024},  {0, 0x100000000}, {0x100000000, 0},    {INT64_MAX, -INT64_MAX + 1025}};
+      {1, 1024},  {0, 0x100000000}, {0x100000000, 0},    {INT64_MAX, -INT64_MAX + 1025},
+      {0, -896},  {1000, -1001},    {-1, 1},             {-100, 50}};
   for (int32_t mode : {SFL_LOCK_SHARED, SFL_LOCK_EXCL, SFL_LOCK_RELEASE}) {
     for (const auto& [off, len] : ranges) {
       const std::string at = "(mode " + std::to_string(mode) + ", " + std::to_string(off) + ", " +

@@ -201,6 +201,10 @@ int32_t im_GetRealFileName(const sfl_ItemRef* ref, char* out, size_t outLen) {
   return ref->Flags & SFL_ITEM_NUM_MASK;
 }
 
+int32_t im_ScratchFName(const sfl_ItemRef* ref, char* out, size_t outLen) {
+  return CopyOut(ContainerPath(Given(ref)) + "#.new", out, outLen);
+}
+
 extern "C" {
 
 int32_t im_FormItemRef(const char* text, sfl_ItemRef* out) {

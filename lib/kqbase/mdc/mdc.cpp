@@ -38,11 +38,14 @@ int mdc_DDSDelFileByDes(int fd, uint64_t offset, uint64_t len) {
   return 0;
 }
 
-int ext_ChownToVessant(const char* path) {
+namespace {
+
+// The ids "SFL_SERVICE_USER" names: 1 with them set, 0 when the key is absent
+// or empty, -1 when it names no account.
+int ServiceAccount(uid_t* uid, gid_t* gid) {
   const char* account = cust_GetCustomiseInfo("SFL_SERVICE_USER");
   if (account == nullptr || *account == '\0') return 0;  // none configured: keep the owner
-  uid_t uid;
-  gid_t gid = static_cast<gid_t>(-1);  // a bare uid leaves the group as it is
+  *gid = static_cast<gid_t>(-1);  // a bare uid leaves the group as it is
   const bool numeric = std::all_of(account, account + std::strlen(account),
                                    [](char c) { return c >= '0' && c <= '9'; });
   if (numeric) {
@@ -50,9 +53,27 @@ int ext_ChownToVessant(const char* path) {
     errno = 0;
     const unsigned long v = std::strtoul(account, &end, 10);
     if (errno != 0 || v >= static_cast<unsigned long>(static_cast<uid_t>(-1))) return -1;
-    uid = static_cast<uid_t>(v);
-  } else if (os_GetUserIds(account, &uid, &gid) != 0) {
-    return -1;  // an account that does not exist is a configuration error
+    *uid = static_cast<uid_t>(v);
+    return 1;
   }
+  // An account that does not exist is a configuration error.
+  return os_GetUserIds(account, uid, gid) == 0 ? 1 : -1;
+}
+
+}  // namespace
+
+int ext_ChownToVessant(const char* path) {
+  uid_t uid;
+  gid_t gid;
+  const int found = ServiceAccount(&uid, &gid);
+  if (found <= 0) return found;
   return os_chown(path, uid, gid) == 0 ? 0 : -1;
+}
+
+int ext_FChownToVessant(int fd) {
+  uid_t uid;
+  gid_t gid;
+  const int found = ServiceAccount(&uid, &gid);
+  if (found <= 0) return found;
+  return os_fchown(fd, uid, gid) == 0 ? 0 : -1;
 }

@@ -317,6 +317,11 @@ int os_chown(const char* path, uid_t uid, gid_t gid) {
   return ::chown(path, uid, gid);
 }
 
+int os_fchown(int fd, uid_t uid, gid_t gid) {
+  if (enter(os_Op::Chown)) return -1;
+  return ::fchown(fd, uid, gid);
+}
+
 // ---- accounts ------------------------------------------------------------
 
 int os_GetUserIds(const char* user, uid_t* uid, gid_t* gid) {

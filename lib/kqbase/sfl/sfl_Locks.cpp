@@ -224,13 +224,15 @@ int32_t sfl_LockSflItem(int32_t itemHandle, int32_t mode, int16_t whence, int64_
   ER_TRACE_PROC("sfl_LockSflItem");
   if (whence != 0) ER_RAISE(ER_GROUP_CALL, 38);
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  // Only an end at or above zero is held to the item's size and to 32 bits;
-  // a negative end (a negative length reaching back before the offset) is
-  // let through to the system unchecked. The asymmetry is deliberate and
-  // kept: a lock reads and writes no byte, so it cannot touch data outside
-  // the item.
+  // The range is held to the item whichever way its length points: a
+  // negative length covers the bytes before the offset, and an end below
+  // zero would reach back into the file header and item table, which every
+  // other process needs to lock. Such a range is refused like one ending
+  // past the item.
   const int64_t end = static_cast<int64_t>(static_cast<uint64_t>(offset) + static_cast<uint64_t>(length));
-  if (end >= 0 && ((end >> 32) > 0 || end > static_cast<int64_t>(item->Size)))
+  const int64_t first = std::min(offset, end);
+  const int64_t last = std::max(offset, end);
+  if (first < 0 || (last >> 32) > 0 || last > static_cast<int64_t>(item->Size))
     SFL_RAISE(SFL_R_RANGE);
   // A length of 0 names no bytes; the system would take it as "to the end
   // of the file". Nothing needs locking, so it is granted as it is.

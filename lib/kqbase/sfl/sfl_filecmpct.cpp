@@ -2,9 +2,9 @@
 // container has too many holes, and the rebuild that copies its items into a
 // fresh file without holes and puts that file in the old one's place.
 //
-// The rebuild writes "<path>.new" with its free map kept in memory
-// (MemFreeMap), writes the map once at the end, flushes the new file and only
-// then renames it over the old name. A crash therefore leaves either the old
+// The rebuild writes "<path>#.new" (a name no reference maps to) with its
+// free map kept in memory (MemFreeMap), writes the map once at the end,
+// flushes the new file and only then renames it over the old name. A crash therefore leaves either the old
 // file whole under its name or the new one, whole and flushed. The old inode
 // is marked HAS_BEEN_COMPACTED once the new one holds the name, so processes
 // that still hold the old inode never rebuild it again.
@@ -393,7 +393,7 @@ void Quietly(Step step) noexcept {
 // What a rebuild holds, given back by its destructor on every path that
 // did not give it back itself: the interest, the new file's record, the old
 // descriptor (and with it every lock taken through it), MemFreeMap, and the
-// new descriptor with the ".new" name.
+// new descriptor with the scratch name.
 struct Rebuild {
   sfl_BaseRec request;  // the interest exchange: only the file's reference is set
   // Withdrawn on failure even before it was recorded (an unmatched withdraw
@@ -402,7 +402,7 @@ struct Rebuild {
   int oldFd = -1;
   int newFd = -1;
   std::string newPath;
-  bool newNamed = false;  // the ".new" name exists and is this rebuild's
+  bool newNamed = false;  // the scratch name exists and is this rebuild's
   sfl_BaseRec* newRec = nullptr;
   // The interest creating the new file recorded under its temporary
   // reference: withdrawn on failure, left with the service after success as
@@ -496,6 +496,51 @@ bool ProcessNeverFlushes() {
          cust_GetCustomiseInfo("SFL_ALL_SYNC_IO") == nullptr;
 }
 
+// What is at `path` itself (a link is not followed); false when nothing is.
+bool LstatName(const std::string& path, struct stat* st) {
+  const int at = os_open(path.c_str(), O_PATH | O_NOFOLLOW);
+  if (at < 0) {
+    if (errno == ENOENT) return false;
+    ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
+  }
+  const int rc = os_fstat(at, st);
+  const int err = errno;
+  os_close(at);
+  if (rc != 0) ER_RAISE_MSG(ER_GROUP_OS, err, path.c_str());
+  return true;
+}
+
+// Creates the scratch file under its own name, never following or reusing
+// what is there (a link planted there would have the copy written into its
+// target). A rebuild that crashed leaves a plain file of the container's
+// owner (or of this process's user, before the owner changed) behind: that
+// one is removed, and reported. Anything else at the name belongs to
+// someone else: it is left alone and the rebuild refused (EEXIST) with the
+// old file as it was.
+int CreateScratch(const std::string& path, uid_t containerOwner, uint32_t fileId) {
+  constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW;
+  int fd = os_open(path.c_str(), kFlags, 0660);
+  if (fd >= 0) return fd;
+  if (errno != EEXIST) ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
+  struct stat st;
+  if (LstatName(path, &st)) {
+    if (!S_ISREG(st.st_mode) || (st.st_uid != containerOwner && st.st_uid != os_getuid())) {
+      ER_LOG(3, ER_GROUP_OS, EEXIST,
+             "rebuilding file %u: %s is not a leftover of a rebuild; it is left alone and the "
+             "file is not rebuilt",
+             fileId, path.c_str());
+      ER_RAISE_MSG(ER_GROUP_OS, EEXIST, path.c_str());
+    }
+    ER_LOG(3, ER_GROUP_OS, EEXIST, "rebuilding file %u: removing the leftover %s of a rebuild",
+           fileId, path.c_str());
+    if (os_unlink(path.c_str()) != 0 && errno != ENOENT)
+      ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
+  }
+  fd = os_open(path.c_str(), kFlags, 0660);
+  if (fd < 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
+  return fd;
+}
+
 // Copies the old file's items into the new one (steps of the copy loop):
 // returns the working header with the slots that were copied.
 void CopyItems(Rebuild& r, int32_t newBase, const sfl_FileHeader& old, sfl_FileHeader* work) {
@@ -515,21 +560,18 @@ void CopyItems(Rebuild& r, int32_t newBase, const sfl_FileHeader& old, sfl_FileH
       if (h.Magic == SFL_MAGIC && h.Type == SFL_TYPE_ITEM_HEADER && (h.Flags & DELETED)) continue;
     }
     const uint32_t newAt = r.newRec->ITableOff + i * SFL_ITEM_HEADER_SIZE;
-    // What the map looked like before this item: an item that cannot be
-    // copied whole gives back all it took, and its slot is left empty.
-    const std::vector<uint8_t> mapBefore(MemFreeMap, MemFreeMap + MemFreeMapSize);
     const int32_t code = CopyItem(newBase, newAt, r.oldFd, oldAt, 0);
+    // An item that cannot be copied whole stops the rebuild: the new file
+    // would lack it and every item after it, and the old file, whose other
+    // items are sound, would be gone. The old file stays as it was; the
+    // check and its repair deal with the damaged item.
     if (code != kCopied && code != kEmptySlot) {
       ER_LOG(3, ER_GROUP_SFL, SFL_R_BAD_ITEM_HEADER,
-             "rebuilding file %u: item %u could not be copied (code %d); it and the items "
-             "after it are left out of the new file",
+             "rebuilding file %u: item %u could not be copied (code %d); the file is left "
+             "as it was",
              r.request.FileId, i, code);
-      std::copy(mapBefore.begin(), mapBefore.end(), MemFreeMap);
-      if (MemFreeMapSize > mapBefore.size())
-        std::fill(MemFreeMap + mapBefore.size(), MemFreeMap + MemFreeMapSize, 0);
-      const sfl_ItemHeaderBytes zeros{};
-      WriteAll(r.newFd, zeros.data(), zeros.size(), newAt);
-      break;  // the items after it are left out, deliberately
+      const std::string which = "item " + std::to_string(i) + " cannot be copied";
+      ER_RAISE_MSG(ER_GROUP_SFL, SFL_R_BAD_ITEM_HEADER, which.c_str());
     }
     ++work->UsedItems;
     work->InUseItms = static_cast<uint8_t>(work->InUseItms | (1u << i));
@@ -600,12 +642,15 @@ sfl_CompactOutcome Compact(const sfl_ItemRef& ref, int heldFd) {
     return SFL_COMPACT_HELD;
   }
 
-  r.newPath = std::string(path) + ".new";
-  r.newFd = os_open(r.newPath.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0660);
-  if (r.newFd < 0) ER_RAISE(ER_GROUP_OS, errno);
+  char scratch[PATH_MAX];
+  im_ScratchFName(&ref, scratch, sizeof scratch);
+  r.newPath = scratch;
+  r.newFd = CreateScratch(r.newPath, st.st_uid, ref.FileId);
   r.newNamed = true;
+  // Mode and owner are set through the descriptor: the name may lead
+  // elsewhere by now.
   if (os_fchmod(r.newFd, 0660) != 0) ER_RAISE(ER_GROUP_OS, errno);  // whatever the umask
-  if (ext_ChownToVessant(r.newPath.c_str()) != 0) SFL_RAISE(SFL_R_CHOWN);
+  if (ext_FChownToVessant(r.newFd) != 0) SFL_RAISE(SFL_R_CHOWN);
 
   sfl_ItemRef tmp = ref;
   tmp.Flags = static_cast<uint16_t>(tmp.Flags & ~SFL_ITEM_NUM_MASK);
@@ -645,10 +690,20 @@ sfl_CompactOutcome Compact(const sfl_ItemRef& ref, int heldFd) {
   // The new file is whole on disk before its name can replace the old one.
   if (os_fsync(r.newFd) != 0) ER_RAISE(ER_GROUP_OS, errno);
   r.DropNewRecord();
+  struct stat built;
+  if (os_fstat(r.newFd, &built) != 0) ER_RAISE(ER_GROUP_OS, errno);
   const int newFd = r.newFd;
   r.newFd = -1;
   if (os_close(newFd) != 0) ER_RAISE(ER_GROUP_OS, errno);
 
+  // Only the file built here takes the container's name: what someone put
+  // at the scratch name meanwhile is left where it is.
+  struct stat named;
+  if (!LstatName(r.newPath, &named) || named.st_dev != built.st_dev ||
+      named.st_ino != built.st_ino) {
+    r.newNamed = false;
+    ER_RAISE_MSG(ER_GROUP_OS, EEXIST, r.newPath.c_str());
+  }
   if (os_rename(r.newPath.c_str(), path) != 0) ER_RAISE(ER_GROUP_OS, errno);
   r.newNamed = false;
   // Before the old file says it was replaced, the replacement's name must

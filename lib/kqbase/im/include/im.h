@@ -60,6 +60,12 @@ void im_UnlinkItem(const sfl_ItemRef* ref);
 // Writes the container file's path into `out` and returns the reference's
 // item number (Flags & 7).
 int32_t im_GetRealFileName(const sfl_ItemRef* ref, char* out, size_t outLen);
+// Writes the path a whole-file rebuild of the container builds its new file
+// under: the container's path followed by "#.new". A name tag is at most
+// three of [A-Za-z0-9_-], so no reference maps to this path (not even one
+// tagged "new"), and the listing of a store never takes it for a container.
+// Returns its length.
+int32_t im_ScratchFName(const sfl_ItemRef* ref, char* out, size_t outLen);
 // Whether `name` is an item name ("<container path>:<item number>"); if so,
 // fills `ref` with the item's reference and returns 1, else returns 0. The
 // stream layer asks this of every name it opens; it lives here, beside the

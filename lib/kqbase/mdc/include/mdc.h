@@ -32,5 +32,8 @@ int mdc_DDSDelFileByDes(int fd, uint64_t offset, uint64_t len);
 // Returns -1 when the account is unknown or the change of owner is refused
 // (a process may not give a file to another user without the privilege).
 int ext_ChownToVessant(const char* path);
+// The same through an open descriptor: a file that was just created is
+// changed, never whatever its name has been made to lead to since.
+int ext_FChownToVessant(int fd);
 
 #endif  // KQ_MDC_H

@@ -98,6 +98,9 @@ int os_link(const char* from, const char* to);
 int os_mkdir(const char* path, mode_t mode);
 int os_rmdir(const char* path);
 int os_chown(const char* path, uid_t uid, gid_t gid);
+// The same through a descriptor: the file changed is the one opened, never
+// what a name leads to by then (counted and failed as "chown").
+int os_fchown(int fd, uid_t uid, gid_t gid);
 
 // ---- accounts ------------------------------------------------------------
 // Looks up a user by name. Returns 0 and fills uid and gid, or -1 when the
