@@ -46,7 +46,11 @@ bench: build
 SOAK_LOGS = $(BUILD)/soak-logs
 SOAK_STEP = sh tools/soak-step.sh $(BUILD) $(SOAK_LOGS)
 # The quarter of the interleaving loop's test cases soak-ci runs at every
-# call: another one each day, so that four days of CI cover every pair.
+# call: another one each day, so that four days of CI cover every pair. A
+# restart of the service held at each of its ~150 calls against every
+# operation takes half an hour: soak-ci leaves that one case to make test's
+# bounded run and to the full soak (the restart still meets every other
+# case here as the second operation).
 SOAK_CI_SHARD ?= $(shell echo $$(( $$(date +%s) / 86400 % 4 )))
 
 soak: build
@@ -63,7 +67,7 @@ soak-ci: build
 	$(SOAK_STEP) faults SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
 	$(SOAK_STEP) crashes SFL_CRASH_KILLS=300 $(BUILD)/tests/sfl_crashloop_test
 	$(SOAK_STEP) interleavings SFL_INTERLEAVE_SOAK=1 GTEST_TOTAL_SHARDS=4 GTEST_SHARD_INDEX=$(SOAK_CI_SHARD) \
-	  $(BUILD)/tests/sfl_interleave_test
+	  GTEST_FILTER='-*/service_restart' $(BUILD)/tests/sfl_interleave_test
 	@sh tools/soak-summary.sh $(SOAK_LOGS)
 
 asan:
