@@ -9,12 +9,15 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <string>
+#include <thread>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
 #include "ml.h"
+#include "os.h"
+#include "pipe_watch.h"
 #include "sfl_int.h"
 #include "test_env.h"
 #include "test_util.h"
@@ -146,6 +149,57 @@ TEST_F(Sharing, InterestOfALiveProcessSurvivesTheServiceGoingAndComingBack) {
     }));
     sfltest::StopService();
   }
+}
+
+// A stopping service lets a client take the reply it has already sent
+// before it removes the queues. Had the reply gone with its queue, the
+// client would ask the next service again, which also takes over what the
+// old one recorded: the holder would count twice, and its own withdraw
+// would leave it "held" by itself until it ends.
+TEST_F(Sharing, AStopWaitsForTheReplyItSentSoARecordIsNotAskedTwice) {
+  setenv("SFL_MONITOR_AUTOSTART", "1", 1);  // whoever asks next starts the next service
+  const pid_t first = StartService();
+  ASSERT_GT(first, 0);
+  ml_State st;
+  ASSERT_TRUE(ml_ReadState(RunDir(), &st));
+  const int replyQueue = st.Context.at(1);
+  const sfl_ItemRef ref = makeRef(9, 90);
+  sfltest::Pipe tell, release;
+  const int holder = StartChild([&] {
+    // A first record fills the queue table and tells how many calls one
+    // makes; the receive of the reply is the last of them.
+    sfl_BaseRec warm;
+    sfl_SetRef(warm, makeRef(9, 91));
+    sfl_RecordBaseInterest(&warm);
+    sfl_ReleaseBaseInterest(&warm);
+    const uint64_t before = os_TotalCalls();
+    sfl_RecordBaseInterest(&warm);
+    const uint64_t calls = os_TotalCalls() - before;
+    sfl_ReleaseBaseInterest(&warm);
+    sfl_BaseRec rec;
+    sfl_SetRef(rec, ref);
+    os_HoldNthCall(calls, tell.WriteEnd(), release.ReadEnd());
+    sfl_RecordBaseInterest(&rec);
+    if (std::string(os_HoldMetKind()) != "msgrcv") return 1;
+    sfl_ReleaseBaseInterest(&rec);
+    if (rec.ProcAccCount != 0 || rec.OtherInterest != 0) return 2;
+    return 0;
+  });
+  ASSERT_EQ('H', sfltest::NextByte(tell.ReadEnd()));
+  // The service has answered: the reply waits in the queue.
+  ASSERT_TRUE(sfltest::Eventually([&] { return sfltest::QueueDepth(replyQueue) > 0; }));
+  ASSERT_EQ(0, kill(first, SIGTERM));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  ASSERT_EQ(1, write(release.WriteEnd(), "R", 1));
+  EXPECT_EQ(0, ExitWithin(first, 10));
+  EXPECT_EQ(0, WaitChild(holder));
+  // Nobody is left holding the file.
+  EXPECT_EQ(0, RunInChild([&] {
+    sfl_BaseRec rec;
+    sfl_SetRef(rec, ref);
+    sfl_CheckBaseInterest(&rec);
+    return rec.ProcAccCount == 0 && rec.OtherInterest == 0 ? 0 : 1;
+  }));
 }
 
 // The interests of processes that ended while no service ran are not taken

@@ -18,7 +18,10 @@
 // main process reads what an earlier service left, keeps what live processes
 // still hold, and hands each pair its share by the same routing the clients
 // use (the pair count may have changed), written afresh before anyone is
-// served. A stop leaves the files in place for the next start.
+// served. A stop leaves the files in place for the next start, and waits
+// (boundedly) for the replies already sent to be taken before it removes the
+// queues, so that no client asks the next service again for what this one
+// already recorded.
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -344,6 +347,28 @@ int makeQueue(int gid) {
   return q;
 }
 
+// Waits, at most kDrainMs, until every reply queue is empty. Replies to
+// processes that have ended are never taken: they are cleared halfway.
+constexpr int kDrainMs = 2000;
+void awaitRepliesTaken(const std::vector<int>& queues, int pairs) {
+  const int64_t start = nowMs();
+  bool compacted = false;
+  for (;;) {
+    bool empty = true;
+    for (int i = 0; i < pairs; ++i) {
+      struct msqid_ds ds;
+      if (os_msgctl(queues[2 * i + 1], IPC_STAT, &ds) == 0 && ds.msg_qnum > 0) empty = false;
+    }
+    const int64_t waited = nowMs() - start;
+    if (empty || waited >= kDrainMs) return;
+    if (!compacted && waited >= kDrainMs / 4) {
+      for (int i = 0; i < pairs; ++i) compactReplies(queues[2 * i + 1]);
+      compacted = true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+}
+
 // Stops a child: SIGTERM, then SIGKILL if it has not gone within 2 s.
 void stopChild(pid_t pid) {
   if (pid <= 0) return;
@@ -371,9 +396,10 @@ int ml_RunService(const ml_ServiceOptions& opts) {
   }
 
   // The lock says who serves this run directory. One that is shutting down
-  // still holds it for a moment, so wait a little before giving up.
+  // still holds it while its clients take their last replies (at most
+  // kDrainMs) and its other processes end, so wait that long before giving up.
   int lockFd = -1;
-  for (int i = 0; i < 100 && lockFd < 0 && !g_stop; ++i) {
+  for (int i = 0; i < 250 && lockFd < 0 && !g_stop; ++i) {
     lockFd = ml_ClaimServiceLock(dir);
     if (lockFd < 0) std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
@@ -516,12 +542,16 @@ int ml_RunService(const ml_ServiceOptions& opts) {
     });
   }
 
-  // Unpublish first so that no new client finds queues about to go, then
-  // take the queues down (which also wakes the other serving processes).
+  // Unpublish first so that no new client finds queues about to go. Then
+  // stop the other serving processes, let the clients take the replies
+  // already sent, and only then take the queues down: a client whose reply
+  // went with its queue asks again, and a record asked again of the next
+  // service would count twice.
   ml_State now;
   if (ml_ReadState(dir, &now) && now.MainPid == mainPid) os_unlink(ml_StatePath(dir).c_str());
-  removeQueues(queues);
   for (pid_t c : children) stopChild(c);
+  awaitRepliesTaken(queues, pairs);
+  removeQueues(queues);
   os_munmap(mem, sizeof(Shared));
   logLine("stopped");
   os_close(lockFd);

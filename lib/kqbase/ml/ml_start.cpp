@@ -43,7 +43,7 @@
 namespace {
 
 // How long a starter waits for the service to publish its state. A service
-// waits up to 2 s for the lock of one that is still shutting down.
+// waits up to 5 s for the lock of one that is still shutting down.
 constexpr auto kPublishWait = std::chrono::seconds(10);
 // The descriptor on which a grandchild whose exec failed reports its errno.
 constexpr int kReportFd = 3;

@@ -127,8 +127,11 @@ constexpr int kReceiveTries = 3;
 // and takes over the interests the old one kept. A request sent into a
 // removed queue, or whose reply was awaited on one, is sent again to the
 // service the table names once looked up afresh, until a live one answers.
-// A record sent twice this way counts twice until the process ends: the
-// error is on the side of "held", never of "alone".
+// A stopping service lets its clients take the replies it has sent before
+// it removes the queues, so a request goes again only when the old service
+// never took it. Should it die outright with a reply unread, a record asked
+// again counts twice until the process ends: the error is on the side of
+// "held", never of "alone".
 constexpr int kGoneRounds = 100;
 constexpr uint32_t kGonePauseUs = 20000;
 
