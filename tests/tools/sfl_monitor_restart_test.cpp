@@ -109,7 +109,7 @@ TEST_F(Sharing, InterestOfALiveProcessSurvivesTheServiceGoingAndComingBack) {
     const char* pairsAfter;
   };
   for (const Case& c : {Case{End::Stop, "1", "1"}, Case{End::Kill, "1", "1"}, Case{End::Stop, "2", "1"},
-                        Case{End::Stop, "1", "3"}}) {
+                        Case{End::Stop, "1", "3"}, Case{End::Kill, "2", "2"}}) {
     SCOPED_TRACE(std::string(c.how == End::Stop ? "stop" : "kill") + ", pairs " + c.pairsBefore + " then " +
                  c.pairsAfter);
     const pid_t first = StartService({"--pairs", c.pairsBefore});
