@@ -3,9 +3,9 @@
 # program would: a C consumer built through pkg-config and a C++ consumer
 # built through find_package(sfl) each store an item and read it back on
 # the embedded defaults (the interest service started on demand must be the
-# installed one). Also checks the installed layout, that the installed
-# libsfl.so exports only the API, and that every installed header compiles
-# alone as C11 and as C++20.
+# installed one). Also checks the installed layout, that the installed libsfl.so
+# exports only the API, and that every installed header compiles alone as
+# C11 and as C++20 (sfl.hpp as C++20).
 #     sh install_test.sh <build dir> <source dir> <C compiler> <C++ compiler> [extra flags]
 set -eu
 build=$1 src=$2 cc=$3 cxx=$4 extra=${5:-}
@@ -31,7 +31,7 @@ libdir=$(pkg-config --variable=libdir sfl)
 incdir=$(pkg-config --variable=includedir sfl)
 [ "$(cd "$libdir" && pwd)" = "$prefix/lib" ] || fail "libdir $libdir is not $prefix/lib"
 [ "$(cd "$incdir" && pwd)" = "$prefix/include/sfl" ] || fail "includedir $incdir is not $prefix/include/sfl"
-for f in include/sfl/sfl.h include/sfl/sfl_c.h include/sfl/sfl_c_api.h include/sfl/er.h include/sfl/im_ref.h lib/libsfl.a lib/cmake/sfl/sflConfig.cmake \
+for f in include/sfl/sfl.h include/sfl/sfl_c.h include/sfl/sfl_c_api.h include/sfl/sfl.hpp include/sfl/er.h include/sfl/im_ref.h lib/libsfl.a lib/cmake/sfl/sflConfig.cmake \
          lib/cmake/sfl/sflConfigVersion.cmake lib/cmake/sfl/sflTargets.cmake \
          share/man/man1/sfl.1 share/man/man8/sfl-monitor.8 lib/systemd/system/sfl-monitor.service; do
   [ -f "$prefix/$f" ] || fail "$f not installed"
@@ -39,7 +39,7 @@ done
 for f in bin/sfl bin/sfl-monitor; do [ -x "$prefix/$f" ] || fail "$f not installed"; done
 # Nothing internal among the headers.
 headers=$(cd "$prefix/include/sfl" && ls)
-[ "$(echo $headers)" = "er.h im_ref.h sfl.h sfl_c.h sfl_c_api.h" ] || fail "installed headers are: $headers"
+[ "$(echo $headers)" = "er.h im_ref.h sfl.h sfl.hpp sfl_c.h sfl_c_api.h" ] || fail "installed headers are: $headers"
 # The shared library with its version links.
 [ -L "$prefix/lib/libsfl.so" ] && [ "$(readlink "$prefix/lib/libsfl.so")" = libsfl.so.1 ] ||
   fail "libsfl.so is not a link to libsfl.so.1"
@@ -71,6 +71,9 @@ for h in "$prefix"/include/sfl/*.h; do
   "$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Werror -fsyntax-only "$work/alone.cpp" ||
     fail "$h does not compile alone as C++20"
 done
+printf '#include "%s"\n' "$prefix/include/sfl/sfl.hpp" >"$work/alone.cpp"
+"$cxx" -std=c++20 -Wall -Wextra -Wpedantic -Wshadow -Werror -fsyntax-only "$work/alone.cpp" ||
+  fail "sfl.hpp does not compile alone as C++20"
 
 # ---- consumers -------------------------------------------------------------------------------
 # shellcheck disable=SC2046,SC2086
@@ -86,10 +89,11 @@ cmake --build "$work/cxx" >>"$work/cxx.log" 2>&1 || { cat "$work/cxx.log" >&2; f
 # its own and no hint where the service program is.
 unset SFL_MONITOR_PROGRAM SFL_MONITOR_AUTOSTART SFL_STORE_ROOT SFL_RUN_DIR || true
 run_consumer() {
-  name=$1 program=$2
+  name=$1
+  shift
   mkdir -p "$work/$name/store" "$work/$name/run"
   (cd "$work/$name" && SFL_STORE_ROOT="$work/$name/store" SFL_RUN_DIR="$work/$name/run" \
-     SFL_MONITOR_IDLE_SECONDS=30 "$program") || fail "$name"
+     SFL_MONITOR_IDLE_SECONDS=30 "$@") || fail "$name"
   state="$work/$name/run/sfl-monitor.state"
   [ -f "$state" ] || fail "$name: no interest service was started"
   pid=$(sed -n 's/^main \([0-9]*\)$/\1/p' "$state")

@@ -1,38 +1,53 @@
-// A program built against the installed tree through the CMake package:
-// stores an item in a new container, closes everything, opens the item
-// again by its reference and reads the bytes back. Errors arrive as
-// er_Escape exceptions. Runs on the embedded defaults, so the interest
-// service is started on demand from the installed tree.
+// Store an item, read it back in another process, delete it: from C++
+// through sfl.hpp, against the installed tree (find_package(sfl)). Errors
+// arrive as escapes (sfl::Escape). Runs on the embedded defaults, so the
+// interest service is started on demand from the installed tree.
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cstdio>
 #include <string>
 
-#include <sfl.h>
+#include <sfl.hpp>
 
 int main() {
   const std::string text = "stored through the installed C++ package";
-  const auto size = static_cast<uint32_t>(text.size());
   try {
-    sfl_ItemRef ref{};
-    int32_t base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
-    int32_t item = sfl_StoreBasicItem(base, nullptr, size, &ref, 0);
-    if (item < SFL_ITEM_HANDLE_FIRST || sfl_WriteSimpleData(item, 0, size, text.data()) != int32_t(size)) {
-      std::fprintf(stderr, "consumer.cpp: could not store the item\n");
-      return 1;
-    }
-    sfl_CloseItem(item);
-    sfl_CloseFile(base);
+    sfl::Ref ref;
+    {
+      sfl::Container c = sfl::Container::Create();
+      sfl::Item item = c.Store(text);
+      ref = item.Reference();
+    }  // both closed here
 
-    item = sfl_OpenItem(&ref, 0);
-    std::string back(text.size(), '\0');
-    if (sfl_ReadSimpleData(item, 0, size, back.data()) != int32_t(size) || back != text) {
-      std::fprintf(stderr, "consumer.cpp: the item did not read back as written\n");
+    // Another process opens the item by its reference (in text form) and reads it.
+    const std::string refText = ref.Text();
+    std::fflush(nullptr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+      try {
+        sfl::Item item = sfl::Item::Open(sfl::Ref::Parse(refText));
+        _exit(item.ReadText() == text ? 0 : 2);
+      } catch (const sfl::Escape& e) {
+        std::fprintf(stderr, "consumer.cpp (child): %s\n", e.what());
+        _exit(1);
+      }
+    }
+    int status = -1;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+      std::fprintf(stderr, "consumer.cpp: the other process did not read the item back\n");
       return 1;
     }
-    sfl_CloseItem(item);
-  } catch (const er_Escape& e) {
+
+    sfl::Item::Open(ref).Delete();
+    if (sfl::Exists(ref)) {
+      std::fprintf(stderr, "consumer.cpp: still there after the delete\n");
+      return 1;
+    }
+  } catch (const sfl::Escape& e) {
     std::fprintf(stderr, "consumer.cpp: %s\n", e.what());
     return 1;
   }
-  std::printf("consumer.cpp: item stored and read back\n");
+  std::printf("consumer.cpp: item stored, read back in another process, deleted\n");
   return 0;
 }
