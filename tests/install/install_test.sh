@@ -3,12 +3,13 @@
 # program would: a C consumer built through pkg-config and a C++ consumer
 # built through find_package(sfl) each store an item and read it back on
 # the embedded defaults (the interest service started on demand must be the
-# installed one). Also checks the installed layout, that the installed libsfl.so
+# installed one); a Python script does the same through the installed
+# module. Also checks the installed layout, that the installed libsfl.so
 # exports only the API, and that every installed header compiles alone as
 # C11 and as C++20 (sfl.hpp as C++20).
-#     sh install_test.sh <build dir> <source dir> <C compiler> <C++ compiler> [extra flags]
+#     sh install_test.sh <build dir> <source dir> <C compiler> <C++ compiler> [extra flags] [python3]
 set -eu
-build=$1 src=$2 cc=$3 cxx=$4 extra=${5:-}
+build=$1 src=$2 cc=$3 cxx=$4 extra=${5:-} python=${6:-python3}
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/sfl-install-test.XXXXXX")
 monitors=""
@@ -87,7 +88,7 @@ cmake --build "$work/cxx" >>"$work/cxx.log" 2>&1 || { cat "$work/cxx.log" >&2; f
 
 # Each consumer on the embedded defaults, with a store and run directory of
 # its own and no hint where the service program is.
-unset SFL_MONITOR_PROGRAM SFL_MONITOR_AUTOSTART SFL_STORE_ROOT SFL_RUN_DIR || true
+unset SFL_MONITOR_PROGRAM SFL_MONITOR_AUTOSTART SFL_STORE_ROOT SFL_RUN_DIR SFL_LIBRARY || true
 run_consumer() {
   name=$1
   shift
@@ -105,6 +106,16 @@ run_consumer() {
 }
 run_consumer c "$work/c-consumer"
 run_consumer cxx "$work/cxx/consumer"
+# The Python module from where it was installed, loading the installed library.
+pydir=$(echo "$prefix"/lib/python3*/dist-packages)
+[ -f "$pydir/sfl/__init__.py" ] || fail "the Python module is not installed under $prefix/lib"
+# A sanitized library needs the sanitizers' runtimes loaded first.
+preload=""
+case "$extra" in
+  *sanitize=*) preload="LD_PRELOAD=$("$cc" -print-file-name=libasan.so):$("$cc" -print-file-name=libubsan.so) ASAN_OPTIONS=detect_leaks=0" ;;
+esac
+# shellcheck disable=SC2086
+run_consumer python env $preload PYTHONPATH="$pydir" PYTHONDONTWRITEBYTECODE=1 "$python" "$src/tests/install/consumer.py"
 
 # Stop the services this test started, and see them go.
 for pid in $monitors; do kill -TERM "$pid"; done
@@ -116,4 +127,4 @@ for pid in $monitors; do
   done
 done
 monitors=""
-echo "install_test: installed tree works (C through pkg-config, C++ through find_package)"
+echo "install_test: installed tree works (C through pkg-config, C++ through find_package, Python)"
