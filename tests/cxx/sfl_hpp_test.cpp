@@ -111,6 +111,45 @@ TEST(Hpp, AFailedCloseInADestructorGoesToTheHandlerNotOut) {
   sfl::SetCloseFailureHandler(old);
 }
 
+TEST(Hpp, ByDefaultAFailedCloseInADestructorIsLogged) {
+  sfl::Container c = sfl::Container::Create();
+  sfltest::LogCapture log;
+  {
+    sfl::Item item = c.Store("x");
+    sfl_CloseItem(item.Handle());
+  }
+  ASSERT_TRUE(log.SawReason(28867));
+  for (const sfltest::LogEntry& e : log.Entries()) {
+    if (e.reason == 28867) {
+      EXPECT_EQ(e.level, 2);
+    }
+  }
+}
+
+TEST(Hpp, ReleaseGivesTheHandleUpWithoutClosingIt) {
+  sfl::Container c = sfl::Container::Create();
+  int32_t h = -1;
+  {
+    sfl::Item item = c.Store("kept open");
+    h = item.Release();
+    EXPECT_FALSE(item.IsOpen());
+  }
+  EXPECT_TRUE(ItemOpen(h));
+  sfl_CloseItem(h);
+
+  // The same for the other owners: each handle is still open afterwards.
+  const int32_t blocked = c.NewBlockedItem().Release();
+  EXPECT_TRUE(ItemOpen(blocked));
+  sfl_CloseItem(blocked);
+  const sfl::Ref ref = c.Store("s").Reference();
+  const int32_t stream = sfl::Stream::Open(ref, "r").Release();
+  EXPECT_GE(sfl_fileno(stream), 0);
+  sfl_fClose(stream);
+  const int32_t base = sfl::Container::Create().Release();
+  EXPECT_EQ(sfl_Handle2Record(base)->ExternalOpens, 1);
+  sfl_CloseFile(base);
+}
+
 TEST(Hpp, ReferencesParseAndFormat) {
   sfl::Ref r = sfl::Ref::Parse("2.17.4096.ab:3");
   EXPECT_EQ(r.Raw().Domain, 2);
@@ -206,6 +245,17 @@ TEST(Hpp, StreamsOverAnItem) {
   const int32_t h = r.Handle();
   r.Close();
   EXPECT_NE(EscapeOf([&] { sfl_fClose(h); }).reason, 0);
+}
+
+TEST(Hpp, StreamsOverAPlainFile) {
+  const std::string path = sfltest::TestDir() + "/plain.txt";
+  {
+    sfl::Stream w = sfl::Stream::OpenFile(path, "w");
+    EXPECT_EQ(w.Write(std::span<const std::byte>(B("one\ntwo\n"))), 8u);
+  }
+  sfl::Stream r = sfl::Stream::OpenFile(path, "r");
+  EXPECT_EQ(r.GetLine(), "one\n");
+  EXPECT_EQ(r.GetLine(2), "tw");  // at most `max` bytes of a line
 }
 
 TEST(Hpp, CheckAndCompactByReference) {

@@ -221,6 +221,8 @@ class Item {
     h_.CloseNow();
   }
   void Close() { h_.CloseNow(); }
+  // Gives the handle up unclosed, for the caller to close.
+  int32_t Release() { return h_.Release(); }
 
  private:
   friend class Container;
@@ -273,6 +275,8 @@ class BlockedItem {
   // Moves block `from` to place `to`, shifting those between by one.
   void Reorder(uint32_t from, uint32_t to) { sfl_ReorderIndex(h_.Handle(), from, to); }
   void Close() { h_.CloseNow(); }
+  // Gives the handle up unclosed, for the caller to close.
+  int32_t Release() { return h_.Release(); }
 
  private:
   friend class Container;
@@ -335,6 +339,8 @@ class Container {
   uint32_t Flags() const { return sfl_GetFileFlags(h_.Handle()); }
   void Sync() { sfl_SyncBaseFile(h_.Handle()); }
   void Close() { h_.CloseNow(); }
+  // Gives the handle up unclosed, for the caller to close.
+  int32_t Release() { return h_.Release(); }
 
  private:
   explicit Container(int32_t h) : h_(h) {}
@@ -361,8 +367,8 @@ class Stream {
     return sfl_fWrite(data.data(), 1, data.size(), h_.Handle());
   }
   size_t Write(std::string_view text) { return Write(detail::AsBytes(text)); }
-  // The next line with its newline, or nothing at the end. As with fgets,
-  // a line holding a zero byte is cut there.
+  // The next line with its newline (at most `max` bytes of it), or nothing
+  // at the end. As with fgets, a line holding a zero byte is cut there.
   std::optional<std::string> GetLine(size_t max = 4096) {
     std::string buf(max + 1, '\0');
     if (sfl_fgets(buf.data(), static_cast<int32_t>(buf.size()), h_.Handle()) == nullptr) return std::nullopt;
@@ -373,6 +379,8 @@ class Stream {
   int32_t Seek(int32_t offset, int whence = SEEK_SET) { return sfl_fSeek(h_.Handle(), offset, whence); }
   long Tell() const { return sfl_fTell(h_.Handle()); }
   void Close() { h_.CloseNow(); }
+  // Gives the handle up unclosed, for the caller to close.
+  int32_t Release() { return h_.Release(); }
 
  private:
   explicit Stream(int32_t h) : h_(h) {}
