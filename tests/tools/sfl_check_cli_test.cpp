@@ -217,13 +217,14 @@ TEST(SflCheckCli, DumpShowsTheHeadersBeforeTheVerdict) {
   EXPECT_NE(r.out.find("\"dump\": \"=HHHHHHHHHHHHHHHHHHHHHHHH=\\nLocation"), std::string::npos) << r.out;
 }
 
-TEST(SflCheckCli, MissingFileIsAFailedCheck) {
+TEST(SflCheckCli, MissingFileIsNotCheckedButSaidUnreadable) {
   const Made m = MakeContainer();
   ASSERT_EQ(unlink(m.path.c_str()), 0);
   Outcome r = Sfl({"check", m.ref});
-  EXPECT_EQ(r.status, 1);
-  EXPECT_EQ(r.out, m.path + ": faults found\n");
-  EXPECT_NE(r.err.find("SFL-2-2: "), std::string::npos) << r.err;
+  EXPECT_EQ(r.status, 3);
+  EXPECT_EQ(r.out, m.path + ": cannot be read: No such file or directory; no container file " +
+                       "there: check the reference, or list the store with 'sfl ls'\n");
+  EXPECT_EQ(r.err, "");
 }
 
 TEST(SflCheckCli, AllChecksEveryContainerOfTheStore) {

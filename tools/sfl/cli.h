@@ -25,9 +25,19 @@ constexpr int kExitUsage = 2;
 struct UsageError {
   std::string message;
 };
-// A failure that is not a library escape: printed as one line, exit status 1.
+// A failure that is not a library escape: printed as one line, exit status 1
+// unless another is given.
 struct Failure {
   std::string message;
+  int status = kExitFailure;
+};
+// A system call on a file failed: its errno, the file and what was being
+// done ("reading", "opening"); `inStore` when the file is the store's.
+struct SystemFailure {
+  int err;
+  std::string path;
+  std::string doing;
+  bool inStore = false;
 };
 
 struct OptSpec {
@@ -76,6 +86,22 @@ void PrintCommandHelp(const Command& cmd);
 // The operand that the running command works on, shown in error lines.
 void SetSubject(const std::string& subject);
 const std::string& Subject();
+// The reference the running command works on: its text becomes the subject
+// and its path, with the store root, goes into error lines.
+void SetSubjectRef(const sfl_ItemRef& ref);
+void ForgetSubjectRef();
+
+// ---- errors (cli_error.cpp) ---------------------------------------------------
+// Runs a command and turns whatever it throws into one line on standard
+// error and an exit status; the one place every failure is worded.
+int Report(const std::string& command, const std::function<int()>& run);
+// "error G/R: <text>: <path> (store root ...); <what to do>" for an escape
+// about the current subject.
+std::string DescribeEscape(int group, int reason);
+std::string DescribeSystem(const SystemFailure& f);
+// The system's text for an errno on `path`, then what to do where there is
+// something to do.
+std::string ErrnoText(int err, const std::string& path, bool inStore);
 
 // ---- naming ---------------------------------------------------------------
 // Accepts the text form of a reference or a container path (optionally
@@ -93,10 +119,16 @@ std::string StoreRootText();
 sfl_ItemRef ContainerOf(const sfl_ItemRef& ref);
 inline uint32_t ItemNumber(const sfl_ItemRef& ref) { return ref.Flags & SFL_ITEM_NUM_MASK; }
 
+// What waits for an item deleted while another process holds its container.
+std::string PendingNote();
+
 // ---- scoped handles --------------------------------------------------------
 // An open container. Close() closes it and reports errors; the destructor
 // closes what is still open and swallows errors (it runs while an earlier
-// error is on its way out).
+// error is on its way out). The library removes a container that holds no
+// item at its last close; a container that held none when the tool opened
+// it and holds none still is left unclosed (the process ends soon after),
+// so that looking at an empty container never removes it.
 class Container {
  public:
   explicit Container(const sfl_ItemRef& ref);
@@ -112,13 +144,20 @@ class Container {
   void Close();
   // Every slot of the item table, slot 0 (the free map) included.
   std::vector<sfl_ItemInfo> Slots() const;
-  // One slot; throws Failure when the container has no such slot or it is
-  // not in use.
+  // One slot; throws Failure when the container has no such slot, it is
+  // free (the item was deleted, or never stored) or its item is deleted and
+  // waits for the last close of the container.
   sfl_ItemInfo UsedSlot(uint32_t item) const;
+  // Whether any of slots 1 to 7 holds an item (a deleted one included).
+  bool HoldsItems() const;
 
  private:
+  // Closes the container unless it stays open for being empty.
+  void Finish();
+
   sfl_ItemRef ref_;
   int32_t base_ = -1;
+  bool emptyAtOpen_ = false;
 };
 
 // An open item handle.

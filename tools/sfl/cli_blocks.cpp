@@ -88,7 +88,7 @@ int RunAppend(const Args& a) {
     data = ReadAll(0);
   } else {
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw Failure{path + ": " + std::strerror(errno)};
+    if (fd < 0) throw SystemFailure{errno, path, "opening"};
     try {
       data = ReadAll(fd);
     } catch (...) {
@@ -110,7 +110,7 @@ int RunAppend(const Args& a) {
     handle = sfl_OpenItem(&ref, 0);
   }
   Item item = Item::Adopt(handle);
-  SetSubject(RefText(itemRef));
+  SetSubjectRef(itemRef);
   // A new blocked item's root is laid down blank; it becomes an empty leaf
   // before the first block goes in (an existing root is left as it is).
   sfl_FormatBlockedRoot(handle);

@@ -4,9 +4,11 @@
 // for --json, standard error) sent to a temporary file, then shows the lines
 // under the container's path, or as one JSON object per container.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -71,6 +73,70 @@ std::vector<std::string> SplitLines(const std::string& text) {
 
 bool IsFaultLine(const std::string& line) { return line.compare(0, 4, "SFL-") == 0; }
 
+constexpr int kExitUnreadable = 3;
+
+// The check's line for one free-map byte that marks blocks in use that
+// nothing uses: "SFL-204-1037: free-map byte B is 0xD but only 0xU is in
+// use: ...". Gives the byte and the number of such blocks it marks.
+bool UnusedMarks(const std::string& line, unsigned* byte, unsigned* blocks) {
+  unsigned disk = 0, used = 0;
+  if (std::sscanf(line.c_str(), "SFL-204-1037 free-map byte %u is 0x%x but only 0x%x", byte, &disk,
+                  &used) != 3 &&
+      std::sscanf(line.c_str(), "SFL-204-1037: free-map byte %u is 0x%x but only 0x%x", byte, &disk,
+                  &used) != 3)
+    return false;
+  *blocks = static_cast<unsigned>(__builtin_popcount(disk & ~used & 0xffu));
+  return true;
+}
+
+// A truncated container gives one such line per byte of its free map; runs
+// of consecutive bytes are shown as one line each.
+std::vector<std::string> GroupUnusedMarks(const std::vector<std::string>& lines) {
+  std::vector<std::string> out;
+  for (size_t i = 0; i < lines.size();) {
+    unsigned first = 0, blocks = 0;
+    if (!UnusedMarks(lines[i], &first, &blocks)) {
+      out.push_back(lines[i++]);
+      continue;
+    }
+    size_t j = i + 1;
+    unsigned last = first, b = 0, next = 0;
+    while (j < lines.size() && UnusedMarks(lines[j], &next, &b) && next == last + 1) {
+      last = next;
+      blocks += b;
+      ++j;
+    }
+    if (j == i + 1) {
+      out.push_back(lines[i]);
+    } else {
+      const std::string prefix = lines[i].substr(0, lines[i].find(' '));
+      out.push_back(prefix + " free-map bytes " + std::to_string(first) + " to " +
+                    std::to_string(last) + " mark " + std::to_string(blocks) +
+                    " blocks (128 bytes each, from block " + std::to_string(first * 8u) +
+                    ") in use that nothing uses");
+    }
+    i = j;
+  }
+  return out;
+}
+
+// Why a container file cannot be checked at all, or "" when it can be
+// opened as the check will open it.
+std::string Unreadable(const std::string& path, bool repair) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) {
+    return ErrnoText(errno, path, true);
+  }
+  if (S_ISDIR(st.st_mode)) return "a directory, not a container file";
+  if (!S_ISREG(st.st_mode)) return "not a regular file, so not a container file";
+  int fd = open(path.c_str(), repair ? O_RDWR | O_CLOEXEC : O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    return ErrnoText(errno, path, true);
+  }
+  close(fd);
+  return "";
+}
+
 struct Outcome {
   std::string path;
   int32_t result = 1;
@@ -124,60 +190,96 @@ Outcome CheckOne(const sfl_ItemRef& ref, bool repair, bool json, bool dump) {
   return o;
 }
 
-void PrintHuman(const Outcome& o) {
-  for (const std::string& line : SplitLines(o.dump)) {
+bool IsUnusedMarkLine(const std::string& line) { return line.compare(0, 12, "SFL-204-1037") == 0; }
+
+// The fault lines under the container's path (runs of unused-mark lines as
+// one), dumps as they are, then the verdict. --quiet leaves out what is not
+// a fault: the unused marks and "ok".
+void PrintHuman(const Outcome& o, bool quiet) {
+  for (const std::string& line : GroupUnusedMarks(SplitLines(o.dump))) {
+    if (quiet && (IsUnusedMarkLine(line) || !IsFaultLine(line))) continue;
     if (IsFaultLine(line))
       std::printf("%s: %s\n", o.path.c_str(), line.c_str());
     else
       std::printf("%s\n", line.c_str());
   }
-  std::printf("%s: %s\n", o.path.c_str(), o.result == 0 ? "ok" : "faults found");
+  if (!quiet || o.result != 0)
+    std::printf("%s: %s\n", o.path.c_str(), o.result == 0 ? "ok" : "faults found");
 }
 
-void PrintJson(const Outcome& o, bool dump) {
+std::string JsonList(const std::vector<std::string>& items) {
+  std::string s = "[";
+  for (size_t i = 0; i < items.size(); ++i) s += (i ? ", " : "") + JsonString(items[i]);
+  return s + "]";
+}
+
+void PrintJson(const Outcome& o, bool dump, bool repair, const std::vector<std::string>& repaired) {
   std::string s = "{\"path\": " + JsonString(o.path) + ", \"result\": " + std::to_string(o.result) +
-                  ", \"faults\": [";
-  for (size_t i = 0; i < o.faults.size(); ++i) s += (i ? ", " : "") + JsonString(o.faults[i]);
-  s += "], \"errors\": [";
-  for (size_t i = 0; i < o.errors.size(); ++i) s += (i ? ", " : "") + JsonString(o.errors[i]);
-  s += "]";
+                  ", \"faults\": " + JsonList(GroupUnusedMarks(o.faults)) +
+                  ", \"errors\": " + JsonList(o.errors);
+  if (repair) s += ", \"repaired\": " + JsonList(repaired);
   if (dump) s += ", \"dump\": " + JsonString(o.dump);
   s += "}\n";
   std::fputs(s.c_str(), stdout);
 }
 
-// Every container file under the store root, in path order.
-std::vector<sfl_ItemRef> AllContainers() {
+// One container to check: named, or found under the store root; `unreadable`
+// says why it cannot be checked at all.
+struct Target {
+  std::string path;
+  sfl_ItemRef ref{};
+  std::string unreadable;
+};
+
+// Every container file under the store root, in path order, and every
+// directory under it that could not be read (its containers are unknown).
+std::vector<Target> AllContainers() {
   namespace fs = std::filesystem;
   const std::string root = StoreRootText();
-  std::vector<std::pair<std::string, sfl_ItemRef>> found;
-  std::error_code ec;
-  if (!fs::is_directory(root, ec)) throw Failure{"no store at " + root};
-  for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec), end;
-       !ec && it != end; it.increment(ec)) {
-    if (!it->is_regular_file(ec)) continue;
-    const std::string path = it->path().string();
-    sfl_ItemRef ref{};
-    // Only names the store itself gives its containers are checked;
-    // anything else under the root (a file being rebuilt, say) is not.
-    int group = 0;
-    struct Ctx {
-      const std::string* path;
-      sfl_ItemRef* ref;
-    } ctx{&path, &ref};
-    auto parse = [](void* p) {
-      auto* c = static_cast<Ctx*>(p);
-      im_FName2ItemRef(c->path->c_str(), c->ref);
-    };
-    if (er_CallC(parse, &ctx, &group, nullptr) != 0) continue;
-    if (ItemNumber(ref) != 0) continue;
-    found.emplace_back(path, ref);
+  struct stat st;
+  if (stat(root.c_str(), &st) != 0)
+    throw Failure{"cannot read the store root " + root + ": " + ErrnoText(errno, root, true),
+                  kExitUnreadable};
+  if (!S_ISDIR(st.st_mode))
+    throw Failure{"the store root " + root + " is not a directory", kExitUnreadable};
+  std::vector<Target> found;
+  std::vector<std::string> dirs = {root};
+  while (!dirs.empty()) {
+    const std::string dir = dirs.back();
+    dirs.pop_back();
+    std::error_code ec;
+    fs::directory_iterator it(dir, ec), end;
+    for (; !ec && it != end; it.increment(ec)) {
+      const std::string path = it->path().string();
+      std::error_code tec;
+      if (it->is_directory(tec)) {
+        dirs.push_back(path);
+        continue;
+      }
+      if (!it->is_regular_file(tec)) continue;
+      // Only names the store itself gives its containers are checked;
+      // anything else under the root (a file being rebuilt, say) is not.
+      sfl_ItemRef ref{};
+      struct Ctx {
+        const std::string* path;
+        sfl_ItemRef* ref;
+      } ctx{&path, &ref};
+      auto parse = [](void* p) {
+        auto* c = static_cast<Ctx*>(p);
+        im_FName2ItemRef(c->path->c_str(), c->ref);
+      };
+      int group = 0;
+      if (er_CallC(parse, &ctx, &group, nullptr) != 0) continue;
+      if (ItemNumber(ref) != 0) continue;
+      found.push_back(Target{path, ref, ""});
+    }
+    if (ec)
+      found.push_back(Target{dir, sfl_ItemRef{},
+                             "its containers cannot be listed: " + ErrnoText(ec.value(), dir, true)});
   }
-  if (ec) throw Failure{"cannot walk the store at " + root + ": " + ec.message()};
-  std::sort(found.begin(), found.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
-  std::vector<sfl_ItemRef> refs;
-  for (const auto& f : found) refs.push_back(f.second);
-  return refs;
+  std::sort(found.begin(), found.end(),
+            [](const Target& a, const Target& b) { return a.path < b.path; });
+  return found;
 }
 
 // The progress line on a terminal: rewritten in place, cleared at the end.
@@ -200,39 +302,83 @@ class Progress {
   bool on_;
 };
 
+// What a repair changed: the faults the check found before that a second,
+// looking-only check no longer finds. A repair refused because another
+// process holds the file changed nothing.
+std::vector<std::string> Repaired(const Target& t, const Outcome& before, bool json) {
+  std::vector<std::string> fixed;
+  for (const std::string& f : before.faults)
+    if (f.compare(0, 12, "SFL-204-1029") == 0) return fixed;
+  const Outcome after = CheckOne(t.ref, false, json, false);
+  for (const std::string& f : before.faults) {
+    if (IsUnusedMarkLine(f)) continue;
+    if (std::find(after.faults.begin(), after.faults.end(), f) == after.faults.end())
+      fixed.push_back(f);
+  }
+  return fixed;
+}
+
 int RunCheck(const Args& args) {
   const bool all = args.Has("all");
   const bool repair = args.Has("repair");
   const bool json = args.Has("json");
   const bool dump = args.Has("dump");
+  const bool quiet = args.Has("quiet");
   if (all && !args.positional.empty()) throw UsageError{"--all checks every container; name none with it"};
   if (!all && args.positional.empty()) throw UsageError{"name a container, or give --all"};
 
-  std::vector<sfl_ItemRef> refs;
+  std::vector<Target> targets;
   if (all) {
-    refs = AllContainers();
+    targets = AllContainers();
   } else {
-    for (const std::string& text : args.positional) refs.push_back(ParseContainerRef(text));
+    for (const std::string& text : args.positional) {
+      const sfl_ItemRef ref = ParseContainerRef(text);
+      targets.push_back(Target{RefPath(ref), ref, ""});
+    }
     SetSubject("");
+    ForgetSubjectRef();
   }
 
-  Progress progress(refs.size(), all && !json);
+  Progress progress(targets.size(), all && !json);
   size_t faulty = 0;
-  for (size_t i = 0; i < refs.size(); ++i) {
+  size_t unreadable = 0;
+  for (size_t i = 0; i < targets.size(); ++i) {
+    Target& t = targets[i];
     progress.Show(i, faulty);
-    Outcome o = CheckOne(refs[i], repair, json, dump);
+    if (t.unreadable.empty()) t.unreadable = Unreadable(t.path, repair);
+    if (!t.unreadable.empty()) {
+      progress.Clear();
+      ++unreadable;
+      if (json)
+        std::printf("{\"path\": %s, \"result\": %d, \"unreadable\": %s}\n", JsonString(t.path).c_str(),
+                    kExitUnreadable, JsonString(t.unreadable).c_str());
+      else
+        std::printf("%s: cannot be read: %s\n", t.path.c_str(), t.unreadable.c_str());
+      std::fflush(stdout);
+      continue;
+    }
+    Outcome o = CheckOne(t.ref, repair, json, dump);
+    std::vector<std::string> repaired;
+    if (repair && o.result != 0) repaired = Repaired(t, o, json);
     progress.Clear();
     if (o.result != 0) ++faulty;
-    if (json)
-      PrintJson(o, dump);
-    else
-      PrintHuman(o);
+    if (json) {
+      PrintJson(o, dump, repair, repaired);
+    } else {
+      PrintHuman(o, quiet);
+      for (const std::string& r : repaired) std::printf("%s: repaired: %s\n", o.path.c_str(), r.c_str());
+    }
     std::fflush(stdout);
   }
-  progress.Show(refs.size(), faulty);
+  progress.Show(targets.size(), faulty);
   progress.Clear();
-  if (!json && (all || refs.size() > 1))
-    std::printf("%zu container%s checked, %zu with faults\n", refs.size(), refs.size() == 1 ? "" : "s", faulty);
+  if (!json && (all || targets.size() > 1)) {
+    std::printf("%zu container%s checked, %zu with faults", targets.size() - unreadable,
+                targets.size() - unreadable == 1 ? "" : "s", faulty);
+    if (unreadable > 0) std::printf(", %zu could not be read", unreadable);
+    std::printf("\n");
+  }
+  if (unreadable > 0) return kExitUnreadable;
   return faulty == 0 ? kExitOk : kExitFailure;
 }
 
@@ -241,24 +387,29 @@ int RunCheck(const Args& args) {
 const std::vector<Command>& CheckCommands() {
   static const std::vector<Command> kCommands = {
       {"check",
-       "[--repair] [--json] [--dump] <container>... | --all",
+       "[--repair] [--json] [--dump] [--quiet] <container>... | --all",
        "check containers for damage, and repair what can be",
        "Reads each container's header, item headers, internal containers and index\n"
        "trees, works out which 128-byte blocks they occupy and compares that with the\n"
        "container's free map. Each finding is one line, '<path>: SFL-204-<n>: <text>',\n"
-       "then '<path>: ok' or '<path>: faults found'. A line about blocks marked in use\n"
-       "that nothing uses (SFL-204-1037) is shown but is not a fault.\n"
+       "then '<path>: ok' or '<path>: faults found'. Blocks marked in use that nothing\n"
+       "uses (SFL-204-1037) are shown, one line per run of free-map bytes, but are not\n"
+       "a fault. A file that cannot be read at all (missing, a directory, no\n"
+       "permission) gets one line '<path>: cannot be read: <why>' and no check.\n"
        "With --repair the check mends what it can (free-map bits, index counts and\n"
        "links, items whose space is lost are marked deleted), but only when no other\n"
        "process has the container open; otherwise it says so and changes nothing.\n"
+       "Each fault mended is listed as '<path>: repaired: <fault>'.\n"
        "With --all every container under the store root is checked, with a progress\n"
-       "line on a terminal and a summary at the end.\n"
+       "line on a terminal and a summary at the end; a directory under the root that\n"
+       "cannot be read counts as a container that could not be read.\n"
        "Exit status: 0 when no container has a fault, 1 when any has or a check\n"
-       "failed, 2 for bad usage.\n",
+       "failed, 3 when any could not be read, 2 for bad usage.\n",
        {{"repair", 0, false, "repair what can be repaired (only when the file is not in use)"},
         {"json", 0, false, "one JSON object per container: path, result, faults, errors"},
         {"dump", 0, false, "also dump the headers and index records read"},
-        {"all", 'a', false, "check every container under the store root"}},
+        {"all", 'a', false, "check every container under the store root"},
+        {"quiet", 'q', false, "print only faults and the summary"}},
        0,
        -1,
        RunCheck},

@@ -155,7 +155,7 @@ sfl_ItemRef ParseRef(const std::string& text) {
   sfl_ItemRef ref{};
   if (!text.empty() &&
       (Accepts([&] { im_FormItemRef(text.c_str(), &ref); }) || PathToRef(text, &ref))) {
-    SetSubject(RefText(ref));
+    SetSubjectRef(ref);
     return ref;
   }
   throw UsageError{"'" + text +
@@ -182,7 +182,7 @@ bool TryParseItemRef(const std::string& text, sfl_ItemRef* out) {
   if (text.empty()) return false;
   if (!Accepts([&] { im_FormItemRef(text.c_str(), &ref); }) && !PathToRef(text, &ref)) return false;
   if (ItemNumber(ref) == 0) return false;
-  SetSubject(RefText(ref));
+  SetSubjectRef(ref);
   *out = ref;
   return true;
 }
@@ -221,21 +221,39 @@ sfl_ItemRef ContainerOf(const sfl_ItemRef& ref) {
 // itself, so that every close is done (and every close error reported) once.
 Container::Container(const sfl_ItemRef& ref) : ref_(ContainerOf(ref)) {
   base_ = sfl_OpenSfl(&ref_, 0);
+  try {
+    emptyAtOpen_ = !HoldsItems();
+  } catch (...) {
+    sfl_CloseFile(base_);
+    throw;
+  }
 }
 
 Container::~Container() {
   if (base_ < 0) return;
   try {
-    sfl_CloseFile(base_);
+    Finish();
   } catch (const er_Escape&) {
     er_Clear();
   }
 }
 
 void Container::Close() {
+  if (base_ >= 0) Finish();
+}
+
+void Container::Finish() {
   int32_t b = base_;
+  if (emptyAtOpen_ && !HoldsItems()) return;  // stays open until the process ends
   base_ = -1;
-  if (b >= 0) sfl_CloseFile(b);
+  sfl_CloseFile(b);
+}
+
+bool Container::HoldsItems() const {
+  std::vector<sfl_ItemInfo> slots = Slots();
+  for (size_t i = 1; i < slots.size(); ++i)
+    if (slots[i].InUse) return true;
+  return false;
 }
 
 std::vector<sfl_ItemInfo> Container::Slots() const {
@@ -245,12 +263,20 @@ std::vector<sfl_ItemInfo> Container::Slots() const {
   return slots;
 }
 
+std::string PendingNote() {
+  return "its space is freed when the last process holding the container closes it";
+}
+
 sfl_ItemInfo Container::UsedSlot(uint32_t item) const {
   std::vector<sfl_ItemInfo> slots = Slots();
   if (item >= slots.size())
     throw Failure{"the container has " + std::to_string(slots.size()) +
                   " slots; there is no item " + std::to_string(item)};
-  if (!slots[item].InUse) throw Failure{"no such item (slot " + std::to_string(item) + " is free)"};
+  if (!slots[item].InUse)
+    throw Failure{"no item " + std::to_string(item) + ": it was deleted, or never stored (slot " +
+                  std::to_string(item) + " is free)"};
+  if (slots[item].Flags & DELETED)
+    throw Failure{"item " + std::to_string(item) + " is deleted; " + PendingNote()};
   return slots[item];
 }
 
@@ -381,7 +407,7 @@ void WriteAll(int fd, const void* data, size_t len) {
   while (len > 0) {
     ssize_t n = write(fd, p, len);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) throw Failure{std::string("write error: ") + std::strerror(errno)};
+    if (n <= 0) throw SystemFailure{n < 0 ? errno : EIO, fd == 1 ? "standard output" : "output", "writing"};
     p += n;
     len -= static_cast<size_t>(n);
   }
@@ -393,7 +419,7 @@ std::string ReadAll(int fd) {
   for (;;) {
     ssize_t n = read(fd, buf, sizeof buf);
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw Failure{std::string("read error: ") + std::strerror(errno)};
+    if (n < 0) throw SystemFailure{errno, fd == 0 ? "standard input" : "input", "reading"};
     if (n == 0) return data;
     data.append(buf, static_cast<size_t>(n));
   }
@@ -412,7 +438,7 @@ uint64_t ParseNumber(const std::string& text, const std::string& what, uint64_t 
 Output::Output(const std::string& path) : path_(path == "-" ? "" : path) {
   if (path_.empty()) return;
   fd_ = open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-  if (fd_ < 0) throw Failure{path_ + ": " + std::strerror(errno)};
+  if (fd_ < 0) throw SystemFailure{errno, path_, "opening"};
 }
 
 Output::~Output() {
@@ -424,7 +450,7 @@ Output::~Output() {
 void Output::Finish() {
   if (path_.empty() || finished_) return;
   finished_ = true;
-  if (close(fd_) != 0) throw Failure{path_ + ": " + std::strerror(errno)};
+  if (close(fd_) != 0) throw SystemFailure{errno, path_, "writing"};
 }
 
 }  // namespace cli

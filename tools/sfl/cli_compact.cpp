@@ -11,7 +11,7 @@ namespace {
 
 uint64_t FileSize(const std::string& path) {
   struct stat st;
-  if (stat(path.c_str(), &st) != 0) throw Failure{"cannot find the container file " + path};
+  if (stat(path.c_str(), &st) != 0) throw SystemFailure{errno, path, "finding the container file", true};
   return static_cast<uint64_t>(st.st_size);
 }
 
@@ -19,6 +19,7 @@ uint64_t FileSize(const std::string& path) {
 // nothing of its own in the file, so its interest is the rebuild's only one.
 bool CompactOne(const std::string& text) {
   SetSubject(text);
+  ForgetSubjectRef();
   const sfl_ItemRef ref = ParseContainerRef(text);
   const std::string path = RefPath(ref);
   const uint64_t before = FileSize(path);

@@ -12,7 +12,7 @@ namespace {
 
 int RunDump(const Args& a) {
   const sfl_ItemRef ref = ParseContainerRef(a.positional[0]);
-  SetSubject(RefText(ref));
+  SetSubjectRef(ref);
   if (a.Has("item") && a.Has("tree")) throw UsageError{"give --item or --tree, not both"};
   const int64_t item =
       a.Has("item") ? static_cast<int64_t>(ParseNumber(a.Get("item"), "item number", 7)) : -1;
@@ -24,7 +24,7 @@ int RunDump(const Args& a) {
   if (tree > 0) {
     sfl_ItemRef itemRef = ref;
     itemRef.Flags = static_cast<uint16_t>((ref.Flags & ~SFL_ITEM_NUM_MASK) | tree);
-    SetSubject(RefText(itemRef));
+    SetSubjectRef(itemRef);
     if ((c.UsedSlot(static_cast<uint32_t>(tree)).Flags & BLOCKED_ITEM) == 0)
       throw Failure{"not a blocked item; --tree lists the blocks of a blocked item"};
     Item it(itemRef);

@@ -27,9 +27,9 @@ class Source {
       return;
     }
     fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd_ < 0) throw Failure{path + ": " + std::strerror(errno)};
+    if (fd_ < 0) throw SystemFailure{errno, path, "opening"};
     struct stat st;
-    if (fstat(fd_, &st) != 0) throw Failure{path + ": " + std::strerror(errno)};
+    if (fstat(fd_, &st) != 0) throw SystemFailure{errno, path, "reading"};
     if (S_ISDIR(st.st_mode)) throw Failure{path + ": is a directory"};
     if (S_ISREG(st.st_mode)) {
       size_ = static_cast<uint64_t>(st.st_size);
@@ -60,7 +60,7 @@ class Source {
     for (;;) {
       ssize_t n = read(fd_, buf, len);
       if (n < 0 && errno == EINTR) continue;
-      if (n < 0) throw Failure{name_ + ": " + std::strerror(errno)};
+      if (n < 0) throw SystemFailure{errno, name_, "reading"};
       return static_cast<size_t>(n);
     }
   }
@@ -73,15 +73,30 @@ class Source {
   uint64_t size_ = 0;
 };
 
-// Stores the source as a new simple item of the container; returns its
-// reference. The item is reserved at its final size and written in 8 KiB
-// chunks; a failure part way deletes the half-written item again.
-sfl_ItemRef StoreItem(Container& c, Source& src, const std::string& what) {
+// Why a container takes no new item: its slots are all in use, some
+// perhaps by deleted items that wait for another process's close.
+std::string FullText(const Container& c) {
+  const std::vector<sfl_ItemInfo> slots = c.Slots();
+  size_t pending = 0;
+  for (size_t i = 1; i < slots.size(); ++i)
+    if (slots[i].InUse && (slots[i].Flags & DELETED)) ++pending;
+  std::string s = "the container is full: all " + std::to_string(slots.size() - 1) +
+                  " item slots are in use";
+  if (pending > 0)
+    s += ", " + std::to_string(pending) + " of them by deleted items that wait for another " +
+         "process to close the container (they are freed then)";
+  return s + "; store into a new container with 'sfl put --new-container-if-full'";
+}
+
+// Stores the source as a new simple item of the container; returns false
+// when the container has no free slot. The item is reserved at its final
+// size and written in 8 KiB chunks; a failure part way deletes the
+// half-written item again.
+bool StoreItem(Container& c, Source& src, const std::string& what, sfl_ItemRef* out) {
   if (src.size() > UINT32_MAX) throw Failure{what + ": too large for an item (4 GiB at most)"};
   const uint32_t size = static_cast<uint32_t>(src.size());
-  sfl_ItemRef out{};
-  int32_t h = sfl_StoreBasicItem(c.handle(), nullptr, size, &out, /*noZeroFill=*/1);
-  if (h < 0) throw Failure{"the container is full (all item slots are in use)"};
+  int32_t h = sfl_StoreBasicItem(c.handle(), nullptr, size, out, /*noZeroFill=*/1);
+  if (h < 0) return false;
   Item item = Item::Adopt(h);
   try {
     char buf[kChunk];
@@ -92,7 +107,7 @@ sfl_ItemRef StoreItem(Container& c, Source& src, const std::string& what) {
       size_t done = 0;
       while (done < got) {
         int32_t n = sfl_WriteSimpleData(h, pos, static_cast<uint32_t>(got - done), buf + done);
-        if (n <= 0) throw Failure{"short write into the item"};
+        if (n <= 0) throw SystemFailure{n < 0 ? errno : EIO, RefPath(c.ref()), "writing into", true};
         done += static_cast<size_t>(n);
         pos += static_cast<uint32_t>(n);
       }
@@ -106,18 +121,29 @@ sfl_ItemRef StoreItem(Container& c, Source& src, const std::string& what) {
     throw;
   }
   item.Close();
-  return out;
+  return true;
 }
+
+std::string SourceName(const std::string& path) { return path == "-" ? "standard input" : path; }
 
 void PrintLine(const std::string& s) { std::printf("%s\n", s.c_str()); }
 
 // ---- create ---------------------------------------------------------------------
+
+// The item slots of a new container: seven, or one for a single-item file.
+uint32_t SlotsOfNew(bool single) { return single ? 1 : SFL_ITEM_NUM_MASK; }
 
 int RunCreate(const Args& a) {
   int32_t flags = 0;
   if (a.Has("single")) flags |= SINGLE_FILE;
   if (a.Has("async")) flags |= ASYNCHRONOUS;
   const int32_t type = a.Has("temp") ? SFL_TYPE_TEMP_ITEM : SFL_TYPE_DATA_ITEM;
+  const uint32_t slots = SlotsOfNew(a.Has("single"));
+  if (a.positional.size() > slots)
+    throw UsageError{std::to_string(a.positional.size()) + " files do not fit in one container (" +
+                     std::to_string(slots) + " item slot" + (slots == 1 ? "" : "s") +
+                     "); nothing was stored: create it with fewer, then 'sfl put " +
+                     "--new-container-if-full <container> <file>...' for the rest"};
   // Every input is opened before the container exists, so a missing file
   // leaves nothing behind.
   std::vector<std::unique_ptr<Source>> sources;
@@ -125,36 +151,64 @@ int RunCreate(const Args& a) {
   int32_t base = sfl_CreateSfl(0, type, flags);
   sfl_ItemRef ref{};
   sfl_GetSerFileItem(base, &ref);
-  SetSubject(RefText(ref));
+  SetSubjectRef(ref);
   if (sources.empty()) {
     // The library removes a container that holds no items when its last
     // user closes it, so an empty new container is left open here: the
-    // process ends without the final close and the file stays for `put`.
+    // process ends without the final close and the file stays for `put`
+    // (the tool's other commands leave an empty container as they find it).
     PrintLine(RefText(ref) + " " + RefPath(ref));
     return kExitOk;
   }
   Container c(ref, base);
-  std::vector<std::string> items;
+  // Each reference is printed as soon as its item is stored, the container
+  // line with the first: whatever fails later, what was stored is named.
   for (size_t i = 0; i < sources.size(); ++i) {
-    const std::string& path = a.positional[i];
-    items.push_back(RefText(StoreItem(c, *sources[i], path == "-" ? "standard input" : path)));
+    sfl_ItemRef item{};
+    if (!StoreItem(c, *sources[i], SourceName(a.positional[i]), &item)) throw Failure{FullText(c)};
+    if (i == 0) PrintLine(RefText(ref) + " " + RefPath(ref));
+    PrintLine(RefText(item));
+    std::fflush(stdout);
   }
   c.Close();
-  PrintLine(RefText(ref) + " " + RefPath(ref));
-  for (const std::string& s : items) PrintLine(s);
   return kExitOk;
 }
 
 // ---- put ---------------------------------------------------------------------------
 
+// Creates a container like the one that is full (the same domain, so the
+// same kind) for the items that did not fit.
+std::unique_ptr<Container> NewContainerLike(const sfl_ItemRef& full) {
+  const int32_t type = full.Domain == 4 ? SFL_TYPE_TEMP_ITEM : SFL_TYPE_DATA_ITEM;
+  int32_t base = sfl_CreateSfl(0, type, 0);
+  sfl_ItemRef ref{};
+  sfl_GetSerFileItem(base, &ref);
+  SetSubjectRef(ref);
+  return std::make_unique<Container>(ref, base);
+}
+
 int RunPut(const Args& a) {
   sfl_ItemRef ref = ParseContainerRef(a.positional[0]);
-  const std::string path = a.positional.size() > 1 ? a.positional[1] : "-";
-  Source src(path);
-  Container c(ref);
-  sfl_ItemRef out = StoreItem(c, src, path == "-" ? "standard input" : path);
-  c.Close();
-  PrintLine(RefText(out));
+  std::vector<std::string> paths(a.positional.begin() + 1, a.positional.end());
+  if (paths.empty()) paths.push_back("-");
+  const bool several = paths.size() > 1;
+  const bool spill = a.Has("new-container-if-full");
+  // Every input is opened first, so a missing file stores nothing.
+  std::vector<std::unique_ptr<Source>> sources;
+  for (const std::string& path : paths) sources.push_back(std::make_unique<Source>(path));
+  auto c = std::make_unique<Container>(ref);
+  for (size_t i = 0; i < sources.size(); ++i) {
+    sfl_ItemRef out{};
+    if (!StoreItem(*c, *sources[i], SourceName(paths[i]), &out)) {
+      if (!spill) throw Failure{FullText(*c)};
+      c->Close();
+      c = NewContainerLike(c->ref());
+      if (!StoreItem(*c, *sources[i], SourceName(paths[i]), &out)) throw Failure{FullText(*c)};
+    }
+    PrintLine(several ? RefText(out) + " " + paths[i] : RefText(out));
+    std::fflush(stdout);
+  }
+  c->Close();
   return kExitOk;
 }
 
@@ -262,10 +316,10 @@ int RunLs(const Args& a) {
 int RunStat(const Args& a) {
   sfl_ItemRef ref = ParseItemRef(a.positional[0]);
   Container c(ref);
+  const sfl_ItemInfo info = c.UsedSlot(ItemNumber(ref));
   Item item(ref);
   struct stat st;
   sfl_FStatItem(item.handle(), &st);
-  const sfl_ItemInfo info = c.UsedSlot(ItemNumber(ref));
   item.Close();
   c.Close();
   const bool blocked = (info.Flags & BLOCKED_ITEM) != 0;
@@ -298,10 +352,20 @@ int RunStat(const Args& a) {
 
 // ---- rm, attach, detach, truncate ------------------------------------------------------
 
+// Deleting what is already deleted succeeds: the item is gone either way,
+// and a note on standard error says which way.
 int RunRm(const Args& a) {
   for (const std::string& text : a.positional) {
     sfl_ItemRef ref = ParseItemRef(text);
     Container c(ref);
+    const std::vector<sfl_ItemInfo> slots = c.Slots();
+    const uint32_t n = ItemNumber(ref);
+    if (n < slots.size() && (!slots[n].InUse || (slots[n].Flags & DELETED))) {
+      std::fprintf(stderr, "sfl rm: %s: already deleted%s\n", RefText(ref).c_str(),
+                   slots[n].InUse ? ("; " + PendingNote()).c_str() : "");
+      c.Close();
+      continue;
+    }
     Item item(ref);
     sfl_DeleteItem(item.handle());
     item.Close();
@@ -310,15 +374,23 @@ int RunRm(const Args& a) {
   return kExitOk;
 }
 
+// Attach and detach name the item without opening it; the slot is looked at
+// first so that a deleted item is reported as such.
 int RunAttach(const Args& a) {
   sfl_ItemRef ref = ParseItemRef(a.positional[0]);
+  Container c(ref);
+  c.UsedSlot(ItemNumber(ref));
   std::printf("%u\n", sfl_AttachItem(&ref));
+  c.Close();
   return kExitOk;
 }
 
 int RunDetach(const Args& a) {
   sfl_ItemRef ref = ParseItemRef(a.positional[0]);
+  Container c(ref);
+  c.UsedSlot(ItemNumber(ref));
   std::printf("%u\n", sfl_DetachItem(&ref));
+  c.Close();
   return kExitOk;
 }
 
@@ -326,6 +398,7 @@ int RunTruncate(const Args& a) {
   sfl_ItemRef ref = ParseItemRef(a.positional[0]);
   const uint32_t size = static_cast<uint32_t>(ParseNumber(a.positional[1], "size", UINT32_MAX));
   Container c(ref);
+  c.UsedSlot(ItemNumber(ref));
   Item item(ref);
   sfl_TruncateSimItem(item.handle(), size);
   item.Close();
@@ -342,9 +415,12 @@ const std::vector<Command>& ItemCommands() {
        "create a container; print its reference and path",
        "Creates a new container in the store and prints one line: its reference and its\n"
        "path. Files named after the options are stored in it as items 1, 2, ... and\n"
-       "their references printed, one per line.\n"
+       "their references printed, one per line, each as soon as it is stored. More\n"
+       "files than the container has slots (7, or 1 with --single) are refused before\n"
+       "anything is stored.\n"
        "A container that holds no items is removed by its last close; a container\n"
-       "created without files is therefore left on disk unclosed, for 'sfl put'.\n",
+       "created without files is therefore left on disk unclosed, for 'sfl put', and\n"
+       "the tool's other commands leave an empty container as they find it.\n",
        {{"single", 0, false, "a single-item file (one item, no free map)"},
         {"async", 0, false, "never flush this file (ASYNCHRONOUS)"},
         {"temp", 0, false, "a temporary container (domain 4, never compacted at close)"}},
@@ -352,13 +428,16 @@ const std::vector<Command>& ItemCommands() {
        -1,
        RunCreate},
       {"put",
-       "<container> [file|-]",
-       "store a file (or standard input) as a new item",
-       "Stores the file, or standard input when it is '-' or absent, as a new simple item\n"
-       "of the container and prints the new item's reference.\n",
-       {},
+       "[--new-container-if-full] <container> [file|-]...",
+       "store files (or standard input) as new items",
+       "Stores each file, or standard input when it is '-' or absent, as a new simple\n"
+       "item of the container and prints the new item's reference; with several files,\n"
+       "each line is the reference and the file. When the container is full the command\n"
+       "fails and says whether deleted items wait for another process's close; with\n"
+       "--new-container-if-full it creates a new container instead and goes on there.\n",
+       {{"new-container-if-full", 0, false, "store into a new container when this one is full"}},
        1,
-       2,
+       -1,
        RunPut},
       {"get",
        "<item> [-o file]",
@@ -395,7 +474,8 @@ const std::vector<Command>& ItemCommands() {
        "delete items",
        "Deletes each item. While another process has the container open, the item is\n"
        "marked DELETED and released by the container's last close. A container whose\n"
-       "last item is released is removed.\n",
+       "last item is released is removed. An item already deleted is not an error: a\n"
+       "note on standard error says so.\n",
        {},
        1,
        -1,

@@ -49,6 +49,7 @@ struct Readable {
       stream = std::make_unique<Stream>(sfl_fOpenItem(&ref, mode));
     } else {
       SetSubject(operand);
+      ForgetSubjectRef();
       stream = std::make_unique<Stream>(sfl_fOpen(operand.c_str(), mode));
     }
   }

@@ -2,6 +2,7 @@
 // entry point: global options, finding the command, the overall help, and
 // turning every failure into one line on standard error and an exit status
 // (0 success, 1 failure, 2 bad usage).
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -67,19 +68,6 @@ const Command* Find(const std::string& name) {
   return nullptr;
 }
 
-// One line on standard error, prefixed with the command and its subject.
-int Report(const std::string& command, const std::string& text, int status) {
-  std::string line = "sfl";
-  if (!command.empty()) line += " " + command;
-  line += ": ";
-  if (!cli::Subject().empty()) line += cli::Subject() + ": ";
-  line += text;
-  for (char& ch : line)
-    if (ch == '\n') ch = ' ';
-  std::fprintf(stderr, "%s\n", line.c_str());
-  return status;
-}
-
 int Main(int argc, char** argv) {
   std::vector<std::string> words(argv + 1, argv + argc);
   size_t i = 0;
@@ -141,40 +129,20 @@ int Main(int argc, char** argv) {
   if (cmd == nullptr) throw cli::UsageError{"unknown command '" + name + "' (see 'sfl --help')"};
   cli::Args args;
   std::vector<std::string> rest(words.begin() + static_cast<long>(i), words.end());
-  try {
+  return cli::Report(cmd->name, [&] {
     if (wantHelp || !cli::ParseArgs(*cmd, rest, &args)) {
       cli::PrintCommandHelp(*cmd);
       return cli::kExitOk;
     }
     return cmd->run(args);
-  } catch (const cli::UsageError& e) {
-    return Report(cmd->name, e.message, cli::kExitUsage);
-  } catch (const cli::Failure& e) {
-    return Report(cmd->name, e.message, cli::kExitFailure);
-  } catch (const er_Escape& e) {
-    return Report(cmd->name,
-                  "error " + std::to_string(e.group()) + "/" + std::to_string(e.reason()) + ": " +
-                      er_ReasonText(e.group(), e.reason()),
-                  cli::kExitFailure);
-  }
+  });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  try {
-    int rc = Main(argc, argv);
-    if (std::fflush(stdout) != 0)
-      return Report("", "write error on standard output", cli::kExitFailure);
-    return rc;
-  } catch (const cli::UsageError& e) {
-    return Report("", e.message, cli::kExitUsage);
-  } catch (const cli::Failure& e) {
-    return Report("", e.message, cli::kExitFailure);
-  } catch (const er_Escape& e) {
-    return Report("",
-                  "error " + std::to_string(e.group()) + "/" + std::to_string(e.reason()) + ": " +
-                      er_ReasonText(e.group(), e.reason()),
-                  cli::kExitFailure);
-  }
+  int rc = cli::Report("", [&] { return Main(argc, argv); });
+  if (std::fflush(stdout) != 0)
+    return cli::Report("", [] () -> int { throw cli::SystemFailure{errno, "standard output", "writing"}; });
+  return rc;
 }
