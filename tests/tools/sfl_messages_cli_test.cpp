@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -72,10 +73,15 @@ std::string PathOf(const std::string& ref) {
 // How a child is set up before the tool runs in it.
 struct As {
   bool other = false;      // as the unprivileged user "nobody" when we are root
+  bool terminal = false;   // standard error on a pseudo-terminal
+  std::string stdinFile;   // standard input from this file instead of `input`
   rlim_t maxFile = 0;      // a file size limit, when not 0
   std::string cwd;         // working directory
   std::vector<std::string> unset;
 };
+
+// The peak resident memory of the last child RunAs ran, in KiB.
+long g_lastRssKb = 0;
 
 // Runs the tool like sfltest::Sfl, with the child set up as `as` says.
 Outcome RunAs(const std::vector<std::string>& args, const As& as, const std::string& input = "") {
@@ -85,12 +91,22 @@ Outcome RunAs(const std::vector<std::string>& args, const As& as, const std::str
     std::ofstream in(base + ".in", std::ios::binary | std::ios::trunc);
     in << input;
   }
+  int master = -1;
+  std::string slave;
+  if (as.terminal) {
+    master = posix_openpt(O_RDWR | O_NOCTTY);
+    EXPECT_GE(master, 0);
+    EXPECT_EQ(grantpt(master), 0);
+    EXPECT_EQ(unlockpt(master), 0);
+    slave = ptsname(master);
+  }
   std::fflush(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {
-    const int in = open((base + ".in").c_str(), O_RDONLY);
+    const int in = open((as.stdinFile.empty() ? base + ".in" : as.stdinFile).c_str(), O_RDONLY);
     const int out = open((base + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int err = open((base + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int err = as.terminal ? open(slave.c_str(), O_RDWR | O_NOCTTY)
+                                : open((base + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     if (in < 0 || out < 0 || err < 0) _exit(126);
     dup2(in, 0);
     dup2(out, 1);
@@ -113,12 +129,20 @@ Outcome RunAs(const std::vector<std::string>& args, const As& as, const std::str
     _exit(127);
   }
   Outcome r;
+  if (as.terminal) {
+    // Read while the child runs, so that a full terminal cannot stall it.
+    char buf[4096];
+    for (ssize_t n; (n = read(master, buf, sizeof buf)) > 0;) r.err.append(buf, static_cast<size_t>(n));
+    close(master);
+  }
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0)
+  struct rusage ru {};
+  while (wait4(pid, &status, 0, &ru) < 0)
     if (errno != EINTR) return r;
+  g_lastRssKb = ru.ru_maxrss;
   r.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   r.out = sfltest::ReadWholeFile(base + ".out");
-  r.err = sfltest::ReadWholeFile(base + ".err");
+  if (!as.terminal) r.err = sfltest::ReadWholeFile(base + ".err");
   return r;
 }
 
@@ -468,3 +492,146 @@ TEST(SflMessagesFull, SlotsWaitingForAnotherProcesssCloseAreNamedAndThereIsAWayO
 }
 
 }  // namespace
+
+// ---- a first session, as README walks through it ----------------------------------------
+
+// Replaces every `from` in `s` with `to`.
+std::string Swap(std::string s, const std::string& from, const std::string& to) {
+  for (size_t at = s.find(from); at != std::string::npos; at = s.find(from, at + to.size()))
+    s.replace(at, from.size(), to);
+  return s;
+}
+
+TEST(SflWalkthrough, StoreADirectoryFindItAgainCheckAndCompact) {
+  const std::string home = sfltest::TestDir() + "/walk";
+  fs::create_directories(home + "/notes");
+  std::ofstream(home + "/notes/alpha.txt") << "alpha\n";
+  std::ofstream(home + "/notes/beta.txt") << "beta beta\n";
+  std::ofstream(home + "/notes/gamma.txt") << std::string(3000, 'g');
+  As here;
+  here.cwd = home;
+  here.unset = {"SFL_STORE_ROOT"};  // the default store, ./sfl-store
+  Outcome made = RunAs({"create"}, here);
+  ASSERT_EQ(made.status, 0) << made.err;
+  const std::string c = FirstRef(made);
+  // The README shows the container as 2.17.4113; this run's is another.
+  auto shown = [&](const std::string& s) {
+    std::string t = Swap(s, c, "2.17.4113");
+    const std::string dir = "./sfl-store/" + Swap(c, ".", "/");
+    return Swap(t, dir, "./sfl-store/2/17/4113");
+  };
+  auto run = [&](const std::vector<std::string>& args) {
+    Outcome r = RunAs(args, here);
+    EXPECT_EQ(r.status, 0) << r.err;
+    return shown(r.out) + shown(r.err);
+  };
+  EXPECT_EQ(shown(made.out), "2.17.4113 ./sfl-store/2/17/4113\n");
+  EXPECT_EQ(run({"put", c, "notes/alpha.txt", "notes/beta.txt", "notes/gamma.txt"}),
+            "2.17.4113:1 notes/alpha.txt\n"
+            "2.17.4113:2 notes/beta.txt\n"
+            "2.17.4113:3 notes/gamma.txt\n");
+  const std::string listing = run({"ls"});
+  EXPECT_EQ(listing,
+            "ITEMS        BYTES      HOLES  CONTAINER PATH\n"
+            "    3         4152          0  2.17.4113 ./sfl-store/2/17/4113\n"
+            "1 container\n");
+  const std::string items = run({"ls", c});
+  const std::vector<std::string> il = Lines(items);
+  ASSERT_EQ(il.size(), 5u) << items;
+  EXPECT_EQ(il[0], "2.17.4113  ./sfl-store/2/17/4113  3 of 7 item slots used  file flags: -");
+  EXPECT_EQ(il[1], "ITEM         SIZE   BLOCKS ATTACH  CHANGED               FLAGS");
+  EXPECT_EQ(il[2].substr(0, 33), "   1            6        1      1");
+  EXPECT_EQ(il[3].substr(0, 33), "   2           10        1      1");
+  EXPECT_EQ(il[4].substr(0, 33), "   3         3000       24      1");
+  EXPECT_EQ(run({"get", c + ":2"}), "beta beta\n");
+  EXPECT_EQ(run({"rm", c + ":1"}), "");
+  EXPECT_EQ(run({"rm", c + ":1"}), "sfl rm: 2.17.4113:1: already deleted\n");
+  EXPECT_EQ(run({"check", "--all"}),
+            "./sfl-store/2/17/4113: ok\n"
+            "1 container checked, 0 with faults\n");
+  EXPECT_EQ(run({"ls"}),
+            "ITEMS        BYTES      HOLES  CONTAINER PATH\n"
+            "    2         4152         56  2.17.4113 ./sfl-store/2/17/4113\n"
+            "1 container\n");
+  EXPECT_EQ(run({"compact", c}), "2.17.4113  4152 -> 4096 bytes (56 freed)\n");
+  EXPECT_EQ(run({"check", "--all", "--quiet"}), "1 container checked, 0 with faults\n");
+}
+
+// ---- listing the store ------------------------------------------------------------------
+
+TEST(SflMessagesList, TheStoreIsListedAPageAtATime) {
+  const std::string store = sfltest::TestDir() + "/listed";
+  fs::create_directories(store);
+  std::vector<std::string> refs;
+  for (int i = 0; i < 3; ++i) {
+    Outcome r = Sfl({"--store", store, "create", "-"}, std::string(200 * (i + 1), 'x'));
+    ASSERT_EQ(r.status, 0) << r.err;
+    refs.push_back(FirstRef(r));
+  }
+  std::vector<std::pair<std::string, std::string>> byPath;
+  for (const std::string& c : refs) {
+    sfl_ItemRef r{};
+    ASSERT_EQ(im_FormItemRef(c.c_str(), &r), 0);
+    byPath.emplace_back(store + "/" + std::to_string(r.Domain) + "/" + std::to_string(r.SubDomain) +
+                            "/" + std::to_string(r.FileId),
+                        c);
+  }
+  std::sort(byPath.begin(), byPath.end());
+  auto row = [&](size_t i) {
+    const std::string ref = byPath[i].second;
+    const size_t n = std::find(refs.begin(), refs.end(), ref) - refs.begin();
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%5d %12llu %10d  ", 1,
+                  static_cast<unsigned long long>(fs::file_size(byPath[i].first)), 0);
+    (void)n;
+    return std::string(buf) + ref + " " + byPath[i].first + "\n";
+  };
+  const std::string head = "ITEMS        BYTES      HOLES  CONTAINER PATH\n";
+  Outcome all = Sfl({"--store", store, "ls"});
+  EXPECT_EQ(all.status, 0) << all.err;
+  EXPECT_EQ(all.out, head + row(0) + row(1) + row(2) + "3 containers\n");
+  Outcome first = Sfl({"--store", store, "ls", "--limit", "2"});
+  EXPECT_EQ(first.out, head + row(0) + row(1) + "2 of 3 containers shown; --skip 2 for the next\n");
+  Outcome next = Sfl({"--store", store, "ls", "--limit", "2", "--skip", "2"});
+  EXPECT_EQ(next.out, head + row(2) + "1 of 3 containers shown\n");
+  Outcome bad = Sfl({"--store", store, "ls", refs[0], "--limit", "1"});
+  EXPECT_EQ(bad.status, 2);
+}
+
+// ---- standard input and progress -------------------------------------------------------
+
+TEST(SflMessagesStream, StandardInputIsStoredInBoundedMemory) {
+  const std::string c = NewContainer();
+  std::string data(48 << 20, '\0');
+  for (size_t i = 0; i < data.size(); i += 4096) data[i] = static_cast<char>(i >> 12);
+  As as;
+  as.stdinFile = sfltest::WritePlainFile("stdin.bin", data);
+  const size_t size = data.size();
+  // Not held here while the child runs: its fork would count it as its own.
+  std::string().swap(data);
+  Outcome p = RunAs({"put", c, "-"}, as);
+  ASSERT_EQ(p.status, 0) << p.err;
+  EXPECT_LT(g_lastRssKb, 24 * 1024) << "the tool held standard input in memory";
+  const std::string item = Lines(p.out).at(0);
+  Outcome g = Sfl({"get", item});
+  EXPECT_EQ(g.out.size(), size);
+  EXPECT_TRUE(g.out == sfltest::ReadWholeFile(as.stdinFile));
+}
+
+TEST(SflMessagesStream, ALargeTransferShowsProgressOnATerminal) {
+  const std::string c = NewContainer();
+  const std::string big = sfltest::WritePlainFile("progress.bin", std::string(6 << 20, 'p'));
+  As tty;
+  tty.terminal = true;
+  Outcome p = RunAs({"put", c, big}, tty);
+  ASSERT_EQ(p.status, 0) << p.err;
+  EXPECT_EQ(p.err.rfind("\r\033[Kstoring 0 of 6 MiB\r\033[Kstoring 1 of 6 MiB", 0), 0u) << p.err;
+  EXPECT_NE(p.err.find("\r\033[Kstoring 5 of 6 MiB\r\033[K"), std::string::npos) << p.err;
+  Outcome g = RunAs({"get", Lines(p.out).at(0), "-o", sfltest::TestDir() + "/back.bin"}, tty);
+  ASSERT_EQ(g.status, 0) << g.err;
+  EXPECT_NE(g.err.find("\r\033[Kreading 5 of 6 MiB\r\033[K"), std::string::npos) << g.err;
+  // Off a terminal, or for a small item, nothing is shown.
+  As plain;
+  EXPECT_EQ(RunAs({"put", c, big}, plain).err, "");
+  EXPECT_EQ(RunAs({"put", c, "-"}, tty, "small").err, "");
+}

@@ -20,6 +20,10 @@ namespace cli {
 constexpr int kExitOk = 0;
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
+constexpr int kExitUnreadable = 3;  // something of the store could not be read
+
+// The unit in which containers hand out space.
+constexpr uint64_t kBlockBytes = 128;
 
 // A bad command line: printed as one line, exit status 2.
 struct UsageError {
@@ -117,6 +121,17 @@ std::string RefPath(const sfl_ItemRef& ref);
 // The store root as the library names it (SFL_STORE_ROOT, else ./sfl-store).
 std::string StoreRootText();
 sfl_ItemRef ContainerOf(const sfl_ItemRef& ref);
+// A container file of the store, or a directory under the store root that
+// could not be read (`unreadable` says why; its containers are unknown).
+struct StoreEntry {
+  std::string path;
+  sfl_ItemRef ref{};
+  std::string unreadable;
+};
+// Every container file under the store root, in path order, with the
+// directories that could not be read. Throws Failure (kExitUnreadable) when
+// the store root itself is missing or no directory.
+std::vector<StoreEntry> StoreContainers();
 inline uint32_t ItemNumber(const sfl_ItemRef& ref) { return ref.Flags & SFL_ITEM_NUM_MASK; }
 
 // What waits for an item deleted while another process holds its container.
@@ -210,6 +225,24 @@ class Output {
   std::string path_;
   int fd_ = 1;
   bool finished_ = false;
+};
+
+// A progress line on standard error for a transfer of `total` bytes, when
+// standard error is a terminal and the transfer is over a few megabytes:
+// "<verb> N of M MiB", rewritten in place and cleared at the end.
+class TransferProgress {
+ public:
+  TransferProgress(const char* verb, uint64_t total);
+  ~TransferProgress();
+  TransferProgress(const TransferProgress&) = delete;
+  TransferProgress& operator=(const TransferProgress&) = delete;
+  void Show(uint64_t done);
+
+ private:
+  const char* verb_;
+  uint64_t total_;
+  bool on_;
+  uint64_t shownMiB_ = UINT64_MAX;
 };
 
 // ---- blocked items ------------------------------------------------------------

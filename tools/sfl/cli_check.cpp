@@ -73,8 +73,6 @@ std::vector<std::string> SplitLines(const std::string& text) {
 
 bool IsFaultLine(const std::string& line) { return line.compare(0, 4, "SFL-") == 0; }
 
-constexpr int kExitUnreadable = 3;
-
 // The check's line for one free-map byte that marks blocks in use that
 // nothing uses: "SFL-204-1037: free-map byte B is 0xD but only 0xU is in
 // use: ...". Gives the byte and the number of such blocks it marks.
@@ -223,65 +221,6 @@ void PrintJson(const Outcome& o, bool dump, bool repair, const std::vector<std::
   std::fputs(s.c_str(), stdout);
 }
 
-// One container to check: named, or found under the store root; `unreadable`
-// says why it cannot be checked at all.
-struct Target {
-  std::string path;
-  sfl_ItemRef ref{};
-  std::string unreadable;
-};
-
-// Every container file under the store root, in path order, and every
-// directory under it that could not be read (its containers are unknown).
-std::vector<Target> AllContainers() {
-  namespace fs = std::filesystem;
-  const std::string root = StoreRootText();
-  struct stat st;
-  if (stat(root.c_str(), &st) != 0)
-    throw Failure{"cannot read the store root " + root + ": " + ErrnoText(errno, root, true),
-                  kExitUnreadable};
-  if (!S_ISDIR(st.st_mode))
-    throw Failure{"the store root " + root + " is not a directory", kExitUnreadable};
-  std::vector<Target> found;
-  std::vector<std::string> dirs = {root};
-  while (!dirs.empty()) {
-    const std::string dir = dirs.back();
-    dirs.pop_back();
-    std::error_code ec;
-    fs::directory_iterator it(dir, ec), end;
-    for (; !ec && it != end; it.increment(ec)) {
-      const std::string path = it->path().string();
-      std::error_code tec;
-      if (it->is_directory(tec)) {
-        dirs.push_back(path);
-        continue;
-      }
-      if (!it->is_regular_file(tec)) continue;
-      // Only names the store itself gives its containers are checked;
-      // anything else under the root (a file being rebuilt, say) is not.
-      sfl_ItemRef ref{};
-      struct Ctx {
-        const std::string* path;
-        sfl_ItemRef* ref;
-      } ctx{&path, &ref};
-      auto parse = [](void* p) {
-        auto* c = static_cast<Ctx*>(p);
-        im_FName2ItemRef(c->path->c_str(), c->ref);
-      };
-      int group = 0;
-      if (er_CallC(parse, &ctx, &group, nullptr) != 0) continue;
-      if (ItemNumber(ref) != 0) continue;
-      found.push_back(Target{path, ref, ""});
-    }
-    if (ec)
-      found.push_back(Target{dir, sfl_ItemRef{},
-                             "its containers cannot be listed: " + ErrnoText(ec.value(), dir, true)});
-  }
-  std::sort(found.begin(), found.end(),
-            [](const Target& a, const Target& b) { return a.path < b.path; });
-  return found;
-}
-
 // The progress line on a terminal: rewritten in place, cleared at the end.
 class Progress {
  public:
@@ -305,7 +244,7 @@ class Progress {
 // What a repair changed: the faults the check found before that a second,
 // looking-only check no longer finds. A repair refused because another
 // process holds the file changed nothing.
-std::vector<std::string> Repaired(const Target& t, const Outcome& before, bool json) {
+std::vector<std::string> Repaired(const StoreEntry& t, const Outcome& before, bool json) {
   std::vector<std::string> fixed;
   for (const std::string& f : before.faults)
     if (f.compare(0, 12, "SFL-204-1029") == 0) return fixed;
@@ -327,13 +266,13 @@ int RunCheck(const Args& args) {
   if (all && !args.positional.empty()) throw UsageError{"--all checks every container; name none with it"};
   if (!all && args.positional.empty()) throw UsageError{"name a container, or give --all"};
 
-  std::vector<Target> targets;
+  std::vector<StoreEntry> targets;
   if (all) {
-    targets = AllContainers();
+    targets = StoreContainers();
   } else {
     for (const std::string& text : args.positional) {
       const sfl_ItemRef ref = ParseContainerRef(text);
-      targets.push_back(Target{RefPath(ref), ref, ""});
+      targets.push_back(StoreEntry{RefPath(ref), ref, ""});
     }
     SetSubject("");
     ForgetSubjectRef();
@@ -343,7 +282,7 @@ int RunCheck(const Args& args) {
   size_t faulty = 0;
   size_t unreadable = 0;
   for (size_t i = 0; i < targets.size(); ++i) {
-    Target& t = targets[i];
+    StoreEntry& t = targets[i];
     progress.Show(i, faulty);
     if (t.unreadable.empty()) t.unreadable = Unreadable(t.path, repair);
     if (!t.unreadable.empty()) {

@@ -1,7 +1,11 @@
 // The tool's shared helpers: argument parsing, naming items by reference or
 // path, scoped container and item handles, and output formatting.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
 
 #include <cerrno>
 #include <climits>
@@ -212,6 +216,45 @@ sfl_ItemRef ContainerOf(const sfl_ItemRef& ref) {
   sfl_ItemRef c = ref;
   c.Flags = static_cast<uint16_t>(c.Flags & ~SFL_ITEM_NUM_MASK);
   return c;
+}
+
+std::vector<StoreEntry> StoreContainers() {
+  namespace fs = std::filesystem;
+  const std::string root = StoreRootText();
+  struct stat st;
+  if (stat(root.c_str(), &st) != 0)
+    throw Failure{"cannot read the store root " + root + ": " + ErrnoText(errno, root, true),
+                  kExitUnreadable};
+  if (!S_ISDIR(st.st_mode))
+    throw Failure{"the store root " + root + " is not a directory", kExitUnreadable};
+  std::vector<StoreEntry> found;
+  std::vector<std::string> dirs = {root};
+  while (!dirs.empty()) {
+    const std::string dir = dirs.back();
+    dirs.pop_back();
+    std::error_code ec;
+    fs::directory_iterator it(dir, ec), end;
+    for (; !ec && it != end; it.increment(ec)) {
+      const std::string path = it->path().string();
+      std::error_code tec;
+      if (it->is_directory(tec)) {
+        dirs.push_back(path);
+        continue;
+      }
+      if (!it->is_regular_file(tec)) continue;
+      // Only names the store itself gives its containers count; anything
+      // else under the root (a file being rebuilt, say) does not.
+      sfl_ItemRef ref{};
+      if (!Accepts([&] { im_FName2ItemRef(path.c_str(), &ref); }) || ItemNumber(ref) != 0) continue;
+      found.push_back(StoreEntry{path, ref, ""});
+    }
+    if (ec)
+      found.push_back(StoreEntry{dir, sfl_ItemRef{},
+                                 "its containers cannot be listed: " + ErrnoText(ec.value(), dir, true)});
+  }
+  std::sort(found.begin(), found.end(),
+            [](const StoreEntry& a, const StoreEntry& b) { return a.path < b.path; });
+  return found;
 }
 
 // ---- scoped handles -------------------------------------------------------------------
@@ -433,6 +476,26 @@ uint64_t ParseNumber(const std::string& text, const std::string& what, uint64_t 
   if (errno != 0 || v > max)
     throw UsageError{what + " '" + text + "' is too large (at most " + std::to_string(max) + ")"};
   return v;
+}
+
+// Transfers below this size finish before a progress line would help.
+constexpr uint64_t kProgressFrom = 4ull << 20;
+
+TransferProgress::TransferProgress(const char* verb, uint64_t total)
+    : verb_(verb), total_(total), on_(total >= kProgressFrom && isatty(2) == 1) {}
+
+TransferProgress::~TransferProgress() {
+  if (!on_ || shownMiB_ == UINT64_MAX) return;
+  std::fprintf(stderr, "\r\033[K");
+  std::fflush(stderr);
+}
+
+void TransferProgress::Show(uint64_t done) {
+  if (!on_ || done >> 20 == shownMiB_) return;
+  shownMiB_ = done >> 20;
+  std::fprintf(stderr, "\r\033[K%s %llu of %llu MiB", verb_, static_cast<unsigned long long>(shownMiB_),
+               static_cast<unsigned long long>((total_ + (1 << 20) - 1) >> 20));
+  std::fflush(stderr);
 }
 
 Output::Output(const std::string& path) : path_(path == "-" ? "" : path) {

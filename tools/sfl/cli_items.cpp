@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 
@@ -17,15 +18,17 @@ namespace {
 constexpr size_t kChunk = 8192;  // the library moves item data in 8 KiB steps
 
 // Where the data of a new item comes from: a regular file read as it is
-// copied (its size is known up front), or anything else buffered whole.
+// copied (its size is known up front), or anything else (standard input, a
+// pipe) copied first into an unnamed temporary file, so that the item can
+// be made at its final size while memory stays bounded.
 class Source {
  public:
   explicit Source(const std::string& path) {
     if (path.empty() || path == "-") {
-      buffered_ = ReadAll(0);
-      size_ = buffered_.size();
+      Spool(0);
       return;
     }
+    name_ = path;
     fd_ = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd_ < 0) throw SystemFailure{errno, path, "opening"};
     struct stat st;
@@ -34,12 +37,11 @@ class Source {
     if (S_ISREG(st.st_mode)) {
       size_ = static_cast<uint64_t>(st.st_size);
     } else {
-      buffered_ = ReadAll(fd_);
-      size_ = buffered_.size();
-      close(fd_);
+      const int from = fd_;
       fd_ = -1;
+      Spool(from);
+      close(from);
     }
-    name_ = path;
   }
   ~Source() {
     if (fd_ >= 0) close(fd_);
@@ -51,12 +53,6 @@ class Source {
 
   // Fills up to `len` bytes; 0 at the end.
   size_t Next(char* buf, size_t len) {
-    if (fd_ < 0) {
-      size_t n = std::min(len, buffered_.size() - taken_);
-      std::memcpy(buf, buffered_.data() + taken_, n);
-      taken_ += n;
-      return n;
-    }
     for (;;) {
       ssize_t n = read(fd_, buf, len);
       if (n < 0 && errno == EINTR) continue;
@@ -66,10 +62,36 @@ class Source {
   }
 
  private:
+  // Copies everything `from` gives into a temporary file (in TMPDIR, else
+  // /tmp) and reads from there.
+  void Spool(int from) {
+    const char* dir = std::getenv("TMPDIR");
+    const std::string where = dir != nullptr && *dir != '\0' ? dir : "/tmp";
+    std::string pattern = where + "/sfl-put-XXXXXX";
+    fd_ = mkstemp(pattern.data());
+    if (fd_ < 0) throw SystemFailure{errno, where, "making a temporary file for " + name_ + " in"};
+    unlink(pattern.c_str());
+    std::vector<char> buf(1 << 16);
+    for (;;) {
+      ssize_t n = read(from, buf.data(), buf.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) throw SystemFailure{errno, name_, "reading"};
+      if (n == 0) break;
+      const char* p = buf.data();
+      for (size_t left = static_cast<size_t>(n); left > 0;) {
+        ssize_t w = write(fd_, p, left);
+        if (w < 0 && errno == EINTR) continue;
+        if (w <= 0) throw SystemFailure{w < 0 ? errno : EIO, where, "keeping " + name_ + " in"};
+        p += w;
+        left -= static_cast<size_t>(w);
+      }
+      size_ += static_cast<uint64_t>(n);
+    }
+    if (lseek(fd_, 0, SEEK_SET) != 0) throw SystemFailure{errno, where, "reading back"};
+  }
+
   std::string name_ = "standard input";
   int fd_ = -1;
-  std::string buffered_;
-  size_t taken_ = 0;
   uint64_t size_ = 0;
 };
 
@@ -101,7 +123,9 @@ bool StoreItem(Container& c, Source& src, const std::string& what, sfl_ItemRef* 
   try {
     char buf[kChunk];
     uint32_t pos = 0;
+    TransferProgress progress("storing", size);
     while (pos < size) {
+      progress.Show(pos);
       size_t got = src.Next(buf, std::min<size_t>(kChunk, size - pos));
       if (got == 0) throw Failure{what + ": ended before its size was reached (file changed?)"};
       size_t done = 0;
@@ -228,7 +252,9 @@ int RunGet(const Args& a) {
     sfl_FStatItem(item.handle(), &st);
     const uint32_t size = static_cast<uint32_t>(st.st_size);
     char buf[kChunk];
+    TransferProgress progress("reading", size);
     for (uint32_t pos = 0; pos < size;) {
+      progress.Show(pos);
       uint32_t want = std::min<uint32_t>(kChunk, size - pos);
       int32_t n = sfl_ReadSimpleData(item.handle(), pos, want, buf);
       if (n <= 0) throw Failure{"short read from the item at offset " + std::to_string(pos)};
@@ -250,7 +276,74 @@ std::string ItemRefIn(const sfl_ItemRef& container, uint32_t n) {
   return RefText(r);
 }
 
+// Bytes of the file that neither the header, the item table nor any item
+// (the free map included) holds: what a compaction would give back.
+uint64_t HoleBytes(uint64_t fileSize, const std::vector<sfl_ItemInfo>& slots) {
+  uint64_t held = kBlockBytes + (slots.size() * 64 + kBlockBytes - 1) / kBlockBytes * kBlockBytes;
+  for (const sfl_ItemInfo& s : slots)
+    if (s.InUse) held += uint64_t{s.UsedBlocks} * kBlockBytes;
+  return fileSize > held ? fileSize - held : 0;
+}
+
+// `sfl ls` without a container: the containers of the store, a page at a
+// time (--skip, --limit), each with its items, bytes and holes.
+int ListStore(const Args& a) {
+  const uint64_t skip = a.Has("skip") ? ParseNumber(a.Get("skip"), "count", UINT32_MAX) : 0;
+  const uint64_t limit = a.Has("limit") ? ParseNumber(a.Get("limit"), "count", UINT32_MAX) : UINT64_MAX;
+  const bool json = a.Has("json");
+  const std::vector<StoreEntry> all = StoreContainers();
+  size_t unreadable = 0;
+  if (!json) std::printf("%5s %12s %10s  %s\n", "ITEMS", "BYTES", "HOLES", "CONTAINER PATH");
+  uint64_t shown = 0, index = 0;
+  std::string items;
+  for (const StoreEntry& e : all) {
+    if (!e.unreadable.empty()) {
+      ++unreadable;
+      std::fprintf(stderr, "sfl ls: %s: cannot be read: %s\n", e.path.c_str(), e.unreadable.c_str());
+      continue;
+    }
+    if (index++ < skip || shown >= limit) continue;
+    ++shown;
+    SetSubjectRef(e.ref);
+    struct stat st;
+    if (stat(e.path.c_str(), &st) != 0) throw SystemFailure{errno, e.path, "reading", true};
+    Container c(e.ref);
+    const std::vector<sfl_ItemInfo> slots = c.Slots();
+    c.Close();
+    size_t used = 0;
+    for (size_t i = 1; i < slots.size(); ++i) used += slots[i].InUse ? 1 : 0;
+    const uint64_t size = static_cast<uint64_t>(st.st_size);
+    const uint64_t holes = HoleBytes(size, slots);
+    if (json) {
+      items += std::string(items.empty() ? "\n  " : ",\n  ") + "{\"container\": " + JsonString(RefText(e.ref)) +
+               ", \"path\": " + JsonString(e.path) + ", \"items\": " + std::to_string(used) +
+               ", \"bytes\": " + std::to_string(size) + ", \"holes\": " + std::to_string(holes) + "}";
+    } else {
+      std::printf("%5zu %12llu %10llu  %s %s\n", used, static_cast<unsigned long long>(size),
+                  static_cast<unsigned long long>(holes), RefText(e.ref).c_str(), e.path.c_str());
+    }
+  }
+  SetSubject("");
+  ForgetSubjectRef();
+  const uint64_t total = all.size() - unreadable;
+  if (json) {
+    std::printf("{\"total\": %llu, \"containers\": [%s%s]}\n", static_cast<unsigned long long>(total),
+                items.c_str(), items.empty() ? "" : "\n");
+  } else if (a.Has("limit") || a.Has("skip")) {
+    std::printf("%llu of %llu containers shown", static_cast<unsigned long long>(shown),
+                static_cast<unsigned long long>(total));
+    if (skip + shown < total)
+      std::printf("; --skip %llu for the next", static_cast<unsigned long long>(skip + shown));
+    std::printf("\n");
+  } else {
+    std::printf("%llu container%s\n", static_cast<unsigned long long>(total), total == 1 ? "" : "s");
+  }
+  return unreadable > 0 ? kExitUnreadable : kExitOk;
+}
+
 int RunLs(const Args& a) {
+  if (a.positional.empty()) return ListStore(a);
+  if (a.Has("limit") || a.Has("skip")) throw UsageError{"--limit and --skip page the list of containers; name no container with them"};
   sfl_ItemRef ref = ParseContainerRef(a.positional[0]);
   Container c(ref);
   const std::vector<sfl_ItemInfo> slots = c.Slots();
@@ -449,15 +542,20 @@ const std::vector<Command>& ItemCommands() {
        1,
        RunGet},
       {"ls",
-       "<container> [--json] [--all]",
-       "list the items of a container",
-       "Lists the container's own flags (NEED_COMPACTION: its next last close or 'sfl\n"
+       "[<container>] [--json] [--all] [--limit N] [--skip N]",
+       "list the containers of the store, or the items of one",
+       "Without a container: one line per container of the store, in path order, with\n"
+       "its items, bytes and holes (bytes no item holds, which compaction gives back),\n"
+       "its reference and its path, then a count; --limit and --skip page the list.\n"
+       "With a container: lists the container's own flags (NEED_COMPACTION: its next last close or 'sfl\n"
        "compact' rebuilds it; HAS_BEEN_COMPACTED: replaced by a rebuild; ...), then the\n"
        "items in use: item number, size in bytes, 128-byte blocks reserved, attach\n"
        "count, change time (UTC) and flags by name.\n",
        {{"json", 0, false, "print one JSON object"},
-        {"all", 'a', false, "also show slot 0 (the free map) and free slots"}},
-       1,
+        {"all", 'a', false, "also show slot 0 (the free map) and free slots"},
+        {"limit", 0, true, "show at most this many containers"},
+        {"skip", 0, true, "leave out this many containers first"}},
+       0,
        1,
        RunLs},
       {"stat",
