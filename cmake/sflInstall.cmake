@@ -43,19 +43,19 @@ install(CODE "set(SFL_UNIT_SOURCE [[${PROJECT_SOURCE_DIR}/dist/sfl-monitor.servi
 set(SFL_UNIT_BINDIR [[${CMAKE_INSTALL_BINDIR}]])")
 install(SCRIPT ${PROJECT_SOURCE_DIR}/cmake/sflInstallUnit.cmake)
 
-# Manual pages, made from the programs' own --help at build time.
-set(_sfl_man1 ${PROJECT_BINARY_DIR}/man/sfl.1)
+# Manual pages, made from the programs' own --help at build time: sfl writes
+# sfl(1) and a page per command (sfl-put(1), ...) from its command tables.
+set(_sfl_man1 ${PROJECT_BINARY_DIR}/man1/sfl.1)
 set(_sfl_man8 ${PROJECT_BINARY_DIR}/man/sfl-monitor.8)
 add_custom_command(OUTPUT ${_sfl_man1}
-  COMMAND ${CMAKE_COMMAND} -DPROGRAM=$<TARGET_FILE:sfl_cli> -DNAME=sfl -DSECTION=1
-          "-DSUMMARY=work with sfl container files and their items" -DVERSION=${PROJECT_VERSION}
-          -DOUT=${_sfl_man1} -P ${PROJECT_SOURCE_DIR}/cmake/sflManPage.cmake
-  DEPENDS sfl_cli ${PROJECT_SOURCE_DIR}/cmake/sflManPage.cmake VERBATIM)
+  COMMAND $<TARGET_FILE:sfl_cli> --man-pages ${PROJECT_BINARY_DIR}/man1
+  DEPENDS sfl_cli VERBATIM)
 add_custom_command(OUTPUT ${_sfl_man8}
   COMMAND ${CMAKE_COMMAND} -DPROGRAM=$<TARGET_FILE:sfl-monitor> -DNAME=sfl-monitor -DSECTION=8
           "-DSUMMARY=the sfl interest service" -DVERSION=${PROJECT_VERSION}
           -DOUT=${_sfl_man8} -P ${PROJECT_SOURCE_DIR}/cmake/sflManPage.cmake
   DEPENDS sfl-monitor ${PROJECT_SOURCE_DIR}/cmake/sflManPage.cmake VERBATIM)
 add_custom_target(sfl_man ALL DEPENDS ${_sfl_man1} ${_sfl_man8})
-install(FILES ${_sfl_man1} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(DIRECTORY ${PROJECT_BINARY_DIR}/man1/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1
+        FILES_MATCHING PATTERN "*.1")
 install(FILES ${_sfl_man8} DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)

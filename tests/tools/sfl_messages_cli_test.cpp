@@ -635,3 +635,46 @@ TEST(SflMessagesStream, ALargeTransferShowsProgressOnATerminal) {
   EXPECT_EQ(RunAs({"put", c, big}, plain).err, "");
   EXPECT_EQ(RunAs({"put", c, "-"}, tty, "small").err, "");
 }
+
+// ---- the service's status ---------------------------------------------------------------
+
+std::string ModeOf(const std::string& path) {
+  struct stat st {};
+  EXPECT_EQ(stat(path.c_str(), &st), 0);
+  char buf[8];
+  std::snprintf(buf, sizeof buf, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+  return buf;
+}
+
+TEST(SflMessagesService, StatusNamesTheRunDirectoryItsOwnerAndTheLog) {
+  const std::string run = sfltest::RunDir();
+  const std::string owner = geteuid() == 0 ? "root" : "";
+  if (owner.empty()) GTEST_SKIP() << "the expected owner name is root's";
+  Outcome down = Sfl({"service", "status"});
+  EXPECT_EQ(down.status, 1);
+  EXPECT_EQ(down.out, "not running\nrun directory  " + run + " (owner root, mode " + ModeOf(run) +
+                          ")\nlog file       " + run + "/sfl-monitor.log\n");
+  const int pid = sfltest::StartService();
+  ASSERT_GT(pid, 0);
+  Outcome up = Sfl({"service", "status"});
+  EXPECT_EQ(up.status, 0);
+  EXPECT_EQ(up.out, "running: pid " + std::to_string(pid) + ", 1 queue pair\nrun directory  " + run +
+                        " (owner root, mode " + ModeOf(run) + ")\nlog file       " + run +
+                        "/sfl-monitor.log\n");
+  Outcome json = Sfl({"service", "status", "--json"});
+  EXPECT_EQ(json.out, "{\"running\": true, \"pid\": " + std::to_string(pid) +
+                          ", \"pairs\": 1, \"run_dir\": \"" + run + "\", \"run_dir_owner\": \"owner root, mode " +
+                          ModeOf(run) + "\", \"log\": \"" + run +
+                          "/sfl-monitor.log\", \"usable\": true, \"problem\": \"\"}\n");
+  // Another user does not get "not running" for a service that runs.
+  ASSERT_EQ(chmod(sfltest::TestDir().c_str(), 0711), 0);
+  As as;
+  as.other = true;
+  Outcome other = RunAs({"service", "status"}, as);
+  EXPECT_EQ(other.status, 1);
+  EXPECT_EQ(Lines(other.out).at(0),
+            "not usable: run directory " + run +
+                " belongs to root, not nobody: use a run directory of your own (SFL_RUN_DIR) or "
+                "run sfl as root");
+  sfltest::StopService();
+}

@@ -87,6 +87,16 @@ const std::vector<Command>& DumpCommands();
 bool ParseArgs(const Command& cmd, const std::vector<std::string>& words, Args* out);
 void PrintCommandHelp(const Command& cmd);
 
+// ---- manual pages (cli_man.cpp) ----------------------------------------------
+// A command's examples ("$ ..." lines and their output), or null.
+const char* ExamplesOf(const Command& cmd);
+// What a command's exit statuses mean, on one line.
+std::string ExitStatusOf(const Command& cmd);
+// Writes sfl.1 and one sfl-<command>.1 per command into `dir`; `overview`
+// is the general description that `sfl --help` shows.
+void WriteManPages(const std::string& dir, const std::vector<const Command*>& all,
+                   const std::string& overview);
+
 // The operand that the running command works on, shown in error lines.
 void SetSubject(const std::string& subject);
 const std::string& Subject();
@@ -106,6 +116,13 @@ std::string DescribeSystem(const SystemFailure& f);
 // The system's text for an errno on `path`, then what to do where there is
 // something to do.
 std::string ErrnoText(int err, const std::string& path, bool inStore);
+// The interest service's run directory; why the service cannot be used from
+// it; whether it is a directory of this user's that the tool may use; and
+// "owner <user>, mode <octal>" of a path.
+std::string ServiceRunDir();
+std::string ServiceAdvice();
+bool RunDirIsOurs();
+std::string OwnerAndMode(const std::string& path);
 
 // ---- naming ---------------------------------------------------------------
 // Accepts the text form of a reference or a container path (optionally

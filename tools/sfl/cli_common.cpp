@@ -147,7 +147,16 @@ void PrintCommandHelp(const Command& cmd) {
   std::printf("\noptions:\n");
   for (const OptSpec& o : cmd.options) std::printf("  %-22s %s\n", Dashed(o).c_str(), o.help);
   std::printf("  %-22s %s\n", "-h, --help", "show this help");
-  std::printf("\nexit status: 0 success, 1 failure, 2 bad usage\n");
+  std::printf("\nexit status: %s\n", ExitStatusOf(cmd).c_str());
+  if (const char* examples = ExamplesOf(cmd)) {
+    std::printf("\nexamples:\n");
+    for (const char* p = examples; *p != '\0';) {
+      const char* end = std::strchr(p, '\n');
+      const size_t n = end != nullptr ? static_cast<size_t>(end - p) : std::strlen(p);
+      std::printf("  %.*s\n", static_cast<int>(n), p);
+      p += n + (end != nullptr ? 1 : 0);
+    }
+  }
 }
 
 void SetSubject(const std::string& subject) { g_subject = subject; }

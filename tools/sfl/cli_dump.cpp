@@ -50,12 +50,12 @@ const std::vector<Command>& DumpCommands() {
        "every index record of its tree, parents before children. Offsets are shown in\n"
        "hexadecimal and decimal, times in UTC.\n"
        "\n"
-       "  --item N   only item N's header (and its index records when it is blocked);\n"
-       "             N is 0 to 7, and the slot must be in use.\n"
-       "  --tree N   list blocked item N's blocks by number with their lengths, each\n"
-       "             run of 32 under a 'BaseBlock' line; a freed or missing block shows\n"
-       "             as UNUSED, and the listing ends at the first number past the end\n"
-       "             of a leaf.\n"
+       "  --item N   only item N's header (and its index records when it\n"
+       "             is blocked); N is 0 to 7, and the slot must be in use.\n"
+       "  --tree N   list blocked item N's blocks by number with their\n"
+       "             lengths, each run of 32 under a 'BaseBlock' line; a\n"
+       "             freed or missing block shows as UNUSED, and the\n"
+       "             listing ends at the first number past a leaf's end.\n"
        "\n"
        "To look for damage (and mend it), use 'sfl check'.\n",
        {{"item", 0, true, "dump only this item (0-7)"},

@@ -120,8 +120,11 @@ std::string Advice(int err, const std::string& path, bool inStore) {
   }
 }
 
-// The run directory of the interest service, found as the library finds it.
-std::string RunDir() {
+}  // namespace
+
+// The run directory of the interest service, found as the library finds it
+// (SFL_RUN_DIR is taken from the environment only, not from SFL_CONFIG).
+std::string ServiceRunDir() {
   if (const char* v = std::getenv("SFL_RUN_DIR"); v != nullptr && *v != '\0') return v;
   if (const char* x = std::getenv("XDG_RUNTIME_DIR"); x != nullptr && *x != '\0')
     return std::string(x) + "/sfl";
@@ -130,7 +133,7 @@ std::string RunDir() {
 
 // Why the interest service cannot be reached, from its run directory.
 std::string ServiceAdvice() {
-  const std::string dir = RunDir();
+  const std::string dir = ServiceRunDir();
   struct stat st;
   if (stat(dir.c_str(), &st) != 0) {
     if (errno == EACCES) return WhoBlocks(dir);
@@ -155,6 +158,21 @@ std::string ServiceAdvice() {
   return "no service runs for run directory " + dir + " and none could be started: see " + dir +
          "/sfl-monitor.log, or run 'sfl service start'";
 }
+
+std::string OwnerAndMode(const std::string& path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) != 0) return std::strerror(errno);
+  return "owner " + UserName(st.st_uid) + ", mode " + Mode(st.st_mode);
+}
+
+bool RunDirIsOurs() {
+  struct stat st;
+  const std::string dir = ServiceRunDir();
+  return stat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == geteuid() &&
+         access(dir.c_str(), R_OK | W_OK | X_OK) == 0;
+}
+
+namespace {
 
 // "<path> (store root <root>)" for the reference the command works on.
 std::string Where() {

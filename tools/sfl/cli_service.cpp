@@ -3,6 +3,7 @@
 // library; these commands manage it explicitly, through the sfl-monitor
 // program installed beside this one and the library's queue lookup.
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -110,15 +111,48 @@ int Stop(const Args& a) {
   throw Failure{argv[0] + " exited with status " + std::to_string(rc)};
 }
 
-int Status() {
+// The main process the run directory's state file names, or 0: what can be
+// said of a service this user cannot reach.
+int32_t PublishedPid(const std::string& runDir) {
+  FILE* f = std::fopen((runDir + "/sfl-monitor.state").c_str(), "r");
+  if (f == nullptr) return 0;
+  char line[256];
+  int32_t pid = 0;
+  while (std::fgets(line, sizeof line, f) != nullptr)
+    if (std::sscanf(line, "main %d", &pid) == 1) break;
+  std::fclose(f);
+  return pid > 0 && kill(pid, 0) == 0 ? pid : 0;
+}
+
+// What is known of the service: whether it runs and where, its log, and,
+// when this user cannot use the run directory, why.
+int Status(bool json) {
+  const std::string dir = ServiceRunDir();
+  const std::string log = dir + "/sfl-monitor.log";
   ServiceInfo info;
-  if (!FindService(&info)) {
-    std::printf("not running\n");
-    return kExitFailure;
+  const bool usable = RunDirIsOurs();
+  const bool running = usable && FindService(&info);
+  const std::string problem = usable ? "" : ServiceAdvice();
+  const int32_t other = usable ? 0 : PublishedPid(dir);
+  if (json) {
+    std::printf("{\"running\": %s, \"pid\": %d, \"pairs\": %d, \"run_dir\": %s, \"run_dir_owner\": %s, "
+                "\"log\": %s, \"usable\": %s, \"problem\": %s}\n",
+                running ? "true" : "false", running ? info.pid : other, running ? info.pairs : 0,
+                JsonString(dir).c_str(), JsonString(OwnerAndMode(dir)).c_str(), JsonString(log).c_str(),
+                usable ? "true" : "false", JsonString(problem).c_str());
+  } else {
+    if (running)
+      std::printf("running: pid %d, %d queue pair%s\n", info.pid, info.pairs, info.pairs == 1 ? "" : "s");
+    else if (other != 0)
+      std::printf("not usable: a service runs (pid %d) but %s\n", other, problem.c_str());
+    else if (!usable)
+      std::printf("not usable: %s\n", problem.c_str());
+    else
+      std::printf("not running\n");
+    std::printf("run directory  %s (%s)\n", dir.c_str(), OwnerAndMode(dir).c_str());
+    std::printf("log file       %s\n", log.c_str());
   }
-  std::printf("running: pid %d, %d queue pair%s\n", info.pid, info.pairs,
-              info.pairs == 1 ? "" : "s");
-  return kExitOk;
+  return running ? kExitOk : kExitFailure;
 }
 
 int RunService(const Args& a) {
@@ -129,7 +163,8 @@ int RunService(const Args& a) {
     throw UsageError{"--pairs and --idle-seconds go with 'start' only"};
   if (action == "stop") return Stop(a);
   if (a.Has("force")) throw UsageError{"--force goes with 'stop' only"};
-  if (action == "status") return Status();
+  if (action == "status") return Status(a.Has("json"));
+  if (a.Has("json")) throw UsageError{"--json goes with 'status' only"};
   throw UsageError{"unknown action '" + action + "' (start, stop or status)"};
 }
 
@@ -138,7 +173,7 @@ int RunService(const Args& a) {
 const std::vector<Command>& ServiceCommands() {
   static const std::vector<Command> kCommands = {
       {"service",
-       "start|stop|status",
+       "start|stop|status [--json]",
        "manage the interest service",
        "The interest service counts the processes that hold each container. The library\n"
        "starts one on demand (it stops again after an idle time); 'start' runs one\n"
@@ -149,10 +184,14 @@ const std::vector<Command>& ServiceCommands() {
        "again takes over those of live processes. Even so, 'stop' refuses while live\n"
        "processes hold interests: it prints on standard error how many, held by which\n"
        "processes, and exits with status 1; --force stops the service anyway. It\n"
-       "prints 'stopped: pid N' once the service has gone, 'not running' when none was.\n",
+       "prints 'stopped: pid N' once the service has gone, 'not running' when none was.\n"
+       "'status' prints 'running: pid N, P queue pairs' (or 'not running', or 'not\n"
+       "usable: <why>' when the run directory is not this user's to use), then the run\n"
+       "directory with its owner and mode, and the service's log file.\n",
        {{"pairs", 0, true, "start: queue pairs (serving processes), 1 to 4"},
         {"idle-seconds", 0, true, "start: exit after this long idle (0: never)"},
-        {"force", 0, false, "stop: stop even while live processes hold interests"}},
+        {"force", 0, false, "stop: stop even while live processes hold interests"},
+        {"json", 0, false, "status: print one JSON object"}},
        1,
        1,
        RunService},

@@ -1,7 +1,6 @@
 // `sfl`: the command-line tool over the storage library. This file owns the
 // entry point: global options, finding the command, the overall help, and
-// turning every failure into one line on standard error and an exit status
-// (0 success, 1 failure, 2 bad usage).
+// handing every command to the one routine that reports its failures.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -15,20 +14,20 @@ namespace {
 
 using cli::Command;
 
+const char kUsage[] = "usage: sfl [--store DIR] [-v] <command> [arguments]\n\n";
+
+// What `sfl --help` and the sfl(1) page say about the tool as a whole.
 const char kOverview[] =
-    "usage: sfl [--store DIR] [-v] <command> [arguments]\n"
-    "\n"
     "Stores files as items inside container files (up to 7 items each) and reads them\n"
     "back, through the sfl storage library.\n"
     "\n"
     "Naming. A container or item is named by its reference in text form,\n"
-    "    DOMAIN.SUBDOMAIN.FILEID[.NAME][:ITEM]     e.g. 2.17.4113  or  2.17.4113.abc:3\n"
+    "    DOMAIN.SUBDOMAIN.FILEID[.NAME][:ITEM]\n"
+    "    e.g. 2.17.4113  or  2.17.4113.abc:3\n"
     "(three decimal numbers, an optional name tag of up to 3 characters from\n"
     "[A-Za-z0-9_-], and ':ITEM', the item number 1 to 7, to name an item of the\n"
     "container), or by path: the container's file under the store root, with ':ITEM'\n"
-    "appended for an item (e.g. ./sfl-store/2/17/4113.abc:3).\n"
-    "\n"
-    "commands:\n";
+    "appended for an item (e.g. ./sfl-store/2/17/4113.abc:3).\n";
 
 const char kTrailer[] =
     "\n"
@@ -38,8 +37,9 @@ const char kTrailer[] =
     "  --version        print the version\n"
     "  -h, --help       show this help; 'sfl <command> --help' for a command's\n"
     "\n"
-    "exit status: 0 success, 1 failure, 2 bad usage. Errors are one line on standard\n"
-    "error: 'sfl <command>: <subject>: error <group>/<reason>: <text>'.\n";
+    "exit status: 0 success, 1 failure, 2 bad usage, 3 (check, ls) part of the store\n"
+    "could not be read. Errors are one line on standard error: 'sfl <command>:\n"
+    "<subject>: <what happened>: <where>; <what to do>'.\n";
 
 std::vector<const Command*> AllCommands() {
   std::vector<const Command*> all;
@@ -51,7 +51,7 @@ std::vector<const Command*> AllCommands() {
 }
 
 void PrintOverview() {
-  std::printf("%s", kOverview);
+  std::printf("%s%s\ncommands:\n", kUsage, kOverview);
   for (const Command* c : AllCommands()) std::printf("  %-15s %s\n", c->name, c->summary);
   std::printf("%s", kTrailer);
 }
@@ -76,6 +76,12 @@ int Main(int argc, char** argv) {
     const std::string& w = words[i];
     if (w == "--help" || w == "-h") {
       PrintOverview();
+      return cli::kExitOk;
+    }
+    if (w == "--man-pages") {
+      // Writes the manual pages (the build makes them this way).
+      if (i + 1 >= words.size()) throw cli::UsageError{"--man-pages needs a directory"};
+      cli::WriteManPages(words[i + 1], AllCommands(), kOverview);
       return cli::kExitOk;
     }
     if (w == "--version") {
