@@ -502,6 +502,19 @@ std::string Swap(std::string s, const std::string& from, const std::string& to) 
   return s;
 }
 
+// The repository's README.md: this file lives in <root>/tests/tools/.
+std::string Readme() {
+  return sfltest::ReadWholeFile(
+      (fs::path(__FILE__).parent_path().parent_path().parent_path() / "README.md").string());
+}
+
+// Change times as README shows them (the run's own differ).
+std::string FixedTimes(std::string s) {
+  for (size_t at = s.find("Z  "); at != std::string::npos; at = s.find("Z  ", at + 1))
+    if (at >= 19 && s[at - 9] == 'T' && s[at - 12] == '-') s.replace(at - 19, 20, "2026-11-24T10:42:27Z");
+  return s;
+}
+
 TEST(SflWalkthrough, StoreADirectoryFindItAgainCheckAndCompact) {
   const std::string home = sfltest::TestDir() + "/walk";
   fs::create_directories(home + "/notes");
@@ -520,41 +533,53 @@ TEST(SflWalkthrough, StoreADirectoryFindItAgainCheckAndCompact) {
     const std::string dir = "./sfl-store/" + Swap(c, ".", "/");
     return Swap(t, dir, "./sfl-store/2/17/4113");
   };
-  auto run = [&](const std::vector<std::string>& args) {
+  // Each command as README shows it, then what it printed, indented.
+  std::string transcript = "    $ sfl create\n    " + shown(made.out);
+  auto run = [&](const std::string& line, const std::vector<std::string>& args) {
     Outcome r = RunAs(args, here);
     EXPECT_EQ(r.status, 0) << r.err;
-    return shown(r.out) + shown(r.err);
+    const std::string out = shown(r.out) + shown(r.err);
+    transcript += "    $ " + line + "\n";
+    for (const std::string& l : Lines(out)) transcript += "    " + l + "\n";
+    return out;
   };
   EXPECT_EQ(shown(made.out), "2.17.4113 ./sfl-store/2/17/4113\n");
-  EXPECT_EQ(run({"put", c, "notes/alpha.txt", "notes/beta.txt", "notes/gamma.txt"}),
+  EXPECT_EQ(run("sfl put 2.17.4113 notes/alpha.txt notes/beta.txt notes/gamma.txt | tee stored.txt",
+                {"put", c, "notes/alpha.txt", "notes/beta.txt", "notes/gamma.txt"}),
             "2.17.4113:1 notes/alpha.txt\n"
             "2.17.4113:2 notes/beta.txt\n"
             "2.17.4113:3 notes/gamma.txt\n");
-  const std::string listing = run({"ls"});
-  EXPECT_EQ(listing,
+  const std::string stored = transcript;
+  transcript.clear();
+  EXPECT_EQ(run("sfl ls", {"ls"}),
             "ITEMS        BYTES      HOLES  CONTAINER PATH\n"
             "    3         4152          0  2.17.4113 ./sfl-store/2/17/4113\n"
             "1 container\n");
-  const std::string items = run({"ls", c});
-  const std::vector<std::string> il = Lines(items);
-  ASSERT_EQ(il.size(), 5u) << items;
+  const std::vector<std::string> il = Lines(run("sfl ls 2.17.4113", {"ls", c}));
+  ASSERT_EQ(il.size(), 5u);
   EXPECT_EQ(il[0], "2.17.4113  ./sfl-store/2/17/4113  3 of 7 item slots used  file flags: -");
   EXPECT_EQ(il[1], "ITEM         SIZE   BLOCKS ATTACH  CHANGED               FLAGS");
   EXPECT_EQ(il[2].substr(0, 33), "   1            6        1      1");
   EXPECT_EQ(il[3].substr(0, 33), "   2           10        1      1");
   EXPECT_EQ(il[4].substr(0, 33), "   3         3000       24      1");
-  EXPECT_EQ(run({"get", c + ":2"}), "beta beta\n");
-  EXPECT_EQ(run({"rm", c + ":1"}), "");
-  EXPECT_EQ(run({"rm", c + ":1"}), "sfl rm: 2.17.4113:1: already deleted\n");
-  EXPECT_EQ(run({"check", "--all"}),
+  EXPECT_EQ(run("sfl get 2.17.4113:2", {"get", c + ":2"}), "beta beta\n");
+  EXPECT_EQ(run("sfl rm 2.17.4113:1", {"rm", c + ":1"}), "");
+  EXPECT_EQ(run("sfl rm 2.17.4113:1", {"rm", c + ":1"}), "sfl rm: 2.17.4113:1: already deleted\n");
+  EXPECT_EQ(run("sfl check --all", {"check", "--all"}),
             "./sfl-store/2/17/4113: ok\n"
             "1 container checked, 0 with faults\n");
-  EXPECT_EQ(run({"ls"}),
+  EXPECT_EQ(run("sfl ls", {"ls"}),
             "ITEMS        BYTES      HOLES  CONTAINER PATH\n"
             "    2         4152         56  2.17.4113 ./sfl-store/2/17/4113\n"
             "1 container\n");
-  EXPECT_EQ(run({"compact", c}), "2.17.4113  4152 -> 4096 bytes (56 freed)\n");
-  EXPECT_EQ(run({"check", "--all", "--quiet"}), "1 container checked, 0 with faults\n");
+  EXPECT_EQ(run("sfl compact 2.17.4113", {"compact", c}), "2.17.4113  4152 -> 4096 bytes (56 freed)\n");
+  EXPECT_EQ(run("sfl check --all --quiet", {"check", "--all", "--quiet"}),
+            "1 container checked, 0 with faults\n");
+  // README shows the same session, word for word.
+  const std::string readme = Readme();
+  ASSERT_FALSE(readme.empty());
+  EXPECT_NE(readme.find(stored), std::string::npos) << stored;
+  EXPECT_NE(readme.find(FixedTimes(transcript)), std::string::npos) << FixedTimes(transcript);
 }
 
 // ---- listing the store ------------------------------------------------------------------
