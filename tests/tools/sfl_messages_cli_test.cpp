@@ -703,3 +703,65 @@ TEST(SflMessagesService, StatusNamesTheRunDirectoryItsOwnerAndTheLog) {
                 "run sfl as root");
   sfltest::StopService();
 }
+
+// ---- what a failure part way leaves named ---------------------------------------------
+
+TEST(SflMessagesCreate, AFailurePartWayStillNamesWhatWasStored) {
+  const std::string small = sfltest::WritePlainFile("small.txt", "small");
+  const std::string big = sfltest::WritePlainFile("big2.bin", std::string(1 << 20, 'b'));
+  As as;
+  as.maxFile = 64 * 1024;  // the second file does not fit under the limit
+  Outcome r = RunAs({"create", small, big}, as);
+  EXPECT_EQ(r.status, 1);
+  const std::vector<std::string> lines = Lines(r.out);
+  ASSERT_EQ(lines.size(), 2u) << r.out << r.err;
+  const std::string c = lines[0].substr(0, lines[0].find(' '));
+  EXPECT_EQ(lines[0], c + " " + PathOf(c));
+  EXPECT_EQ(lines[1], c + ":1");
+  EXPECT_EQ(r.err, "sfl create: " + c + ": writing into " + PathOf(c) + " (store root " +
+                       sfltest::StoreRoot() +
+                       "): File too large; the file would pass the size limit of this process "
+                       "or file system\n");
+  EXPECT_EQ(Sfl({"get", c + ":1"}).out, "small");
+  EXPECT_EQ(Sfl({"stat", c + ":2"}).status, 1);  // the half-written item was taken back
+}
+
+TEST(SflMessagesFull, AMissingFileAmongSeveralStoresNothing) {
+  const std::string c = NewContainer();
+  const std::string a = sfltest::WritePlainFile("present.txt", "here");
+  const std::string missing = sfltest::TestDir() + "/absent.txt";
+  Outcome r = Sfl({"put", c, a, missing});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "sfl put: " + c + ": opening " + missing + ": No such file or directory\n");
+  EXPECT_EQ(Sfl({"stat", c + ":1"}).status, 1);
+}
+
+TEST(SflMessagesCheck, JsonSaysWhatCouldNotBeRead) {
+  const Made m = MakeContainer();
+  ASSERT_EQ(unlink(m.path.c_str()), 0);
+  Outcome r = Sfl({"check", "--json", m.ref});
+  EXPECT_EQ(r.status, 3);
+  EXPECT_EQ(r.out, "{\"path\": \"" + m.path +
+                       "\", \"result\": 3, \"unreadable\": \"No such file or directory; no container "
+                       "file there: check the reference, or list the store with 'sfl ls'\"}\n");
+}
+
+TEST(SflMessagesList, ADirectoryThatCannotBeReadIsSaidSo) {
+  if (OtherUser().empty()) GTEST_SKIP() << "needs root to run the tool as another user";
+  const std::string store = sfltest::TestDir() + "/half-readable";
+  fs::create_directories(store + "/2/locked");
+  ASSERT_EQ(chmod(sfltest::TestDir().c_str(), 0711), 0);
+  ASSERT_EQ(chmod(store.c_str(), 0755), 0);
+  ASSERT_EQ(chmod((store + "/2").c_str(), 0755), 0);
+  ASSERT_EQ(chmod((store + "/2/locked").c_str(), 0700), 0);
+  As as;
+  as.other = true;
+  Outcome r = RunAs({"--store", store, "ls"}, as);
+  EXPECT_EQ(r.status, 3);
+  EXPECT_EQ(r.out, "ITEMS        BYTES      HOLES  CONTAINER PATH\n0 containers\n");
+  EXPECT_EQ(r.err, "sfl ls: " + store + "/2/locked: cannot be read: its containers cannot be listed: "
+                       "Permission denied; " + store +
+                       "/2/locked (owner root, mode 0700) does not let nobody list it: ask its "
+                       "owner for access, or run sfl as that user\n");
+}
