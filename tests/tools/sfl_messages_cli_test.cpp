@@ -765,3 +765,22 @@ TEST(SflMessagesList, ADirectoryThatCannotBeReadIsSaidSo) {
                        "/2/locked (owner root, mode 0700) does not let nobody list it: ask its "
                        "owner for access, or run sfl as that user\n");
 }
+
+TEST(SflMessagesList, AFileThatIsNoContainerIsSaidSoAndTheRestListed) {
+  const std::string store = sfltest::TestDir() + "/with-junk";
+  fs::create_directories(store + "/2/1");
+  Outcome made = Sfl({"--store", store, "create", "-"}, "kept");
+  ASSERT_EQ(made.status, 0) << made.err;
+  const std::string c = FirstRef(made);
+  const std::string path = Lines(made.out)[0].substr(c.size() + 1);
+  std::ofstream(store + "/2/1/1") << std::string(4096, 'j');  // a container's name, not its content
+  Outcome r = Sfl({"--store", store, "ls"});
+  EXPECT_EQ(r.status, 3);
+  char row[64];
+  std::snprintf(row, sizeof row, "%5d %12llu %10d  ", 1,
+                static_cast<unsigned long long>(fs::file_size(path)), 0);
+  EXPECT_EQ(r.out, "ITEMS        BYTES      HOLES  CONTAINER PATH\n" + std::string(row) + c + " " +
+                       path + "\n1 container\n");
+  EXPECT_EQ(r.err, "sfl ls: " + store +
+                       "/2/1/1: cannot be read: error 100/28881: bad file header\n");
+}

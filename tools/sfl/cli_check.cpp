@@ -119,15 +119,15 @@ std::vector<std::string> GroupUnusedMarks(const std::vector<std::string>& lines)
 }
 
 // Why a container file cannot be checked at all, or "" when it can be
-// opened as the check will open it.
-std::string Unreadable(const std::string& path, bool repair) {
+// read (a repair of a file that may not be written is the check's to refuse).
+std::string Unreadable(const std::string& path) {
   struct stat st;
   if (stat(path.c_str(), &st) != 0) {
     return ErrnoText(errno, path, true);
   }
   if (S_ISDIR(st.st_mode)) return "a directory, not a container file";
   if (!S_ISREG(st.st_mode)) return "not a regular file, so not a container file";
-  int fd = open(path.c_str(), repair ? O_RDWR | O_CLOEXEC : O_RDONLY | O_CLOEXEC);
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) {
     return ErrnoText(errno, path, true);
   }
@@ -284,7 +284,7 @@ int RunCheck(const Args& args) {
   for (size_t i = 0; i < targets.size(); ++i) {
     StoreEntry& t = targets[i];
     progress.Show(i, faulty);
-    if (t.unreadable.empty()) t.unreadable = Unreadable(t.path, repair);
+    if (t.unreadable.empty()) t.unreadable = Unreadable(t.path);
     if (!t.unreadable.empty()) {
       progress.Clear();
       ++unreadable;

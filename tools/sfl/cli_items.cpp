@@ -304,12 +304,23 @@ int ListStore(const Args& a) {
     }
     if (index++ < skip || shown >= limit) continue;
     ++shown;
-    SetSubjectRef(e.ref);
     struct stat st;
-    if (stat(e.path.c_str(), &st) != 0) throw SystemFailure{errno, e.path, "reading", true};
-    Container c(e.ref);
-    const std::vector<sfl_ItemInfo> slots = c.Slots();
-    c.Close();
+    std::vector<sfl_ItemInfo> slots;
+    // A container the library cannot open is shown on its own line and
+    // makes the exit status 3; the listing goes on.
+    try {
+      if (stat(e.path.c_str(), &st) != 0) throw SystemFailure{errno, e.path, "reading", true};
+      Container c(e.ref);
+      slots = c.Slots();
+      c.Close();
+    } catch (const er_Escape& x) {
+      er_Clear();
+      ++unreadable;
+      --shown;
+      std::fprintf(stderr, "sfl ls: %s: cannot be read: error %d/%d: %s\n", e.path.c_str(), x.group(),
+                   x.reason(), er_ReasonText(x.group(), x.reason()));
+      continue;
+    }
     size_t used = 0;
     for (size_t i = 1; i < slots.size(); ++i) used += slots[i].InUse ? 1 : 0;
     const uint64_t size = static_cast<uint64_t>(st.st_size);
@@ -323,8 +334,6 @@ int ListStore(const Args& a) {
                   static_cast<unsigned long long>(holes), RefText(e.ref).c_str(), e.path.c_str());
     }
   }
-  SetSubject("");
-  ForgetSubjectRef();
   const uint64_t total = all.size() - unreadable;
   if (json) {
     std::printf("{\"total\": %llu, \"containers\": [%s%s]}\n", static_cast<unsigned long long>(total),
