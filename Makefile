@@ -9,7 +9,7 @@ CTEST_ARGS ?=
 JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 
-.PHONY: all deps configure build test install run bench soak soak-ci asan coverage fuzz clean
+.PHONY: all deps configure build test install deb deb-test run bench soak soak-ci asan coverage fuzz clean
 
 all: build
 
@@ -30,6 +30,16 @@ test: build
 
 install: build
 	cmake --install $(BUILD) --prefix $(PREFIX)
+
+# Debian source and binary packages in build-deb/ (from the committed tree),
+# checked with lintian; deb-test unpacks them into a fresh root and builds
+# and runs a C, a C++ and a Python consumer against that root alone.
+deb:
+	@sh tools/install-deps.sh
+	sh tools/make-deb.sh
+
+deb-test: deb
+	sh tests/install/deb_root_test.sh build-deb
 
 run: build
 	sh tools/demo.sh $(BUILD)
@@ -95,4 +105,4 @@ fuzz:
 	sh tools/run-fuzz.sh build-fuzz $(FUZZ_SECONDS) $(FUZZ_TARGETS)
 
 clean:
-	rm -rf build build-asan build-cov build-fuzz
+	rm -rf build build-asan build-cov build-fuzz build-deb

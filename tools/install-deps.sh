@@ -3,7 +3,7 @@
 # something is missing and we are root. Quiet when all is there.
 set -e
 need=""
-for p in cmake ninja-build g++ make libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev strace util-linux procps pkg-config gcovr clang libclang-rt-dev python3 python3-pytest; do
+for p in cmake ninja-build g++ make libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev strace util-linux procps pkg-config gcovr clang libclang-rt-dev python3 python3-pytest debhelper dh-python lintian; do
   dpkg -s "$p" >/dev/null 2>&1 || need="$need $p"
 done
 [ -z "$need" ] && exit 0
