@@ -11,6 +11,9 @@ mkdir -p "$out"
 git -C "$src" archive --prefix="sfl-$version/" HEAD | tar -x -C "$out"
 (cd "$out/sfl-$version" && dpkg-buildpackage -us -uc -j"${JOBS:-2}") >"$out/build.log" 2>&1 ||
   { tail -40 "$out/build.log" >&2; echo "make deb: dpkg-buildpackage failed (log: $out/build.log)" >&2; exit 1; }
-lintian --fail-on error --info "$out"/sfl_"$version"_*.changes | tee "$out/lintian.log"
+status=0
+lintian --fail-on error --info "$out"/sfl_"$version"_*.changes >"$out/lintian.log" 2>&1 || status=$?
+cat "$out/lintian.log"
+[ $status -eq 0 ] || { echo "make deb: lintian found errors" >&2; exit 1; }
 echo "make deb: packages in $out:"
 ls "$out"/*.deb "$out"/*.dsc
