@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <thread>
@@ -90,6 +91,17 @@ int RunInChild(const std::function<int()>& body) { return WaitChild(StartChild(b
 std::string MonitorBinary() {
   const char* bin = std::getenv("SFL_TEST_BIN_DIR");
   return std::string(bin != nullptr ? bin : ".") + "/bin/sfl-monitor";
+}
+
+std::string RunMonitor(const std::string& args, int* code) {
+  const std::string cmd = MonitorBinary() + " " + args + " 2>&1";
+  FILE* p = popen(cmd.c_str(), "r");
+  std::string out;
+  char buf[256];
+  while (p != nullptr && fgets(buf, sizeof buf, p) != nullptr) out += buf;
+  const int status = p != nullptr ? pclose(p) : -1;
+  *code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return out;
 }
 
 int StartService(const std::vector<std::string>& args) {

@@ -37,6 +37,9 @@ int StartService(const std::vector<std::string>& args = {});
 void StopService();
 // The built sfl-monitor program.
 std::string MonitorBinary();
+// Runs it with `args` (a shell word list); its output (both streams) and,
+// in `code`, its exit status (-1 when it did not exit).
+std::string RunMonitor(const std::string& args, int* code);
 
 }  // namespace sfltest
 

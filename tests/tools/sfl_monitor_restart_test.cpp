@@ -45,18 +45,6 @@ ino_t inodeOf(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 ? st.st_ino : 0;
 }
 
-// The program's output and exit status.
-std::string runMonitor(const std::string& args, int* code) {
-  std::string cmd = sfltest::MonitorBinary() + " " + args + " 2>&1";
-  FILE* p = popen(cmd.c_str(), "r");
-  std::string out;
-  char buf[256];
-  while (p != nullptr && fgets(buf, sizeof buf, p) != nullptr) out += buf;
-  int status = p != nullptr ? pclose(p) : -1;
-  *code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return out;
-}
-
 // A container holding one small item (an empty one is removed at its
 // close), closed again.
 sfl_ItemRef newClosedContainer() {
@@ -81,6 +69,16 @@ int32_t openTelling(const sfl_ItemRef& ref, Gate& opened) {
   }
   opened.Open();
   return bh;
+}
+
+// Whether another process, asking the service, is told nobody holds `ref`.
+bool heldByNobody(const sfl_ItemRef& ref) {
+  return RunInChild([&] {
+    sfl_BaseRec rec;
+    sfl_SetRef(rec, ref);
+    sfl_CheckBaseInterest(&rec);
+    return rec.ProcAccCount == 0 && rec.OtherInterest == 0 ? 0 : 1;
+  }) == 0;
 }
 
 enum class End { Stop, Kill };
@@ -141,12 +139,7 @@ TEST_F(Sharing, InterestOfALiveProcessSurvivesTheServiceGoingAndComingBack) {
     }));
     restarted.Open();
     EXPECT_EQ(0, WaitChild(holder));
-    EXPECT_EQ(0, RunInChild([&] {
-      sfl_BaseRec rec;
-      sfl_SetRef(rec, ref);
-      sfl_CheckBaseInterest(&rec);
-      return rec.ProcAccCount == 0 && rec.OtherInterest == 0 ? 0 : 1;
-    }));
+    EXPECT_TRUE(heldByNobody(ref));
     sfltest::StopService();
   }
 }
@@ -193,13 +186,7 @@ TEST_F(Sharing, AStopWaitsForTheReplyItSentSoARecordIsNotAskedTwice) {
   ASSERT_EQ(1, write(release.WriteEnd(), "R", 1));
   EXPECT_EQ(0, ExitWithin(first, 10));
   EXPECT_EQ(0, WaitChild(holder));
-  // Nobody is left holding the file.
-  EXPECT_EQ(0, RunInChild([&] {
-    sfl_BaseRec rec;
-    sfl_SetRef(rec, ref);
-    sfl_CheckBaseInterest(&rec);
-    return rec.ProcAccCount == 0 && rec.OtherInterest == 0 ? 0 : 1;
-  }));
+  EXPECT_TRUE(heldByNobody(ref));
 }
 
 // The interests of processes that ended while no service ran are not taken
@@ -332,15 +319,15 @@ TEST_F(Sharing, StopIsRefusedWhileInterestsAreHeldUnlessForced) {
     return 0;
   });
   recorded.Wait();
-  std::string out = runMonitor("--stop", &code);
+  std::string out = sfltest::RunMonitor("--stop", &code);
   EXPECT_EQ(3, code) << out;
   EXPECT_NE(std::string::npos, out.find("not stopped: 1 interest(s) held by 1 live process(es) (pid " +
                                         std::to_string(holder) + ")"))
       << out;
   EXPECT_EQ(1, ml_CheckPid(pid));
-  out = runMonitor("--force", &code);
+  out = sfltest::RunMonitor("--force", &code);
   EXPECT_EQ(2, code) << out;  // --force alone is not a stop
-  out = runMonitor("--stop --force", &code);
+  out = sfltest::RunMonitor("--stop --force", &code);
   EXPECT_EQ(0, code) << out;
   EXPECT_EQ("stopped: pid " + std::to_string(pid) + "\n", out);
   EXPECT_EQ(0, ExitWithin(pid, 10));
@@ -350,11 +337,11 @@ TEST_F(Sharing, StopIsRefusedWhileInterestsAreHeldUnlessForced) {
   // says so.
   const pid_t again = StartService();
   ASSERT_GT(again, 0);
-  out = runMonitor("--stop", &code);
+  out = sfltest::RunMonitor("--stop", &code);
   EXPECT_EQ(0, code) << out;
   EXPECT_EQ("stopped: pid " + std::to_string(again) + "\n", out);
   EXPECT_EQ(0, ExitWithin(again, 10));
-  out = runMonitor("--stop", &code);
+  out = sfltest::RunMonitor("--stop", &code);
   EXPECT_EQ(0, code);
   EXPECT_EQ("not running\n", out);
 }

@@ -37,17 +37,6 @@ using sfltest::StartChild;
 using sfltest::StartService;
 using sfltest::WaitChild;
 
-std::string run(const std::string& args, int* code) {
-  std::string cmd = sfltest::MonitorBinary() + " " + args + " 2>&1";
-  FILE* p = popen(cmd.c_str(), "r");
-  std::string out;
-  char buf[256];
-  while (p != nullptr && fgets(buf, sizeof buf, p) != nullptr) out += buf;
-  int status = p != nullptr ? pclose(p) : -1;
-  *code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return out;
-}
-
 sfl_ItemRef makeRef(uint32_t subDomain, uint32_t fileId) {
   sfl_ItemRef r{};
   r.Domain = 2;
@@ -73,13 +62,13 @@ class Monitor : public ::testing::Test {
 
 TEST_F(Monitor, HelpAndBadOptions) {
   int code = -1;
-  std::string out = run("--help", &code);
+  std::string out = sfltest::RunMonitor("--help", &code);
   EXPECT_EQ(0, code);
   for (const char* opt : {"--foreground", "--run-dir", "--pairs", "--idle-seconds"})
     EXPECT_NE(std::string::npos, out.find(opt)) << opt;
-  run("--pairs 5", &code);
+  sfltest::RunMonitor("--pairs 5", &code);
   EXPECT_EQ(2, code);
-  run("--bogus", &code);
+  sfltest::RunMonitor("--bogus", &code);
   EXPECT_EQ(2, code);
 }
 
@@ -118,7 +107,7 @@ TEST_F(Monitor, SigtermToTheWholeGroupIsACleanStop) {
 TEST_F(Monitor, SecondInstanceIsRefused) {
   ASSERT_GT(StartService(), 0);
   int code = -1;
-  std::string out = run("--foreground --run-dir " + RunDir(), &code);
+  std::string out = sfltest::RunMonitor("--foreground --run-dir " + RunDir(), &code);
   EXPECT_EQ(1, code);
   EXPECT_NE(std::string::npos, out.find("already"));
 }
