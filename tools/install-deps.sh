@@ -6,12 +6,30 @@ need=""
 for p in cmake ninja-build g++ make libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev strace util-linux procps pkg-config gcovr clang libclang-rt-dev python3 python3-pytest debhelper dh-python lintian; do
   dpkg -s "$p" >/dev/null 2>&1 || need="$need $p"
 done
-[ -z "$need" ] && exit 0
-if [ "$(id -u)" -ne 0 ]; then
-  echo "missing packages:$need (run as root, or install them)" >&2
-  exit 1
+if [ -n "$need" ]; then
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "missing packages:$need (run as root, or install them)" >&2
+    exit 1
+  fi
+  echo "installing:$need"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq >/dev/null
+  apt-get install -y -qq $need >/dev/null
 fi
-echo "installing:$need"
-export DEBIAN_FRONTEND=noninteractive
-apt-get update -qq >/dev/null
-apt-get install -y -qq $need >/dev/null
+
+# Serving several hosts: the service's etcd client (libcurl, nlohmann-json)
+# and, for the multi-host test, etcd itself.
+need=""
+for p in etcd-server etcd-client libcurl4-openssl-dev nlohmann-json3-dev; do
+  dpkg -s "$p" >/dev/null 2>&1 || need="$need $p"
+done
+if [ -n "$need" ]; then
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "missing packages:$need (run as root, or install them)" >&2
+    exit 1
+  fi
+  echo "installing:$need"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq >/dev/null
+  apt-get install -y -qq $need >/dev/null
+fi

@@ -2,7 +2,8 @@
 // runs the serving code of the ml_ library, in the foreground (for a
 // service manager) or detached (returning once the service is published);
 // with --stop it ends the running service, unless live processes hold
-// interests in it and --force was not given.
+// interests in it and --force was not given. With SFL_CLUSTER_ETCD set it
+// serves one host of several sharing a store (monitor_etcd.h).
 #include <chrono>
 #include <csignal>
 #include <cerrno>
@@ -14,8 +15,12 @@
 #include <unistd.h>
 #include <vector>
 
+#include <curl/curl.h>
+
 #include "ml.h"
+#include "ml_cluster.h"
 #include "ml_keep.h"
+#include "monitor_etcd.h"
 
 namespace {
 
@@ -41,7 +46,11 @@ void usage(std::FILE* out) {
                "\n"
                "SIGTERM or SIGINT stops the service; it removes its queues and state. The\n"
                "interests held are kept in the run directory (sfl-monitor.interests.N), and\n"
-               "a service started again there takes over those of processes still alive.\n");
+               "a service started again there takes over those of processes still alive.\n"
+               "\n"
+               "Several hosts sharing a store: SFL_CLUSTER_ETCD (comma-separated etcd client\n"
+               "URLs), SFL_CLUSTER_NAME (key prefix, default sfl), SFL_CLUSTER_HOST (default\n"
+               "the host name), SFL_CLUSTER_LEASE_SECONDS (default 10).\n");
 }
 
 bool number(const char* text, long lo, long hi, long* out) {
@@ -164,7 +173,22 @@ int main(int argc, char** argv) {
                  running.MainPid);
     return 1;
   }
-  if (foreground) return ml_RunService(opts);
+  ClusterConfig cluster;
+  std::string why;
+  if (!ReadClusterConfig(&cluster, &why)) {
+    std::fprintf(stderr, "sfl-monitor: %s\n", why.c_str());
+    return 2;
+  }
+  if (foreground) {
+    if (cluster.Urls.empty()) return ml_RunService(opts);
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    std::fprintf(stderr, "sfl-monitor: serving host %s of cluster %s (%zu etcd member(s), lease %d s)\n",
+                 cluster.Host.c_str(), cluster.Name.c_str(), cluster.Urls.size(), cluster.LeaseSeconds);
+    EtcdCluster etcd(cluster);
+    const int code = ml_RunClusterService(opts, &etcd);
+    curl_global_cleanup();
+    return code;
+  }
   // Detached, the service is this same program run again in the foreground.
   char self[4096];
   const ssize_t len = readlink("/proc/self/exe", self, sizeof self - 1);

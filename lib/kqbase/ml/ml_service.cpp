@@ -22,6 +22,9 @@
 // (boundedly) for the replies already sent to be taken before it removes the
 // queues, so that no client asks the next service again for what this one
 // already recorded.
+//
+// With a cluster (ml_cluster.h) each serving process also tells the other
+// hosts what this host holds and folds what they hold into its answers.
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -47,6 +50,7 @@
 #include "er.h"
 #include "le.h"
 #include "ml.h"
+#include "ml_cluster.h"
 #include "ml_interest.h"
 #include "ml_keep.h"
 #include "os.h"
@@ -110,6 +114,7 @@ struct Server {
   int64_t nextSweepMs = 0;
   uint64_t malformed = 0;
   uint64_t dropped = 0;
+  ml_ClusterView* cluster = nullptr;  // null: this host alone
 
   explicit Server(size_t maxEntries) : table(maxEntries, pidAlive, ml_ProcessStart) {}
 };
@@ -129,6 +134,7 @@ void restore(Server& s, const std::vector<ml_Saved>& saved, const std::string& p
             path.c_str(), std::strerror(errno));
   }
   if (!saved.empty()) logLine("pair %d: %zu interest(s) of live processes taken over", s.pair, saved.size());
+  if (s.cluster != nullptr) s.cluster->Adopt(saved);
 }
 
 // The routing of the clients: pair SubDomain mod pair count.
@@ -239,12 +245,15 @@ void handle(Server& s, const uint8_t* msg, ssize_t len) {
   if (type == ML_MSG_TICK) return;
   uint8_t reply[16];
   int32_t pid = 0;
-  const size_t replyLen = ml_AnswerRequest(s.table, msg, static_cast<size_t>(len), &pid, reply);
+  const size_t replyLen = s.cluster != nullptr
+                              ? s.cluster->Answer(s.table, msg, static_cast<size_t>(len), &pid, reply)
+                              : ml_AnswerRequest(s.table, msg, static_cast<size_t>(len), &pid, reply);
   if (replyLen == 0) {
     noteMalformed(s, type, len);
     return;
   }
   sendReply(s, pid, reply, replyLen);
+  if (s.cluster != nullptr) s.cluster->AfterReply();
   if (s.requesters.size() < kMaxRequesters) s.requesters.insert(pid);
   PairStats& ps = s.shared->pairs[s.pair];
   ps.entries.store(heldBy(s));
@@ -254,6 +263,7 @@ void handle(Server& s, const uint8_t* msg, ssize_t len) {
 void sweep(Server& s) {
   size_t gone = s.table.Sweep();
   if (gone > 0) logLine("pair %d: dropped %zu interests of ended processes", s.pair, gone);
+  if (s.cluster != nullptr) s.cluster->Sweep(s.table);
   // Replies left for processes that have ended would only fill the queue.
   for (int32_t pid : s.requesters)
     if (!pidAlive(pid)) purgeRepliesFor(s.replyQueue, pid);
@@ -301,6 +311,7 @@ void serve(Server& s, KeepGoing keepGoing) {
     }
     if (tick || now >= nextCheck) {
       nextCheck = now + kTickMs;
+      if (s.cluster != nullptr) s.cluster->Tick();
       if (!keepGoing()) return;
     }
   }
@@ -384,7 +395,9 @@ void stopChild(pid_t pid) {
 
 }  // namespace
 
-int ml_RunService(const ml_ServiceOptions& opts) {
+int ml_RunService(const ml_ServiceOptions& opts) { return ml_RunClusterService(opts, nullptr); }
+
+int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
   g_stop = 0;
   std::signal(SIGTERM, onStopSignal);
   std::signal(SIGINT, onStopSignal);
@@ -471,6 +484,11 @@ int ml_RunService(const ml_ServiceOptions& opts) {
       s.requestQueue = queues[2 * i];
       s.replyQueue = queues[2 * i + 1];
       s.shared = shared;
+      ml_ClusterView view(cluster);
+      if (cluster != nullptr) {
+        cluster->Begin(i);
+        s.cluster = &view;
+      }
       restore(s, shares[static_cast<size_t>(i)], ml_KeepPath(dir, i));
       shared->pairs[i].entries.store(heldBy(s));
       serve(s, [&] { return pidAlive(mainPid); });
@@ -507,6 +525,11 @@ int ml_RunService(const ml_ServiceOptions& opts) {
     s.requestQueue = queues[0];
     s.replyQueue = queues[1];
     s.shared = shared;
+    ml_ClusterView view(cluster);
+    if (cluster != nullptr) {
+      cluster->Begin(0);
+      s.cluster = &view;
+    }
     restore(s, shares[0], ml_KeepPath(dir, 0));
     shared->pairs[0].entries.store(heldBy(s));
     serve(s, [&] {

@@ -10,6 +10,9 @@
 // Replies come on the pair's reply queue with the requester's pid as type:
 //   record 16 bytes: token, other, count, -; withdraw and check 12 bytes:
 //   count, other, -.
+// A service serving several hosts that cannot make the record known to
+// the others puts the reason 380 in the record reply's unused last word:
+// the record is refused (nothing was kept) and raised as such.
 #include <cerrno>
 #include <cstring>
 #include <sys/ipc.h>
@@ -114,7 +117,7 @@ void putRef(uint8_t* p, uint16_t domain, uint16_t flags, uint32_t subDomain, uin
 }
 
 struct Answer {
-  uint32_t w0 = 0, w1 = 0, w2 = 0;
+  uint32_t w0 = 0, w1 = 0, w2 = 0, w3 = 0;
 };
 
 // Set from a request's send until its reply is in hand: a reply that an
@@ -160,6 +163,7 @@ Answer exchangeOn(int32_t requestQueue, int32_t replyQueue, const uint8_t* text,
   a.w0 = sfl_GetU32(reply + 4);
   a.w1 = sfl_GetU32(reply + 8);
   a.w2 = sfl_GetU32(reply + 12);
+  if (replyLen == ML_RECORD_REPLY_LEN) a.w3 = sfl_GetU32(reply + 16);
   return a;
 }
 
@@ -190,7 +194,9 @@ Answer record(const sfl_ItemRef& ref, uint16_t wireFlags) {
   uint8_t text[ML_RECORD_LEN] = {};
   putRef(text, ref.Domain, wireFlags, ref.SubDomain, ref.FileId, ref.Name);
   sfl_PutU32(text + 16, static_cast<uint32_t>(os_getpid()));
-  return exchange(ref, text, sizeof text, ML_MSG_RECORD, ML_RECORD_REPLY_LEN);
+  Answer a = exchange(ref, text, sizeof text, ML_MSG_RECORD, ML_RECORD_REPLY_LEN);
+  if (a.w3 == ML_R_NOT_AVAILABLE) ER_RAISE(ER_GROUP_MONIT, ML_R_NOT_AVAILABLE);
+  return a;
 }
 
 Answer withdraw(const sfl_ItemRef& ref, uint16_t wireFlags, uint32_t token) {

@@ -1,0 +1,307 @@
+// monitor_etcd: the etcd client of the service (see monitor_etcd.h).
+#include "monitor_etcd.h"
+
+#include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <thread>
+#include <unistd.h>
+
+#include <curl/curl.h>
+#include <nlohmann/json.hpp>
+
+#include "cust.h"
+
+namespace {
+
+using nlohmann::json;
+
+constexpr long kConnectMs = 500;   // a member that does not take the connection by then is down
+constexpr long kRequestMs = 1500;  // one without a quorum does not answer by then
+constexpr int kRetryPauseMs = 100;
+constexpr int kRecoverEveryMs = 1000;  // between tries to come back, while lost
+
+int64_t nowMs() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+void logLine(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+void logLine(const char* fmt, ...) {
+  char text[512];
+  va_list ap;
+  va_start(ap, fmt);
+  std::vsnprintf(text, sizeof text, fmt, ap);
+  va_end(ap);
+  char stamp[32];
+  std::time_t t = std::time(nullptr);
+  std::tm tmv;
+  gmtime_r(&t, &tmv);
+  std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", &tmv);
+  std::fprintf(stderr, "%s sfl-monitor[%d] %s\n", stamp, static_cast<int>(getpid()), text);
+  std::fflush(stderr);
+}
+
+std::string base64(const std::string& in) {
+  static const char* digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string out;
+  size_t i = 0;
+  for (; i + 2 < in.size(); i += 3) {
+    const uint32_t v = (uint8_t(in[i]) << 16) | (uint8_t(in[i + 1]) << 8) | uint8_t(in[i + 2]);
+    for (int s = 18; s >= 0; s -= 6) out += digits[(v >> s) & 63];
+  }
+  if (i + 1 == in.size()) {
+    const uint32_t v = uint8_t(in[i]) << 16;
+    out += digits[(v >> 18) & 63];
+    out += digits[(v >> 12) & 63];
+    out += "==";
+  } else if (i + 2 == in.size()) {
+    const uint32_t v = (uint8_t(in[i]) << 16) | (uint8_t(in[i + 1]) << 8);
+    out += digits[(v >> 18) & 63];
+    out += digits[(v >> 12) & 63];
+    out += digits[(v >> 6) & 63];
+    out += '=';
+  }
+  return out;
+}
+
+size_t collect(char* data, size_t size, size_t n, void* to) {
+  static_cast<std::string*>(to)->append(data, size * n);
+  return size * n;
+}
+
+std::vector<std::string> splitUrls(const std::string& text) {
+  std::vector<std::string> urls;
+  size_t start = 0;
+  while (start <= text.size()) {
+    size_t comma = text.find(',', start);
+    if (comma == std::string::npos) comma = text.size();
+    std::string u = text.substr(start, comma - start);
+    while (!u.empty() && u.back() == '/') u.pop_back();
+    if (!u.empty()) urls.push_back(u);
+    start = comma + 1;
+  }
+  return urls;
+}
+
+}  // namespace
+
+bool ReadClusterConfig(ClusterConfig* out, std::string* why) {
+  ClusterConfig c;
+  const char* urls = cust_GetCustomiseInfo("SFL_CLUSTER_ETCD");
+  if (urls == nullptr || *urls == '\0') {
+    *out = c;
+    return true;
+  }
+  c.Urls = splitUrls(urls);
+  if (c.Urls.empty()) {
+    *why = "SFL_CLUSTER_ETCD names no URL";
+    return false;
+  }
+  if (const char* v = cust_GetCustomiseInfo("SFL_CLUSTER_NAME"); v != nullptr && *v != '\0') c.Name = v;
+  if (const char* v = cust_GetCustomiseInfo("SFL_CLUSTER_HOST"); v != nullptr && *v != '\0') {
+    c.Host = v;
+  } else {
+    char name[256] = {};
+    if (gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') {
+      *why = "no SFL_CLUSTER_HOST and no host name";
+      return false;
+    }
+    c.Host = name;
+  }
+  if (c.Host.find('/') != std::string::npos || c.Name.empty()) {
+    *why = "SFL_CLUSTER_HOST may not hold '/', SFL_CLUSTER_NAME may not be empty";
+    return false;
+  }
+  if (const char* v = cust_GetCustomiseInfo("SFL_CLUSTER_LEASE_SECONDS"); v != nullptr && *v != '\0') {
+    char* end = nullptr;
+    const long n = std::strtol(v, &end, 10);
+    if (*end != '\0' || n < 2 || n > 3600) {
+      *why = "SFL_CLUSTER_LEASE_SECONDS must be 2 to 3600";
+      return false;
+    }
+    c.LeaseSeconds = static_cast<int>(n);
+  }
+  // A record waits at most a third of the lease: the keep-alive of the
+  // same process must not be held up long enough to lose the lease.
+  c.RecordWaitMs = c.LeaseSeconds * 1000 / 3;
+  if (c.RecordWaitMs > 3000) c.RecordWaitMs = 3000;
+  *out = c;
+  return true;
+}
+
+EtcdCluster::EtcdCluster(ClusterConfig config) : config_(std::move(config)) {}
+
+EtcdCluster::~EtcdCluster() {
+  if (curl_ != nullptr) curl_easy_cleanup(static_cast<CURL*>(curl_));
+}
+
+std::string EtcdCluster::KeyOf(const ml_RefKey& ref) const { return PrefixOf(ref) + config_.Host; }
+
+std::string EtcdCluster::PrefixOf(const ml_RefKey& ref) const {
+  static const char* hex = "0123456789abcdef";
+  std::string key = config_.Name + "/files/";
+  for (uint8_t b : ref) {
+    key += hex[b >> 4];
+    key += hex[b & 15];
+  }
+  return key + "/";
+}
+
+// Posts to the member that answered last, then to each other one; the
+// answer of the first that gives one (HTTP 200), or nothing.
+std::optional<std::string> EtcdCluster::Post(const std::string& path, const std::string& body) {
+  CURL* c = static_cast<CURL*>(curl_);
+  if (c == nullptr) return std::nullopt;
+  for (size_t n = 0; n < config_.Urls.size(); ++n) {
+    const size_t u = (url_ + n) % config_.Urls.size();
+    const std::string url = config_.Urls[u] + path;
+    std::string answer;
+    curl_easy_reset(c);
+    curl_easy_setopt(c, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(c, CURLOPT_POSTFIELDS, body.c_str());
+    curl_easy_setopt(c, CURLOPT_POSTFIELDSIZE, static_cast<long>(body.size()));
+    curl_easy_setopt(c, CURLOPT_CONNECTTIMEOUT_MS, kConnectMs);
+    curl_easy_setopt(c, CURLOPT_TIMEOUT_MS, kRequestMs);
+    curl_easy_setopt(c, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(c, CURLOPT_WRITEFUNCTION, collect);
+    curl_easy_setopt(c, CURLOPT_WRITEDATA, &answer);
+    long status = 0;
+    if (curl_easy_perform(c) == CURLE_OK && curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK &&
+        status == 200) {
+      url_ = u;
+      return answer;
+    }
+  }
+  return std::nullopt;
+}
+
+bool EtcdCluster::Grant(std::string* lease) {
+  auto answer = Post("/v3/lease/grant", json{{"TTL", config_.LeaseSeconds}}.dump());
+  if (!answer) return false;
+  json j = json::parse(*answer, nullptr, false);
+  if (j.is_discarded() || !j.contains("ID") || !j["ID"].is_string()) return false;
+  *lease = j["ID"].get<std::string>();
+  return true;
+}
+
+bool EtcdCluster::Put(const ml_RefKey& ref) {
+  const json body = {{"key", base64(KeyOf(ref))}, {"value", ""}, {"lease", lease_}};
+  return Post("/v3/kv/put", body.dump()).has_value();
+}
+
+void EtcdCluster::Lose(const char* what) {
+  if (!lost_)
+    logLine("pair %d: etcd lost (%s): every file counts as held elsewhere, records wait then fail",
+            pair_, what);
+  lost_ = true;
+  nextRecoverMs_ = 0;
+}
+
+// A fresh lease, every key this process should hold put under it, and only
+// then the old lease revoked (taking whatever it still held that we no
+// longer hold).
+bool EtcdCluster::Recover() {
+  std::string old = lease_;
+  std::string fresh;
+  if (!Grant(&fresh)) return false;
+  lease_ = fresh;
+  for (const ml_RefKey& ref : keys_) {
+    if (!Put(ref)) {
+      lease_ = old;
+      return false;
+    }
+  }
+  if (!old.empty()) Post("/v3/lease/revoke", json{{"ID", old}}.dump());
+  lost_ = false;
+  nextKeepMs_ = nowMs() + config_.LeaseSeconds * 1000 / 3;
+  logLine("pair %d: etcd reachable: host %s, lease %s, %zu reference(s) registered", pair_,
+          config_.Host.c_str(), lease_.c_str(), keys_.size());
+  return true;
+}
+
+void EtcdCluster::Begin(int pair) {
+  pair_ = pair;
+  curl_ = curl_easy_init();
+  lost_ = true;
+  lease_.clear();
+  if (!Recover()) logLine("pair %d: etcd not reachable at start; records wait then fail until it is", pair_);
+}
+
+bool EtcdCluster::Hold(const ml_RefKey& ref) {
+  keys_.insert(ref);
+  const int64_t deadline = nowMs() + config_.RecordWaitMs;
+  for (;;) {
+    if (!lost_) {
+      if (Put(ref)) return true;
+      Lose("put failed");
+    }
+    if (Recover()) return true;  // which put this one too
+    if (nowMs() + kRetryPauseMs >= deadline) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(kRetryPauseMs));
+  }
+  keys_.erase(ref);
+  logLine("pair %d: record refused (reason 380): etcd not reachable within %d ms", pair_,
+          config_.RecordWaitMs);
+  return false;
+}
+
+void EtcdCluster::Adopt(const ml_RefKey& ref) {
+  keys_.insert(ref);
+  if (!lost_ && !Put(ref)) Lose("put failed");
+}
+
+void EtcdCluster::Release(const ml_RefKey& ref) {
+  keys_.erase(ref);
+  if (lost_) return;  // the old lease, revoked on recovery, takes it
+  if (!Post("/v3/kv/deleterange", json{{"key", base64(KeyOf(ref))}}.dump())) Lose("delete failed");
+}
+
+int EtcdCluster::Others(const ml_RefKey& ref) {
+  if (lost_) return -1;
+  const std::string prefix = PrefixOf(ref);
+  std::string end = prefix;
+  end.back() = static_cast<char>(end.back() + 1);
+  // Linearizable (the default): whatever any host put before this read began
+  // is seen.
+  const json body = {{"key", base64(prefix)}, {"range_end", base64(end)}, {"keys_only", true}};
+  auto answer = Post("/v3/kv/range", body.dump());
+  json j = answer ? json::parse(*answer, nullptr, false) : json();
+  if (!answer || j.is_discarded() || !j.is_object() || !j.contains("header")) {
+    Lose("read failed");
+    return -1;
+  }
+  const std::string own = base64(KeyOf(ref));
+  int others = 0;
+  if (j.contains("kvs") && j["kvs"].is_array())
+    for (const json& kv : j["kvs"])
+      if (kv.contains("key") && kv["key"].is_string() && kv["key"].get<std::string>() != own) ++others;
+  return others;
+}
+
+void EtcdCluster::Tick() {
+  const int64_t now = nowMs();
+  if (lost_) {
+    if (now >= nextRecoverMs_) {
+      // Counted from the end of the try: one that waits out its timeouts
+      // must still leave the serving process time to answer in between.
+      if (!Recover()) nextRecoverMs_ = nowMs() + kRecoverEveryMs;
+    }
+    return;
+  }
+  if (now < nextKeepMs_) return;
+  nextKeepMs_ = now + config_.LeaseSeconds * 1000 / 3;
+  auto answer = Post("/v3/lease/keepalive", json{{"ID", lease_}}.dump());
+  if (!answer) {
+    Lose("keep-alive failed");
+    return;
+  }
+  json j = json::parse(*answer, nullptr, false);
+  const bool alive = !j.is_discarded() && j.contains("result") && j["result"].contains("TTL");
+  if (!alive) {
+    Lose("lease expired");
+    Recover();
+  }
+}

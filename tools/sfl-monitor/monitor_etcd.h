@@ -1,0 +1,66 @@
+// monitor_etcd: the service's view of the other hosts of a store, kept in
+// etcd (v3, through its JSON gateway over libcurl).
+//
+// Key `<name>/files/<reference in hex>/<host>` exists while a process on
+// `host` holds the reference; every key of one serving process lives under
+// one lease that the process keeps alive. When etcd cannot be reached (no
+// member answers, or none with a quorum) the process counts as lost: Others
+// answers -1 at once, Hold keeps trying for the bounded time, and the
+// periodic work tries to come back with a fresh lease under which it puts
+// every key it should hold before anything else is answered from etcd.
+#ifndef SFL_MONITOR_ETCD_H
+#define SFL_MONITOR_ETCD_H
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "ml_cluster.h"
+
+struct ClusterConfig {
+  std::vector<std::string> Urls;  // empty: this host alone
+  std::string Name = "sfl";
+  std::string Host;
+  int LeaseSeconds = 10;
+  int RecordWaitMs = 3000;  // how long a record waits for etcd before it is refused
+};
+
+// Reads SFL_CLUSTER_ETCD, SFL_CLUSTER_NAME, SFL_CLUSTER_HOST and
+// SFL_CLUSTER_LEASE_SECONDS; false (with `why`) when one is unusable.
+bool ReadClusterConfig(ClusterConfig* out, std::string* why);
+
+class EtcdCluster : public ml_Cluster {
+ public:
+  explicit EtcdCluster(ClusterConfig config);
+  ~EtcdCluster() override;
+
+  void Begin(int pair) override;
+  bool Hold(const ml_RefKey& ref) override;
+  void Adopt(const ml_RefKey& ref) override;
+  void Release(const ml_RefKey& ref) override;
+  int Others(const ml_RefKey& ref) override;
+  void Tick() override;
+
+ private:
+  std::optional<std::string> Post(const std::string& path, const std::string& body);
+  bool Grant(std::string* lease);
+  bool Put(const ml_RefKey& ref);
+  bool Recover();
+  void Lose(const char* what);
+  std::string KeyOf(const ml_RefKey& ref) const;
+  std::string PrefixOf(const ml_RefKey& ref) const;
+
+  ClusterConfig config_;
+  int pair_ = 0;
+  void* curl_ = nullptr;
+  size_t url_ = 0;          // the member tried first
+  std::string lease_;       // empty: none granted
+  bool lost_ = true;
+  int64_t nextKeepMs_ = 0;
+  int64_t nextRecoverMs_ = 0;
+  std::set<ml_RefKey> keys_;  // what this process should have in etcd
+};
+
+#endif  // SFL_MONITOR_ETCD_H
