@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "im.h"
+#include "ml.h"
 #include "os.h"
 #include "sfl_int.h"
 #include "test_env.h"
@@ -114,6 +115,9 @@ struct Start {
 
 Start Prepare(const Op& op) {
   sfl_SetAllAsync(0);
+  // Every check of a process is a full one, so that an operation makes the
+  // same calls however fast the machine runs it.
+  ml_SetPidCheckWindow(0);
   er_LogMsg(1, "fault loop: %s", op.name);  // the log stays open from here on
   Start s;
   // The first world starts the service; its descriptors are not the run's.

@@ -283,7 +283,7 @@ int64_t nowMicros() {
   return duration_cast<microseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-// Ids found alive by a full check, and when. Within kFullCheckUs of that,
+// Ids found alive by a full check, and when. Within g_fullCheckUs of that,
 // the signal probe alone answers: one system call per check rather than
 // five, at the price of seeing a process that ended in between as a zombie
 // for at most that long (a service that ends also takes its queues down,
@@ -293,7 +293,7 @@ struct Checked {
   int64_t atUs = 0;
 };
 constexpr size_t kChecked = 32;
-constexpr int64_t kFullCheckUs = 100000;
+int64_t g_fullCheckUs = 100000;
 Checked g_checked[kChecked];
 size_t g_nextChecked = 0;
 
@@ -309,7 +309,7 @@ int ml_CheckPid(int32_t pid) {
     return 0;
   }
   const int64_t now = nowMicros();
-  if (known != nullptr && now - known->atUs < kFullCheckUs) return 1;
+  if (known != nullptr && now - known->atUs < g_fullCheckUs) return 1;
   if (isZombie(pid)) {
     if (known != nullptr) *known = Checked{};
     return 0;
@@ -321,6 +321,8 @@ int ml_CheckPid(int32_t pid) {
   *known = Checked{pid, now};
   return 1;
 }
+
+void ml_SetPidCheckWindow(int64_t micros) { g_fullCheckUs = micros; }
 
 void ml_ForgetPidChecks() {
   for (Checked& c : g_checked) c = Checked{};

@@ -103,6 +103,10 @@ int32_t ml_ReadContext(int subsystem, int16_t index);
 int ml_CheckPid(int32_t pid);
 // Forgets the full checks made (the next check of every id is a full one).
 void ml_ForgetPidChecks();
+// How long a full check vouches for an id (microseconds; 100 ms unless set).
+// Tests that count a sequence's calls set it long, so that the count does
+// not depend on how fast the machine ran the sequence.
+void ml_SetPidCheckWindow(int64_t micros);
 
 // ---- starting and running the service --------------------------------------------------
 
