@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include "er.h"
+#include "os_powercut.h"
 
 namespace {
 
@@ -81,6 +82,7 @@ void holdHere(os_Op op) {
 // The fault of any kind, if this call is the one it waits for.
 int enterAny(os_Op op, size_t* maxBytes, size_t len) {
   ++g_total;
+  if (os_pcArmed) os_PcBeforeCall();
   if (g_hold.countdown != 0 && --g_hold.countdown == 0) holdHere(op);
   if (maxBytes != nullptr) ++g_transfers;
   if (g_any.countdown == 0) return 0;
@@ -198,13 +200,16 @@ uint64_t os_SleepAsked() { return g_sleepAsked; }
 
 int os_open(const char* path, int flags, mode_t mode) {
   if (enter(os_Op::Open)) return -1;
+  if (os_pcArmed) os_PcBeforeCreate(path, flags);
   int fd;
   do fd = ::open(path, flags | O_CLOEXEC, mode);
   while (fd < 0 && errno == EINTR);
+  if (os_pcArmed) os_PcAfterCreate(fd >= 0);
   return fd;
 }
 
 int os_close(int fd) {
+  if (os_pcArmed) os_PcClosed(fd);
   if (enter(os_Op::Close)) {
     // A close that fails still releases the descriptor, as close(2) does.
     const int err = errno;
@@ -229,9 +234,11 @@ ssize_t os_write(int fd, const void* buf, size_t len) {
   size_t maxBytes = 0;
   int v = enter(os_Op::Write, &maxBytes, len);
   if (v == 1) return -1;
+  if (os_pcArmed) os_PcBeforeWrite(fd, -1, limit(v, maxBytes, len));
   ssize_t n;
   do n = ::write(fd, buf, limit(v, maxBytes, len));
   while (n < 0 && errno == EINTR);
+  if (os_pcArmed) os_PcAfterWrite(n);
   return n;
 }
 
@@ -249,9 +256,11 @@ ssize_t os_pwrite(int fd, const void* buf, size_t len, off_t off) {
   size_t maxBytes = 0;
   int v = enter(os_Op::Pwrite, &maxBytes, len);
   if (v == 1) return -1;
+  if (os_pcArmed) os_PcBeforeWrite(fd, off, limit(v, maxBytes, len));
   ssize_t n;
   do n = ::pwrite(fd, buf, limit(v, maxBytes, len), off);
   while (n < 0 && errno == EINTR);
+  if (os_pcArmed) os_PcAfterWrite(n);
   return n;
 }
 
@@ -272,16 +281,33 @@ int os_stat(const char* path, struct stat* st) {
 
 int os_fdatasync(int fd) {
   if (enter(os_Op::Fdatasync)) return -1;
-  return ::fdatasync(fd);
+  if (os_pcArmed && os_PcBeforeFlush(fd)) return 0;
+  const int rc = ::fdatasync(fd);
+  if (os_pcArmed && rc == 0) os_PcFlushed(fd);
+  return rc;
 }
 
 int os_fsync(int fd) {
   if (enter(os_Op::Fsync)) return -1;
-  return ::fsync(fd);
+  if (os_pcArmed && os_PcBeforeFlush(fd)) return 0;
+  const int rc = ::fsync(fd);
+  if (os_pcArmed && rc == 0) os_PcFlushed(fd);
+  return rc;
+}
+
+int os_FsyncDir(const char* dir) {
+  const int fd = os_open(dir, O_RDONLY | O_DIRECTORY);
+  if (fd < 0) return -1;
+  const int rc = os_fsync(fd);
+  const int err = errno;
+  os_close(fd);
+  errno = err;
+  return rc;
 }
 
 int os_ftruncate(int fd, off_t len) {
   if (enter(os_Op::Ftruncate)) return -1;
+  if (os_pcArmed) os_PcBeforeTruncate(fd, len);
   return ::ftruncate(fd, len);
 }
 
@@ -289,27 +315,41 @@ int os_fchmod(int fd, mode_t mode) { return ::fchmod(fd, mode); }
 
 int os_rename(const char* from, const char* to) {
   if (enter(os_Op::Rename)) return -1;
-  return ::rename(from, to);
+  if (os_pcArmed) os_PcBeforeRename(from, to);
+  const int rc = ::rename(from, to);
+  if (os_pcArmed) os_PcAfterRename(rc == 0);
+  return rc;
 }
 
 int os_unlink(const char* path) {
   if (enter(os_Op::Unlink)) return -1;
-  return ::unlink(path);
+  if (os_pcArmed) os_PcBeforeRemove(path, false);
+  const int rc = ::unlink(path);
+  if (os_pcArmed) os_PcAfterRemove(rc == 0);
+  return rc;
 }
 
 int os_link(const char* from, const char* to) {
   if (enter(os_Op::Link)) return -1;
-  return ::link(from, to);
+  if (os_pcArmed) os_PcBeforeCreate(to, O_CREAT);
+  const int rc = ::link(from, to);
+  if (os_pcArmed) os_PcAfterCreate(rc == 0);
+  return rc;
 }
 
 int os_mkdir(const char* path, mode_t mode) {
   if (enter(os_Op::Mkdir)) return -1;
-  return ::mkdir(path, mode);
+  const int rc = ::mkdir(path, mode);
+  if (os_pcArmed) os_PcMadeDir(path, rc == 0);
+  return rc;
 }
 
 int os_rmdir(const char* path) {
   if (enter(os_Op::Rmdir)) return -1;
-  return ::rmdir(path);
+  if (os_pcArmed) os_PcBeforeRemove(path, true);
+  const int rc = ::rmdir(path);
+  if (os_pcArmed) os_PcAfterRemove(rc == 0);
+  return rc;
 }
 
 int os_chown(const char* path, uid_t uid, gid_t gid) {
@@ -429,10 +469,14 @@ FILE* os_fopen(const char* path, const char* mode) {
   if (enter(os_Op::Fopen)) return nullptr;
   std::string m(mode);
   m += 'e';  // close-on-exec
-  return std::fopen(path, m.c_str());
+  if (os_pcArmed) os_PcBeforeCreate(path, m.find_first_of("wa") != std::string::npos ? O_CREAT : 0);
+  FILE* f = std::fopen(path, m.c_str());
+  if (os_pcArmed) os_PcAfterCreate(f != nullptr);
+  return f;
 }
 
 int os_fclose(FILE* f) {
+  if (os_pcArmed) os_PcClosed(::fileno(f));
   if (enter(os_Op::Fclose)) {
     std::fclose(f);  // the stream is gone either way; report the failure
     return EOF;
@@ -453,7 +497,15 @@ size_t os_fwrite(const void* buf, size_t size, size_t count, FILE* f) {
   int v = enter(os_Op::Fwrite, &maxBytes, size * count);
   if (v == 1) return 0;
   if (v == 2 && size > 0) count = std::min(count, maxBytes / size);
-  return std::fwrite(buf, size, count, f);
+  if (!os_pcArmed) return std::fwrite(buf, size, count, f);
+  // Armed, the bytes go to the kernel at once, so that the journal holds
+  // what the file holds when the power goes.
+  std::fflush(f);
+  os_PcBeforeWrite(::fileno(f), std::ftell(f), size * count);
+  const size_t put = std::fwrite(buf, size, count, f);
+  std::fflush(f);
+  os_PcAfterWrite(static_cast<ssize_t>(put * size));
+  return put;
 }
 
 int os_fseek(FILE* f, long off, int whence) {
@@ -540,6 +592,7 @@ extern "C" void forgetPidInChild() {
   g_pid = 0;
   g_hold = Hold{};
   g_tellWaits = -1;
+  os_PcForget();
 }
 struct PidCacheRegistrar {
   PidCacheRegistrar() { pthread_atfork(nullptr, nullptr, forgetPidInChild); }

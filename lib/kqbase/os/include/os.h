@@ -77,6 +77,40 @@ const char* os_HoldMetKind();
 // os_usleep writes 'S' before it sleeps. -1 turns it off.
 void os_TellWaits(int tellFd);
 
+// ---- power-cut switch ------------------------------------------------------
+// Armed, os_ keeps a journal of every write and truncation of a regular file
+// under `root` since that file's last flush (os_fdatasync, os_fsync), and of
+// every entry created, removed or renamed under `root` since its directory's
+// last flush (os_FsyncDir, or os_fsync of the directory). At the cut point
+// it leaves the files as a power cut could and ends the process with
+// OS_POWER_CUT_EXIT: every flushed change kept; each unflushed write kept,
+// dropped or torn at 512-byte sectors (a sector not kept past the old end
+// reading as zeros, as on file systems that never show a file stale disk
+// blocks), each unflushed truncation kept or dropped; then
+// unflushed entry changes undone in any combination. `seed` draws the
+// combination: 0 drops every unflushed change, 1 keeps them all. A name
+// removed is first linked into `stashDir` (same file system, outside
+// `root`) so that undoing the removal can bring it back. A forked child
+// starts disarmed.
+enum { OS_POWER_CUT_EXIT = 86 };
+void os_PowerCutArm(const char* root, const char* stashDir, uint64_t seed);
+void os_PowerCutDisarm();
+// The cut comes at the nth flush of a file or directory under the root from
+// now (the flush is not made), or before the nth call of any kind.
+void os_PowerCutAtFlush(uint64_t nth);
+void os_PowerCutAtCall(uint64_t nth);
+// A sector not kept past the old end may hold garbage instead (what a file
+// system that shows stale disk blocks leaves).
+void os_PowerCutGarbage(bool on);
+// The nth flush under the root from now is not made, though it reports
+// success: a flush left out, to show what losing it costs.
+void os_PowerCutSkipFlush(uint64_t nth);
+// Flushes under the root since armed, and unflushed changes now.
+uint64_t os_PowerCutFlushes();
+size_t os_PowerCutUnflushed();
+// Cuts the power here.
+[[noreturn]] void os_PowerCutNow();
+
 // ---- descriptors -------------------------------------------------------
 int os_open(const char* path, int flags, mode_t mode = 0);
 int os_close(int fd);
@@ -90,6 +124,9 @@ int os_stat(const char* path, struct stat* st);
 int os_fdatasync(int fd);
 int os_fsync(int fd);
 int os_ftruncate(int fd, off_t len);
+// Flushes a directory, so that the entries created, removed or renamed in it
+// survive a power cut (counted as an open, an fsync and a close).
+int os_FsyncDir(const char* dir);
 // Sets a file's permission bits exactly (the process umask does not apply).
 int os_fchmod(int fd, mode_t mode);
 int os_rename(const char* from, const char* to);
