@@ -217,12 +217,14 @@ TEST(ImFiles, DirectoriesAreMadeOnlyWhenMissing) {
     close(fd);
     const bool newDir = subDomains.insert(again.SubDomain).second;
     // A directory already there costs nothing; a new one under the
-    // existing store costs one mkdir and a second open.
+    // existing store costs one mkdir, a second open and the flush of its
+    // parent (an open of the parent and an fsync).
     mkdirs += os_CallCount(os_Op::Mkdir);
     opens += os_CallCount(os_Op::Open);
     EXPECT_EQ(newDir ? 1u : 0u, os_CallCount(os_Op::Mkdir)) << again.SubDomain;
+    EXPECT_EQ(newDir ? 1u : 0u, os_CallCount(os_Op::Fsync)) << again.SubDomain;
   }
-  EXPECT_EQ(20u + mkdirs, opens);
+  EXPECT_EQ(20u + 2 * mkdirs, opens);
   setenv("SFL_STORE_ROOT", sfltest::StoreRoot().c_str(), 1);
 }
 

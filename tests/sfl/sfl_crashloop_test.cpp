@@ -22,6 +22,7 @@
 // left with no items.
 //
 // SFL_CRASH_KILLS sets the number of rounds (100 here; make soak runs more).
+// The same workload also runs with a power cut in place of the kill.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -42,6 +43,7 @@
 #include <thread>
 #include <vector>
 
+#include "os.h"
 #include "sfl_int.h"
 #include "test_env.h"
 #include "test_util.h"
@@ -593,13 +595,18 @@ void DropRemovedContainers(Model& m) {
           m.end());
 }
 
-int Rounds() {
-  const char* v = std::getenv("SFL_CRASH_KILLS");
-  const int n = v != nullptr ? std::atoi(v) : 100;
-  return n > 0 ? n : 100;
+int Rounds(const char* var, int fallback) {
+  const char* v = std::getenv(var);
+  const int n = v != nullptr ? std::atoi(v) : fallback;
+  return n > 0 ? n : fallback;
 }
 
-TEST(CrashLoop, KilledWorkersLeaveRepairableContainersAndEveryCompletedStore) {
+// How a worker stops: killed at a random moment, or by a power cut at a
+// random flush (under "SFL_ALL_SYNC_IO", so that every operation it reported
+// done was flushed before it said so).
+enum class Stop { Kill, PowerCut };
+
+void RunRounds(Stop stop, int rounds) {
   Model m;
   for (uint32_t i = 0; i < 3; ++i) {
     Container c;
@@ -616,9 +623,10 @@ TEST(CrashLoop, KilledWorkersLeaveRepairableContainersAndEveryCompletedStore) {
     m.push_back(c);
   }
   CloseColdFiles();
+  const std::string stash = sfltest::TestDir() + "/powercut-stash";
+  std::filesystem::create_directories(stash);
 
-  const int rounds = Rounds();
-  std::mt19937 rng(20261123);
+  std::mt19937 rng(stop == Stop::Kill ? 20261123 : 20261124);
   int kills = 0, killedMidOp = 0, unknown = 0, workerOps = 0;
   for (int round = 0; round < rounds; ++round) {
     if (m.empty()) {
@@ -637,8 +645,16 @@ TEST(CrashLoop, KilledWorkersLeaveRepairableContainersAndEveryCompletedStore) {
     int fds[2];
     ASSERT_EQ(0, pipe(fds));
     const uint32_t seed = rng();
+    const uint64_t cutAt = std::uniform_int_distribution<uint64_t>(1, 400)(rng);
+    const uint64_t draw = rng() % 4 == 0 ? 0 : rng();
     const int pid = sfltest::StartChild([&]() -> int {
       close(fds[0]);
+      if (stop == Stop::PowerCut) {
+        setenv("SFL_ALL_SYNC_IO", "1", 1);
+        sfl_ResetSyncConfig();
+        os_PowerCutArm(sfltest::StoreRoot().c_str(), stash.c_str(), draw);
+        os_PowerCutAtFlush(cutAt);
+      }
       Worker w(m, fds[1], seed);
       try {
         w.Run();
@@ -648,11 +664,14 @@ TEST(CrashLoop, KilledWorkersLeaveRepairableContainersAndEveryCompletedStore) {
       return 1;
     });
     close(fds[1]);
-    const int delayUs = std::uniform_int_distribution<int>(0, 40000)(rng);
-    std::this_thread::sleep_for(std::chrono::microseconds(delayUs));
-    kill(pid, SIGKILL);
+    if (stop == Stop::Kill) {
+      const int delayUs = std::uniform_int_distribution<int>(0, 40000)(rng);
+      std::this_thread::sleep_for(std::chrono::microseconds(delayUs));
+      kill(pid, SIGKILL);
+    }
     const int status = sfltest::WaitChild(pid);
-    ASSERT_EQ(128 + SIGKILL, status) << "the worker stopped by itself in round " << round;
+    ASSERT_EQ(stop == Stop::Kill ? 128 + SIGKILL : OS_POWER_CUT_EXIT, status)
+        << "the worker stopped by itself in round " << round;
     ++kills;
 
     Tracker t(m);
@@ -677,13 +696,29 @@ TEST(CrashLoop, KilledWorkersLeaveRepairableContainersAndEveryCompletedStore) {
     const std::vector<std::string> faults = Verify(m, unknown);
     std::string text;
     for (const std::string& f : faults) text += f + "\n";
-    ASSERT_TRUE(faults.empty()) << "round " << round << ":\n" << text << "repair said:\n" << repair.out;
+    ASSERT_TRUE(faults.empty()) << "round " << round << " (cut at flush " << cutAt << ", draw " << draw
+                                << "):\n" << text << "repair said:\n" << repair.out;
+    std::error_code ec;
+    std::filesystem::remove_all(stash, ec);
+    std::filesystem::create_directories(stash, ec);
   }
-  std::printf("crash loop: %d kills (%d in the middle of an operation), %d operations completed, "
+  std::printf("%s: %d %s (%d in the middle of an operation), %d operations completed, "
               "%d containers left by a creation cut short\n",
-              kills, killedMidOp, workerOps, unknown);
+              stop == Stop::Kill ? "crash loop" : "power-cut workload", kills,
+              stop == Stop::Kill ? "kills" : "power cuts", killedMidOp, workerOps, unknown);
   EXPECT_EQ(rounds, kills);
   EXPECT_GT(workerOps, 0);
+}
+
+TEST(CrashLoop, KilledWorkersLeaveRepairableContainersAndEveryCompletedStore) {
+  RunRounds(Stop::Kill, Rounds("SFL_CRASH_KILLS", 100));
+}
+
+// The same workload with the power cut instead of the kill: what the disk
+// kept of the unflushed writes and directory changes is drawn at random
+// (or all of it lost). SFL_POWERCUT_ROUNDS sets the number of rounds.
+TEST(CrashLoop, PowerCutsUnderAllSyncKeepEveryCompletedOperation) {
+  RunRounds(Stop::PowerCut, Rounds("SFL_POWERCUT_ROUNDS", 60));
 }
 
 }  // namespace

@@ -114,14 +114,26 @@ void ParseNameAndItem(const std::string& s, size_t pos, int reason, sfl_ItemRef*
 // Creates every missing directory of `path` (which must not end in '/'):
 // the deepest first, and its parents only when it says they are missing,
 // so a new directory under an existing one costs one call.
+//
+// A directory made here is flushed into its parent at once: the files later
+// created in it are flushed into it by their first flush (sfl), and that
+// would hold nothing if the directory itself could vanish in a power cut.
+// Directories are made rarely (the first file of a SubDomain), so the cost
+// is one flush per directory made.
 void EnsureDirs(const std::string& path) {
-  if (os_mkdir(path.c_str(), kDirMode) == 0 || errno == EEXIST) return;
   const size_t slash = path.rfind('/');
-  if (errno != ENOENT || slash == std::string::npos || slash == 0)
-    ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
-  EnsureDirs(path.substr(0, slash));
-  if (os_mkdir(path.c_str(), kDirMode) != 0 && errno != EEXIST)
-    ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
+  if (os_mkdir(path.c_str(), kDirMode) != 0) {
+    if (errno == EEXIST) return;
+    if (errno != ENOENT || slash == std::string::npos || slash == 0)
+      ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
+    EnsureDirs(path.substr(0, slash));
+    if (os_mkdir(path.c_str(), kDirMode) != 0) {
+      if (errno == EEXIST) return;
+      ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
+    }
+  }
+  const std::string parent = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+  if (os_FsyncDir(parent.c_str()) != 0) ER_RAISE_MSG(ER_GROUP_OS, errno, parent.c_str());
 }
 
 // A process-local generator of FileId candidates. It is reseeded when the

@@ -13,7 +13,13 @@
 #include "cust.h"
 #include "os.h"
 
-uint32_t mdc_time() { return static_cast<uint32_t>(std::time(nullptr)); }
+namespace {
+uint32_t g_fixedTime = 0;
+}  // namespace
+
+uint32_t mdc_time() { return g_fixedTime != 0 ? g_fixedTime : static_cast<uint32_t>(std::time(nullptr)); }
+
+void mdc_FixTime(uint32_t seconds) { g_fixedTime = seconds; }
 
 int mdc_close(int fd) { return os_close(fd); }
 

@@ -84,6 +84,8 @@ constexpr Message kMaint[] = {
     {1047, "the unfinished creation was completed: the file is now an empty container"},
     {1048, "the item header at file offset %u belongs to a slot taken for an item but never "
            "written (the storing process stopped first)"},
+    {1049, "the item header at file offset %u is marked deleted but the file header does not "
+           "say a release is pending: its slot would never be released"},
 };
 
 // The storage library's own reasons (group 100, and group 3 for the

@@ -55,7 +55,11 @@ enum sfl_ItemFlag {
   INT_ITEM = 0x04,
   DELETED = 0x08,
   OTHER_LOCKS = 0x10,
-  MEM_FREEMAP = 0x20
+  MEM_FREEMAP = 0x20,
+  /* On disk only: a simple item stored without a source, whose data its
+     storer has not finished writing (cleared, once that data is flushed, by
+     the close of the storing handle). */
+  INCOMPLETE = 0x40
 };
 
 /* Result of sfl_GetSimpleDetails. */

@@ -193,6 +193,9 @@ static uint32_t sfl_InsertNewIndexLevel(sfl_ItemRec* item, uint32_t oldRootOff,
   oldRoot.ParentOff = run;
   WriteRun(item, run, recs);
   Sync(item, SFL_EV_INDEX_WRITTEN);
+  // The new records are on disk before the header points at them: a power
+  // cut keeping the header and not them would lose the whole tree.
+  sfl_FlushBeforeMark(item->BaseRecord, item);
   sfl_WriteAnIndex(item, oldRootOff, oldRoot);
   return base;
 }
@@ -228,6 +231,8 @@ static uint32_t sfl_CreateNewIndexBranch(sfl_ItemRec* item, uint32_t branchOff,
   }
   WriteRun(item, run, recs);
   Sync(item, SFL_EV_INDEX_WRITTEN);
+  // On disk before the branch's entry points at them.
+  sfl_FlushBeforeMark(item->BaseRecord, item);
   *firstBlock = base;
   return run;
 }

@@ -231,6 +231,10 @@ int32_t sfl_CopySimpleItem(int32_t baseHandle, uint32_t headerOffset, int32_t so
     done = CopyIn(rec, buf, sourceFd, sourceOffset, offset, size);
   }
   if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
+  // The data is on disk before the header that makes it an item, so that a
+  // power cut leaves no item or the whole one. A rebuild's new file is
+  // never flushed here (it is flushed whole before it takes the name).
+  sfl_FlushBeforeMark(rec, nullptr);
 
   sfl_NewItemRecord item;
   OpenNewItem(item, rec, baseHandle, nullptr, 0, headerOffset, offset, size, run.Blocks());

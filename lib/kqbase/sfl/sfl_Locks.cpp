@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <string>
 #include <vector>
 
 #include "cust.h"
+#include "im.h"
 #include "os.h"
 #include "sfl_int.h"
 
@@ -169,6 +171,10 @@ void flush(sfl_BaseRec* rec, bool always) {
   rec->StructUnsynced = 0;
   rec->DataUnsynced = 0;
   rec->Unflushed = 0;
+  if (rec->EntryUnflushed != 0) {
+    sfl_FlushEntryOf(sfl_RefOf(*rec));
+    rec->EntryUnflushed = 0;
+  }
 }
 
 bool itemSwitchesOff(const sfl_ItemRec* item) {
@@ -257,6 +263,26 @@ int32_t sfl_flock(int32_t itemHandle, int32_t mode) {
 }
 
 // ---- sync policy --------------------------------------------------------------------
+
+bool sfl_FlushesFile(sfl_BaseRec* rec) {
+  if (g_allAsync == 1 || (rec->FileFlags & ASYNCHRONOUS) != 0) return false;
+  if (!g_configRead) readSyncConfig();
+  return g_allAsync == 0 && rec->Domain != 5;
+}
+
+void sfl_FlushBeforeMark(sfl_BaseRec* rec, sfl_ItemRec* item) {
+  if (sfl_FlushesFile(rec) && rec->UserAsync == 0 && (item == nullptr || itemSwitchesOff(item)))
+    flush(rec, false);
+}
+
+void sfl_FlushEntryOf(const sfl_ItemRef& ref) {
+  char path[4096];
+  im_GetRealFileName(&ref, path, sizeof path);
+  std::string dir(path);
+  const size_t slash = dir.find_last_of('/');
+  dir = slash == std::string::npos ? "." : slash == 0 ? "/" : dir.substr(0, slash);
+  if (os_FsyncDir(dir.c_str()) != 0) ER_RAISE_MSG(ER_GROUP_OS, errno, dir.c_str());
+}
 
 void sfl_ConsiderSync(sfl_BaseRec* rec, sfl_ItemRec* item, int32_t event) {
   if (g_allAsync == 1) return;

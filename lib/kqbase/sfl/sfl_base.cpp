@@ -543,6 +543,7 @@ int32_t sfl_CreateBaseSfl(const sfl_ItemRef* ref, int32_t fd, int32_t flags) {
   }
   rec->FileFlags = fileFlags;
   rec->NewlyCreated = 1;
+  rec->EntryUnflushed = 1;
   const bool single = (fileFlags & SINGLE_FILE) != 0;
 
   sfl_Held header;
@@ -569,6 +570,11 @@ int32_t sfl_CreateBaseSfl(const sfl_ItemRef* ref, int32_t fd, int32_t flags) {
     rec->FreeMapHandle = sfl_IntOpenItem(rec.get(), handle, 0, &rec->FreeMapItem);
   }
   rec.RecordInterest();
+  // No event of the policy's table flushes a file just created; under
+  // "SFL_ALL_SYNC_IO" a creation that returned must survive a power cut
+  // all the same, with its name: event 0 ("any other") flushes there and
+  // nowhere else.
+  sfl_ConsiderSync(rec.get(), nullptr, SFL_EV_CREATED);
   header.Unlock();
   return rec.Commit();
 }
@@ -753,6 +759,11 @@ void sfl_CloseFile(int32_t baseHandle) {
     if (named) {
       const sfl_ItemRef ref = sfl_RefOf(*rec);
       im_UnlinkItem(&ref);
+      // A removal lost in a power cut would bring back a container whose
+      // items were released here; its directory is flushed as the file
+      // would have been. The removal is done either way: a flush that
+      // fails is logged and the close completes.
+      if (sfl_FlushesFile(rec)) sfl_GiveBackQuietly([&] { sfl_FlushEntryOf(ref); });
     }
     use.Release();
   }

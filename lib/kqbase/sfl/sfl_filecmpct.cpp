@@ -472,18 +472,6 @@ void AddOldFlags(int fd, uint32_t bits) {
   WriteAll(fd, raw.data(), raw.size(), 0);
 }
 
-// Makes the rename itself durable.
-void SyncDirectoryOf(const std::string& path) {
-  const size_t slash = path.find_last_of('/');
-  const std::string dir = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-  const int fd = os_open(dir.c_str(), O_RDONLY | O_DIRECTORY);
-  if (fd < 0) ER_RAISE(ER_GROUP_OS, errno);
-  const int rc = os_fsync(fd);
-  const int err = errno;
-  os_close(fd);
-  if (rc != 0) ER_RAISE(ER_GROUP_OS, err);
-}
-
 // Whether this process was told never to flush ("SFL_ALL_ASYNC_IO", or the
 // switch set by sfl_SetAllAsync). The new file is flushed even so before it
 // replaces the old one: without that a crash could leave the name on a file
@@ -708,7 +696,7 @@ sfl_CompactOutcome Compact(const sfl_ItemRef& ref, int heldFd) {
   r.newNamed = false;
   // Before the old file says it was replaced, the replacement's name must
   // hold across a crash.
-  if ((old.Flags & ASYNCHRONOUS) == 0 && !ProcessNeverFlushes()) SyncDirectoryOf(path);
+  if ((old.Flags & ASYNCHRONOUS) == 0 && !ProcessNeverFlushes()) sfl_FlushEntryOf(ref);
 
   // Lands in the old, now nameless file: processes that still hold it learn
   // from this mark that it has been replaced and never rebuild it again.

@@ -380,15 +380,20 @@ void sfl_DeleteItem(int32_t itemHandle) {
     }
     if (!immediate) {
       // Pending: the final close of the file, once no other process holds
-      // it, releases items marked so.
-      sfl_UpdateItemHeader(item, [](sfl_ItemHeader& h) { h.Flags |= DELETED; });
-      item->Flags |= DELETED;
+      // it, releases items marked so. The file says a release is pending
+      // before the item says it is deleted: stopped between the two, the
+      // close finds nothing to release; the other way round the slot would
+      // never be released. (A power cut can keep either unflushed write
+      // without the other; the check finds a deleted item in a file that
+      // does not say so, and the repair marks the file.)
       sfl_FileHeader fh;
       sfl_ReadFileHeader(rec, &fh);
       if ((fh.Flags & ITEM_PEND_DEL) == 0) {
         fh.Flags |= ITEM_PEND_DEL;
         sfl_WriteFileHeader(rec, fh);
       }
+      sfl_UpdateItemHeader(item, [](sfl_ItemHeader& h) { h.Flags |= DELETED; });
+      item->Flags |= DELETED;
     }
   }
   sfl_ConsiderSync(rec, item, SFL_EV_DELETE);

@@ -108,6 +108,11 @@ struct sfl_BaseRec {
   // earlier one.
   uint32_t Unflushed = 1;
   uint32_t NewlyCreated = 0;
+  // The file's name was made by this record's creation and its directory
+  // not flushed since: the first flush of the file flushes the directory
+  // too, so that what the flush makes durable can be found after a power
+  // cut.
+  uint32_t EntryUnflushed = 0;
   uint32_t UserAsync = 0;
   uint32_t MaxItems = 0;
   uint32_t InColdStore = 0;
@@ -683,7 +688,7 @@ sfl_ItemHeader sfl_UpdateItemHeader(sfl_ItemRec* item, Change change) {
 
 // Sync events raised by the library's routines.
 enum sfl_SyncEvent : int32_t {
-  SFL_EV_ATTACH = 1, SFL_EV_DETACH = 2, SFL_EV_CLOSE = 3, SFL_EV_CHANGE_TIME = 4,
+  SFL_EV_CREATED = 0, SFL_EV_ATTACH = 1, SFL_EV_DETACH = 2, SFL_EV_CLOSE = 3, SFL_EV_CHANGE_TIME = 4,
   SFL_EV_ITEM_SLOT = 5, SFL_EV_GET_SPACE = 6, SFL_EV_MAP_MOVED = 7, SFL_EV_MAP_HEADER = 8,
   SFL_EV_STORED = 9, SFL_EV_NEW_ITEM = 10, SFL_EV_INDEX_WRITTEN = 11, SFL_EV_BLOCK_DATA = 12,
   SFL_EV_BLOCK_REMOVED = 13, SFL_EV_FREEMAP_BIT = 14, SFL_EV_FREED = 15,
@@ -692,5 +697,16 @@ enum sfl_SyncEvent : int32_t {
   SFL_EV_BRANCH_WRITTEN = 23, SFL_EV_SLOT_RELEASED = 24, SFL_EV_DELETE = 25, SFL_EV_SYNC = 26,
   SFL_EV_COLD = 27, SFL_EV_COMPACTED = 28
 };
+// Whether this process flushes `rec`'s file at all under the sync policy
+// ("SFL_ALL_ASYNC_IO", the all-async switch, an ASYNCHRONOUS file or one of
+// Domain 5 never are).
+bool sfl_FlushesFile(sfl_BaseRec* rec);
+// Flushes what was written to `rec`'s file before a mark that vouches for
+// it is written, whenever the policy flushes this file and item at all.
+void sfl_FlushBeforeMark(sfl_BaseRec* rec, sfl_ItemRec* item);
+// Flushes the directory that holds the file `ref` names, so that its entry
+// (made, removed or replaced) holds across a power cut.
+void sfl_FlushEntryOf(const sfl_ItemRef& ref);
+
 
 #endif  // SFL_INT_H

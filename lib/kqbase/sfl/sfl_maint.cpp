@@ -716,36 +716,46 @@ int OpenForCheck(const char* path, bool repair) {
 
 // A creation cut short: creation makes the file empty, then writes the
 // header at 0, the item table at 128 and, in a container, the free map at
-// 640, so a process killed in between leaves a file shorter than that
-// structure: empty (or, after a short write, zeros), or a header of a new
-// file, with no slot but the free map's in use, followed by part of the
-// rest. No item can have been stored in such a file. Gives the creation
-// flags when the file is one, nothing otherwise.
+// 640. A process killed in between leaves a prefix of that structure; a
+// power cut before the creation's flush can keep any of the three writes
+// and drop the others (a dropped one reads as zeros, a file extended past
+// it included). So a file no longer than the structure, each of whose
+// bytes is either zero or the byte creation writes there (the free map's
+// change date aside), and which is not the whole structure, is one. No
+// item can have been stored in such a file: a store needs the header and
+// writes a slot of the table. A file of zeros cannot tell its kind: it is
+// completed as a container, which goes at its first final close like any
+// container without items. Gives the creation flags when the file is one,
+// nothing otherwise.
 std::optional<uint32_t> UnfinishedCreation(int fd, uint64_t size) {
   constexpr uint64_t kContainerEnd = SFL_CONTAINER_DATA_OFFSET + SFL_INITIAL_MAP_SIZE;
-  if (size >= kContainerEnd) return std::nullopt;
+  if (size > kContainerEnd) return std::nullopt;
   std::vector<uint8_t> bytes(static_cast<size_t>(size));
   // Read as the check reads: a transfer that comes up short is continued,
   // and one that fails raises, so neither passes for a file of other bytes.
   if (sfl_PReadUpTo(fd, bytes.data(), bytes.size(), 0) != bytes.size()) return std::nullopt;
-  if (size < SFL_FILE_HEADER_SIZE) {
-    if (std::any_of(bytes.begin(), bytes.end(), [](uint8_t b) { return b != 0; })) return std::nullopt;
-    return 0u;
+  constexpr size_t kDateAt = SFL_TABLE_OFFSET + sfl_ih::ChangeDate;
+  for (const uint32_t flags : {0u, uint32_t{SINGLE_FILE}, uint32_t{ASYNCHRONOUS},
+                               uint32_t{SINGLE_FILE | ASYNCHRONOUS}}) {
+    sfl_FileHeader h;
+    std::vector<uint8_t> table, map;
+    sfl_NewFileImage(flags, &h, &table, &map);
+    std::vector<uint8_t> image(h.DataOffset + map.size(), 0);
+    sfl_EncodeFileHeader(h, std::span<uint8_t, SFL_FILE_HEADER_SIZE>(image.data(), SFL_FILE_HEADER_SIZE));
+    std::copy(table.begin(), table.end(), image.begin() + h.TableOffset);
+    std::copy(map.begin(), map.end(), image.begin() + h.DataOffset);
+    if (size > image.size()) continue;
+    bool prefix = true, whole = size == image.size();
+    for (size_t i = 0; i < bytes.size() && prefix; ++i) {
+      if (i >= kDateAt && i < kDateAt + 4 && !map.empty()) continue;
+      prefix = bytes[i] == 0 || bytes[i] == image[i];
+      whole = whole && bytes[i] == image[i];
+    }
+    // The whole structure is a container, whatever another set of flags
+    // would take for zeros.
+    if (prefix) return whole ? std::nullopt : std::optional<uint32_t>(flags);
   }
-  const sfl_FileHeader h =
-      sfl_DecodeFileHeader(std::span<const uint8_t, SFL_FILE_HEADER_SIZE>(bytes.data(), SFL_FILE_HEADER_SIZE));
-  const uint32_t creationFlags = SINGLE_FILE | ASYNCHRONOUS;
-  sfl_FileHeader expected;
-  std::vector<uint8_t> table, map;
-  sfl_NewFileImage(h.Flags & creationFlags, &expected, &table, &map);
-  const bool fresh = h.Magic == expected.Magic && h.Type == expected.Type &&
-                     h.HeaderSize == expected.HeaderSize && h.HeaderVersion == expected.HeaderVersion &&
-                     h.UsedItems == 0 && h.MaxItems == expected.MaxItems &&
-                     (h.Flags & ~creationFlags) == 0 && h.TableOffset == expected.TableOffset &&
-                     h.DataOffset == expected.DataOffset && h.InUseItms == expected.InUseItms;
-  const uint64_t end = uint64_t{expected.DataOffset} + map.size();
-  if (!fresh || size >= end) return std::nullopt;
-  return h.Flags;
+  return std::nullopt;
 }
 
 // Reports a creation cut short and, when repairing, completes it with the
@@ -783,6 +793,14 @@ bool SlotBeingStored(Checker& c, uint64_t loc) {
   sfl_ItemHeaderBytes raw{};
   const bool whole = c.ReadAt(raw.data(), raw.size(), loc) == static_cast<ssize_t>(raw.size());
   return whole && UnwrittenSlot(sfl_DecodeItemHeader(raw), raw);
+}
+
+// Whether the header at `loc` is an item marked deleted.
+bool DeletedItem(Checker& c, uint64_t loc) {
+  sfl_ItemHeaderBytes raw{};
+  if (c.ReadAt(raw.data(), raw.size(), loc) != static_cast<ssize_t>(raw.size())) return false;
+  const sfl_ItemHeader h = sfl_DecodeItemHeader(raw);
+  return h.Magic == SFL_MAGIC && h.Type == SFL_TYPE_ITEM_HEADER && (h.Flags & DELETED) != 0;
 }
 
 // Opens of a name that moved on to another file (a rebuild renamed a new
@@ -895,6 +913,13 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
     // says so with ITEM_PEND_DEL. Its header no longer names any space, so
     // the release gives back its slot and count and frees nothing.
     if (repairSlot && c.MarkedDeleted(loc)) pendingDeletion = true;
+    // A deleted item in a file that does not say a release is pending would
+    // hold its slot and space for ever: the repair marks the file.
+    if (i != 0 && (fh.Flags & ITEM_PEND_DEL) == 0 && !c.MarkedDeleted(loc) && DeletedItem(c, loc)) {
+      Say(1049, U(loc));
+      fault = 1;
+      if (c.repair()) pendingDeletion = true;
+    }
     if (r == kSound) continue;
     fault = 1;
     if (r == kAllZero && repairSlot) {

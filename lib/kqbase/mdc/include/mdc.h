@@ -16,6 +16,9 @@
 
 // Seconds since 1970-01-01 UTC, as a 32-bit count.
 uint32_t mdc_time();
+// Test switch: while `seconds` is not 0, mdc_time returns it, so that two
+// runs of the same work write the same bytes.
+void mdc_FixTime(uint32_t seconds);
 int mdc_close(int fd);
 void mdc_MicroSleep(uint32_t microseconds);
 int mdc_fstat(int fd, struct stat* st);
