@@ -48,7 +48,8 @@ bench: build
 	$(BUILD)/bench/sfl_bench --out bench-results.json
 
 # The long runs of the stress test, the I/O-fault loop with every fault kind,
-# the crash loop and the interleaving loop at every call, then one summary
+# the crash loop (kills and power cuts), the power-cut loop with many draws
+# per cut point and the interleaving loop at every call, then one summary
 # line. soak-ci is the same, bounded to a few minutes, for CI: every fault
 # kind on every operation still, fewer kills, a smaller stress run and a
 # quarter of the interleavings. A loop with a wider mode adds one step to
@@ -67,7 +68,8 @@ soak: build
 	@rm -rf $(SOAK_LOGS)
 	$(SOAK_STEP) stress SFL_STRESS_PROCS=16 SFL_STRESS_OPS=20000 $(BUILD)/tests/stress_test
 	$(SOAK_STEP) faults SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
-	$(SOAK_STEP) crashes SFL_CRASH_KILLS=1000 $(BUILD)/tests/sfl_crashloop_test
+	$(SOAK_STEP) crashes SFL_CRASH_KILLS=1000 SFL_POWERCUT_ROUNDS=1000 $(BUILD)/tests/sfl_crashloop_test
+	$(SOAK_STEP) powercuts SFL_POWERCUT_DRAWS=40 $(BUILD)/tests/sfl_powercut_test
 	$(SOAK_STEP) interleavings SFL_INTERLEAVE_SOAK=1 $(BUILD)/tests/sfl_interleave_test
 	@sh tools/soak-summary.sh $(SOAK_LOGS)
 
@@ -75,7 +77,8 @@ soak-ci: build
 	@rm -rf $(SOAK_LOGS)
 	$(SOAK_STEP) stress SFL_STRESS_PROCS=16 SFL_STRESS_OPS=5000 $(BUILD)/tests/stress_test
 	$(SOAK_STEP) faults SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
-	$(SOAK_STEP) crashes SFL_CRASH_KILLS=300 $(BUILD)/tests/sfl_crashloop_test
+	$(SOAK_STEP) crashes SFL_CRASH_KILLS=300 SFL_POWERCUT_ROUNDS=200 $(BUILD)/tests/sfl_crashloop_test
+	$(SOAK_STEP) powercuts SFL_POWERCUT_DRAWS=10 $(BUILD)/tests/sfl_powercut_test
 	$(SOAK_STEP) interleavings SFL_INTERLEAVE_SOAK=1 GTEST_TOTAL_SHARDS=4 GTEST_SHARD_INDEX=$(SOAK_CI_SHARD) \
 	  GTEST_FILTER='-*/service_restart' $(BUILD)/tests/sfl_interleave_test
 	@sh tools/soak-summary.sh $(SOAK_LOGS)
