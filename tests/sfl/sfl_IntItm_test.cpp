@@ -266,6 +266,37 @@ TEST_F(IntItem, SingleItemFilesRefuseBeforeTakingAnySpace) {
   sfl_CloseItem(p);
 }
 
+TEST_F(IntItem, AHeaderPlaceOnTheFileHeaderTheMapOrAcrossSlotsIsRefusedBeforeAnythingIsTaken) {
+  sfl_ItemRec* parent = Rec(parent_);
+  const uint32_t table = rec_->ITableOff;
+  const sfl_ItemRec* map = rec_->FreeMapItem;
+  ASSERT_NE(map, nullptr);
+  const uint32_t places[] = {
+      3,                                    // inside the file header
+      table,                                // the free map's own slot
+      static_cast<uint32_t>(table + SFL_ITEM_HEADER_SIZE + 5),  // across two user slots
+      map->Offset + 1,                      // the free map's data
+  };
+  const std::vector<uint8_t> head = Raw(0, rec_->DataOff);
+  const std::vector<uint8_t> mapBefore = Map();
+  const int32_t records = sfl_OpenItems().InUseCount();
+  const uint64_t writes = os_CallCount(os_Op::Pwrite);
+  for (uint32_t at : places)
+    EXPECT_EQ(EscapeCodeOf([&] { sfl_GenCreateIntBItem(parent, at, 0); }), Sfl(SFL_R_RANGE)) << at;
+  EXPECT_EQ(os_CallCount(os_Op::Pwrite), writes);
+  EXPECT_EQ(sfl_OpenItems().InUseCount(), records);
+  EXPECT_EQ(Raw(0, rec_->DataOff), head);
+  EXPECT_EQ(Map(), mapBefore);
+
+  // A free user slot and a place inside the parent's data are the caller's.
+  const int32_t inSlot = sfl_GenCreateIntBItem(parent, table + 6 * SFL_ITEM_HEADER_SIZE, 0);
+  EXPECT_EQ(Header(table + 6 * SFL_ITEM_HEADER_SIZE).FileSize, 384u);
+  const int32_t inData = sfl_GenCreateIntBItem(parent, parent->Offset + 64, 0);
+  EXPECT_EQ(Header(parent->Offset + 64).FileSize, 384u);
+  sfl_CloseIntItem(inSlot);
+  sfl_CloseIntItem(inData);
+}
+
 TEST_F(IntItem, AnEmptyRecordThatCannotBeWrittenRaises28851AndTakesNoRecord) {
   const int32_t records = sfl_OpenItems().InUseCount();
   os_ShortNth(os_Op::Pwrite, 2, 100);  // the first write is the map's, the second the record

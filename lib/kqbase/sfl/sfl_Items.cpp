@@ -187,14 +187,16 @@ void sfl_AssociateItemWithBase(int32_t itemHandle) {
   sfl_ItemHandle2Record(itemHandle)->BaseRecord->OpenMode = 1;
 }
 
-// The new item's 64-byte header goes where the caller says, so the place
-// is checked first (28874, before any space is taken): a user slot of the
-// item table (1 and up, on a slot's boundary), or a place in the data area
-// that lies inside the file (a slot of an internal container copied before
-// it) and off the free map. Anywhere else the header would overwrite the
-// file header, the free map's slot or the map itself, straddle two slots,
-// or lengthen the file with a header nothing refers to.
-static void CheckCopyHeaderPlace(sfl_BaseRec* rec, uint32_t headerOffset) {
+// A new item's 64-byte header goes where the caller says, so the place is
+// checked first (28874, before any space is taken): a user slot of the item
+// table (1 and up, on a slot's boundary), or a place in the data area off
+// the free map. Anywhere else the header would overwrite the file header,
+// the free map's slot or the map itself, or straddle two slots. With
+// `insideFile` the place must also lie inside the file as it is (a copied
+// item's header: a slot of an internal container copied before it), so that
+// no header lengthens the file with nothing referring to it; a new blocked
+// item's header may lie in space just taken past the end.
+void sfl_CheckHeaderPlace(sfl_BaseRec* rec, uint32_t headerOffset, bool insideFile) {
   const uint64_t at = headerOffset;
   const uint64_t table = rec->ITableOff;
   const uint64_t tableEnd =
@@ -208,6 +210,7 @@ static void CheckCopyHeaderPlace(sfl_BaseRec* rec, uint32_t headerOffset) {
   const sfl_ItemRec* map = rec->FreeMapItem;
   if (map != nullptr && at < uint64_t{map->Offset} + map->Size && map->Offset < at + SFL_ITEM_HEADER_SIZE)
     SFL_RAISE(SFL_R_RANGE);
+  if (!insideFile) return;
   struct stat st {};
   if (os_fstat(rec->FileDes, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
   if (at + SFL_ITEM_HEADER_SIZE > static_cast<uint64_t>(st.st_size)) SFL_RAISE(SFL_R_RANGE);
@@ -218,7 +221,7 @@ int32_t sfl_CopySimpleItem(int32_t baseHandle, uint32_t headerOffset, int32_t so
   ER_TRACE_PROC("sfl_CopySimpleItem");
   sfl_BaseRec* rec = sfl_Handle2Record(baseHandle);
   sfl_PtrEnsureBaseFileOpen(rec);
-  CheckCopyHeaderPlace(rec, headerOffset);
+  sfl_CheckHeaderPlace(rec, headerOffset, true);
   // The header slot is the caller's; the run is given back on failure.
   sfl_SpaceRun run;
   const uint32_t offset = run.Take(rec, size);
