@@ -70,6 +70,9 @@ std::vector<std::string> SystemsFor(const std::string& w) {
   if (w == "limit") return {"msgq", "msgq-poll", "file", "create", "lock", "pread", "pwrite"};
   // W3 runs sfl twice: with the default cold store and with a tuned one.
   if (w == "W3") return {"sfl", "sfl-cold", "files", "sqlite"};
+  // W1 and W4 empty and make containers all the time: sfl-nopool runs them
+  // with the container pool off.
+  if (w == "W1" || w == "W4") return {"sfl", "sfl-nopool", "files", "sqlite"};
   return {"sfl", "files", "sqlite"};
 }
 
@@ -410,6 +413,15 @@ int Driver(const Options& o) {
     std::printf("\n%s %s, cold store tuned (sfl-cold: SFL_COLD_STORE_SIZE=%s): %.0f ops/s, %.2f of one\n"
                 "file per part (sfl: the default size of 5)\n",
                 sm.workload.c_str(), sm.mode.c_str(), kTunedColdStore, sm.opsPerSec, sm.opsPerSec / files);
+  }
+  for (const auto& sm : summaries) {
+    if (sm.system != "sfl-nopool") continue;
+    double pooled = NAN;
+    for (const auto& o2 : summaries)
+      if (o2.workload == sm.workload && o2.mode == sm.mode && o2.system == "sfl") pooled = o2.opsPerSec;
+    std::printf("\n%s %s, container pool off (sfl-nopool: SFL_CONTAINER_POOL=0): %.0f ops/s; with\n"
+                "the pool (sfl): %.0f ops/s, %.2f times as many\n",
+                sm.workload.c_str(), sm.mode.c_str(), sm.opsPerSec, pooled, pooled / sm.opsPerSec);
   }
   {
     double rt = NAN, rtPoll = NAN, file = NAN, create = NAN, lock = NAN, rd = NAN, wr = NAN;

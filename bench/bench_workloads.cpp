@@ -21,6 +21,11 @@ std::unique_ptr<MessageStore> OpenStore(const std::string& system, const std::st
     TuneColdStore();
     return NewSflStore(dir, d, create);
   }
+  if (system == "sfl-nopool") {
+    // Emptied containers are removed and every new one is a new file.
+    ::setenv("SFL_CONTAINER_POOL", "0", 1);
+    return NewSflStore(dir, d, create);
+  }
   if (system == "files") return NewFilesStore(dir, d, create);
   if (system == "sqlite") return NewSqliteStore(dir, d, create);
   Fail("unknown system %s", system.c_str());

@@ -73,7 +73,7 @@ std::set<std::string> StoreFiles() {
   std::set<std::string> out;
   std::error_code ec;
   for (const auto& e : std::filesystem::recursive_directory_iterator(StoreRoot(), ec))
-    if (e.is_regular_file()) out.insert(e.path().string());
+    if (e.is_regular_file() && e.path().filename().string()[0] != '#') out.insert(e.path().string());
   return out;
 }
 

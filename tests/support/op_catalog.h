@@ -46,7 +46,9 @@ std::vector<std::vector<uint8_t>> ReadSlot(const sfl_ItemRef& ref, uint32_t slot
 World Build();
 // Descriptors open in this process.
 int OpenDescriptors();
-// Regular files under the store root.
+// Regular files under the store root, but for the emptied containers kept
+// for reuse and those on their way in or out ("#pool.N", "#retire.<pid>",
+// "#take.<pid>"): names no reference maps to.
 std::set<std::string> StoreFiles();
 // The number of processes the service counts with an interest in `ref`.
 uint32_t InterestHolders(const sfl_ItemRef& ref);

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "cust.h"
+#include "im_int.h"
 #include "er.h"
 #include "mdc.h"
 #include "os.h"
@@ -159,6 +160,9 @@ uint32_t NextCandidate() {
 }
 
 int CreateUnique(uint16_t domain, sfl_ItemRef* out) {
+  // An emptied container kept in a pool spares the file system a new inode.
+  const int pooled = im_TakePooled(domain, out);
+  if (pooled >= 0) return pooled;
   for (int attempt = 0; attempt < kMaxCreateAttempts; ++attempt) {
     sfl_ItemRef ref{};
     ref.Domain = domain;
@@ -191,6 +195,12 @@ int CreateUnique(uint16_t domain, sfl_ItemRef* out) {
 }
 
 }  // namespace
+
+std::string im_DirPath(const sfl_ItemRef& ref) { return DirOf(ref); }
+
+std::string im_ContainerPath(const sfl_ItemRef& ref) { return ContainerPath(ref); }
+
+uint32_t im_NextFileId() { return NextCandidate(); }
 
 int im_GetNewDataItem(sfl_ItemRef* out) { return CreateUnique(SFL_TYPE_DATA_ITEM, out); }
 

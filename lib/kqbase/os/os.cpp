@@ -321,6 +321,14 @@ int os_rename(const char* from, const char* to) {
   return rc;
 }
 
+int os_RenameNoReplace(const char* from, const char* to) {
+  if (enter(os_Op::Rename)) return -1;
+  if (os_pcArmed) os_PcBeforeRename(from, to);
+  const int rc = ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
+  if (os_pcArmed) os_PcAfterRename(rc == 0);
+  return rc;
+}
+
 int os_unlink(const char* path) {
   if (enter(os_Op::Unlink)) return -1;
   if (os_pcArmed) os_PcBeforeRemove(path, false);

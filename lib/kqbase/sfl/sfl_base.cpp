@@ -758,12 +758,13 @@ void sfl_CloseFile(int32_t baseHandle) {
     sfl_ReleaseBaseInterest(rec);
     if (named) {
       const sfl_ItemRef ref = sfl_RefOf(*rec);
-      im_UnlinkItem(&ref);
       // A removal lost in a power cut would bring back a container whose
       // items were released here; its directory is flushed as the file
       // would have been. The removal is done either way: a flush that
-      // fails is logged and the close completes.
-      if (sfl_FlushesFile(rec)) sfl_GiveBackQuietly([&] { sfl_FlushEntryOf(ref); });
+      // fails is logged and the close completes. The file itself may be
+      // kept for reuse by a later creation (im_RetireItem).
+      const int flushErr = im_RetireItem(&ref, rec->FileDes, sfl_FlushesFile(rec));
+      if (flushErr != 0) sfl_GiveBackQuietly([&] { ER_RAISE(ER_GROUP_OS, flushErr); });
     }
     use.Release();
   }

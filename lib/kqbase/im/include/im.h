@@ -28,7 +28,8 @@
 // SubDomain = FileId % 256 (spreading files over directories and over the
 // interest service's queue pairs), create the file with O_CREAT|O_EXCL and
 // permissions 0660 and retry with another FileId on EEXIST, so that two
-// processes can never be handed the same file.
+// processes can never be handed the same file. Before that, both take an
+// emptied container from a pool when there is one (see im_RetireItem).
 #ifndef KQ_IM_H
 #define KQ_IM_H
 
@@ -57,6 +58,13 @@ int im_CrNewTempItem(sfl_ItemRef* out);
 int im_OpenItem(const sfl_ItemRef* ref);
 // Removes the file a reference names; raises an escape on failure.
 void im_UnlinkItem(const sfl_ItemRef* ref);
+// Removes the container name of an emptied container file whose open
+// descriptor is `fd`, keeping the file in its directory's pool for the next
+// new file when it may (im_pool.cpp), else unlinking it. With `flush`, the
+// removal is flushed into the directory. Raises an escape when the name
+// cannot be removed; returns 0, or the errno of a flush that failed (the
+// name is removed all the same).
+int im_RetireItem(const sfl_ItemRef* ref, int fd, bool flush);
 // Writes the container file's path into `out` and returns the reference's
 // item number (Flags & 7).
 int32_t im_GetRealFileName(const sfl_ItemRef* ref, char* out, size_t outLen);

@@ -130,6 +130,9 @@ int os_FsyncDir(const char* dir);
 // Sets a file's permission bits exactly (the process umask does not apply).
 int os_fchmod(int fd, mode_t mode);
 int os_rename(const char* from, const char* to);
+// The same, but fails with EEXIST instead of replacing an existing `to`
+// (counted and failed as "rename").
+int os_RenameNoReplace(const char* from, const char* to);
 int os_unlink(const char* path);
 int os_link(const char* from, const char* to);
 int os_mkdir(const char* path, mode_t mode);
