@@ -115,6 +115,7 @@ std::string ml_FormatState(const ml_State& st) {
   o << "context " << st.Context.size();
   for (int32_t c : st.Context) o << ' ' << c;
   o << '\n';
+  o << "cpu_latency_us " << st.CpuLatencyUs << '\n';
   o << "end\n";
   return o.str();
 }
@@ -142,6 +143,8 @@ bool ml_ParseState(const std::string& text, ml_State* out) {
       v.resize(static_cast<size_t>(n));
       for (int32_t& x : v)
         if (!(in >> x)) return false;
+    } else if (word == "cpu_latency_us") {
+      if (!(in >> st.CpuLatencyUs)) return false;
     } else if (word == "end") {
       sawEnd = true;
       break;

@@ -53,6 +53,7 @@
 #include "ml_cluster.h"
 #include "ml_interest.h"
 #include "ml_keep.h"
+#include "ml_qos.h"
 #include "os.h"
 
 namespace {
@@ -520,6 +521,7 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
     code = 1;
   } else {
     logLine("serving %d pair(s) in %s, idle limit %d s", pairs, dir.c_str(), opts.IdleSeconds);
+    ml_Qos qos;  // the wake-up floor, held while clients are about
     Server s(opts.MaxEntries);
     s.pair = 0;
     s.requestQueue = queues[0];
@@ -549,13 +551,17 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
         code = 1;
         return false;
       }
+      int64_t entries = 0, last = 0;
+      for (int i = 0; i < pairs; ++i) {
+        entries += shared->pairs[i].entries.load();
+        int64_t a = shared->pairs[i].lastActivityMs.load();
+        if (a > last) last = a;
+      }
+      if (qos.Update(entries > 0 || nowMs() - last < ML_QOS_LINGER_MS)) {
+        st.CpuLatencyUs = qos.HeldUs();
+        ml_PublishState(dir, st, opts.Gid >= 0 ? 0640 : 0600);
+      }
       if (opts.IdleSeconds > 0) {
-        int64_t entries = 0, last = 0;
-        for (int i = 0; i < pairs; ++i) {
-          entries += shared->pairs[i].entries.load();
-          int64_t a = shared->pairs[i].lastActivityMs.load();
-          if (a > last) last = a;
-        }
         if (entries == 0 && nowMs() - last >= int64_t{opts.IdleSeconds} * 1000) {
           logLine("idle for %d s with no interest held; stopping", opts.IdleSeconds);
           return false;

@@ -46,6 +46,7 @@ struct ml_State {
   int32_t MainPid = 0;
   std::vector<int32_t> Additional;  // pids of the additional processes
   std::vector<int32_t> Context;     // context values 0.. (2i request, 2i+1 reply queue)
+  int32_t CpuLatencyUs = -1;        // CPU latency request held (ml_qos.h); -1: none
 };
 
 std::string ml_RunDir();

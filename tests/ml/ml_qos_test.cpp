@@ -1,0 +1,146 @@
+// The service's CPU latency request: held on the configured device while
+// clients are about, with the configured value, said in the state file,
+// and let go once the service has been idle for a while; never taken
+// without the setting; a device that cannot be opened leaves the service
+// serving without one. The device is a plain file here, so the test sees
+// what was written to it and whether the service holds it open.
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+
+#include "ml.h"
+#include "ml_qos.h"
+#include "sfl.h"
+#include "test_env.h"
+#include "test_util.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using sfltest::Eventually;
+using sfltest::RunDir;
+
+std::string Device() { return sfltest::TestDir() + "/cpu_latency"; }
+
+// Whether process `pid` has `path` open.
+bool HoldsOpen(int pid, const std::string& path) {
+  std::error_code ec;
+  for (const auto& e : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec)) {
+    std::error_code rc;
+    if (fs::read_symlink(e.path(), rc).string() == path) return true;
+  }
+  return false;
+}
+
+int32_t StateLatency() {
+  ml_State st;
+  return ml_ReadState(RunDir(), &st) ? st.CpuLatencyUs : -2;
+}
+
+int32_t DeviceValue() {
+  std::ifstream in(Device(), std::ios::binary);
+  int32_t v = -1;
+  in.read(reinterpret_cast<char*>(&v), sizeof v);
+  return in.gcount() == sizeof v ? v : -1;
+}
+
+int StartWith(const char* us, const std::string& device) {
+  if (us != nullptr)
+    ::setenv("SFL_MONITOR_CPU_LATENCY_US", us, 1);
+  else
+    ::unsetenv("SFL_MONITOR_CPU_LATENCY_US");
+  ::setenv("SFL_MONITOR_CPU_LATENCY_DEV", device.c_str(), 1);
+  { std::ofstream touch(Device()); }
+  const int pid = sfltest::StartService();
+  ::unsetenv("SFL_MONITOR_CPU_LATENCY_US");
+  ::unsetenv("SFL_MONITOR_CPU_LATENCY_DEV");
+  return pid;
+}
+
+TEST(ServiceCpuLatency, HeldWhileClientsAreAboutAndLetGoWhenIdle) {
+  const int pid = StartWith("25", Device());
+  ASSERT_GT(pid, 0);
+  EXPECT_FALSE(HoldsOpen(pid, Device())) << "nobody has asked anything yet";
+  EXPECT_EQ(StateLatency(), -1);
+
+  const int32_t base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);  // records an interest
+  EXPECT_TRUE(Eventually([&] { return HoldsOpen(pid, Device()); }, 5));
+  EXPECT_EQ(DeviceValue(), 25);
+  EXPECT_TRUE(Eventually([&] { return StateLatency() == 25; }, 5));
+
+  sfl_CloseFile(base);  // withdraws it; the container goes
+  sfltest::CloseColdFiles();
+  EXPECT_TRUE(Eventually([&] { return !HoldsOpen(pid, Device()); }, 10));
+  EXPECT_TRUE(Eventually([&] { return StateLatency() == -1; }, 5));
+
+  // A new client takes it again.
+  const int32_t again = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+  EXPECT_TRUE(Eventually([&] { return HoldsOpen(pid, Device()); }, 5));
+  sfl_CloseFile(again);
+}
+
+TEST(ServiceCpuLatency, NeverTakenWithoutTheSetting) {
+  const int pid = StartWith(nullptr, Device());
+  ASSERT_GT(pid, 0);
+  const int32_t base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+  // Four checks of the service go by.
+  ::usleep(1200 * 1000);
+  EXPECT_FALSE(HoldsOpen(pid, Device()));
+  EXPECT_EQ(DeviceValue(), -1) << "nothing written";
+  EXPECT_EQ(StateLatency(), -1);
+  sfl_CloseFile(base);
+}
+
+TEST(ServiceCpuLatency, ADeviceThatCannotBeOpenedLeavesTheServiceServing) {
+  const int pid = StartWith("0", sfltest::TestDir() + "/no-such-dir/cpu_latency");
+  ASSERT_GT(pid, 0);
+  const int32_t base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+  ::usleep(1200 * 1000);
+  EXPECT_EQ(StateLatency(), -1);
+  // Still answering: a second container opens and closes.
+  const int32_t other = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+  sfl_CloseFile(other);
+  sfl_CloseFile(base);
+  EXPECT_EQ(::kill(pid, 0), 0);
+}
+
+// The request itself, without a service around it.
+TEST(CpuLatencyRequest, OnlyAValidValueIsEverRequested) {
+  { std::ofstream touch(Device()); }
+  for (const char* bad : {"", "abc", "12x", "-1", "2000001"}) {
+    ::setenv("SFL_MONITOR_CPU_LATENCY_US", bad, 1);
+    ::setenv("SFL_MONITOR_CPU_LATENCY_DEV", Device().c_str(), 1);
+    ml_Qos qos;
+    EXPECT_FALSE(qos.Update(true)) << bad;
+    EXPECT_EQ(qos.HeldUs(), -1) << bad;
+  }
+  ::setenv("SFL_MONITOR_CPU_LATENCY_US", "2000000", 1);
+  ml_Qos qos;
+  EXPECT_TRUE(qos.Update(true));
+  EXPECT_EQ(qos.HeldUs(), 2000000);
+  EXPECT_EQ(DeviceValue(), 2000000);
+  EXPECT_FALSE(qos.Update(true)) << "already held";
+  EXPECT_TRUE(qos.Update(false));
+  EXPECT_EQ(qos.HeldUs(), -1);
+  EXPECT_FALSE(qos.Update(false));
+  ::unsetenv("SFL_MONITOR_CPU_LATENCY_US");
+  ::unsetenv("SFL_MONITOR_CPU_LATENCY_DEV");
+}
+
+TEST(CpuLatencyRequest, ADeviceThatTakesNoValueHoldsNothing) {
+  ::setenv("SFL_MONITOR_CPU_LATENCY_US", "5", 1);
+  // /dev/full opens for writing and refuses every write.
+  ::setenv("SFL_MONITOR_CPU_LATENCY_DEV", "/dev/full", 1);
+  ml_Qos qos;
+  EXPECT_FALSE(qos.Update(true));
+  EXPECT_FALSE(qos.Update(true));
+  EXPECT_EQ(qos.HeldUs(), -1);
+  ::unsetenv("SFL_MONITOR_CPU_LATENCY_US");
+  ::unsetenv("SFL_MONITOR_CPU_LATENCY_DEV");
+}
+
+}  // namespace
