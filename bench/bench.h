@@ -71,6 +71,9 @@ double Now();  // monotonic seconds
 // Bytes the files under `dir` occupy on disk (st_blocks * 512).
 uint64_t DiskBytes(const std::string& dir);
 void MakeDirs(const std::string& dir);
+// Adds the 50th, 99th and 99.9th percentiles of `us` (microseconds) as
+// "lat_<name>_p50", "lat_<name>_p99" and "lat_<name>_p999".
+void AddPercentiles(Figures& f, const std::string& name, std::vector<double> us);
 void RemoveTree(const std::string& dir);
 [[noreturn]] void Fail(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 

@@ -5,10 +5,20 @@
 //              messages, and waking it is part of the cost);
 //   msgq-poll  the same round trip with both sides polling (IPC_NOWAIT) in
 //              a loop, so that neither CPU ever goes idle;
+//   msgq-qos   the msgq round trip with a CPU latency request of 0 held on
+//              /dev/cpu_dma_latency meanwhile (idle processors stay
+//              shallow), as the interest service holds one with
+//              "SFL_MONITOR_CPU_LATENCY_US" set; fails where the device
+//              cannot be opened;
 //   file       open, read and close of one small file (4 KiB);
 //   create     creating a new 4 KiB file (open, write, close) and unlinking
 //              it: what a new container or one file per part costs before
 //              anything else;
+//   im-new     a new container file through the item-reference library
+//              (im_GetNewDataItem), 4 KiB written, then removed the way an
+//              emptied container is (im_RetireItem) with the pool off;
+//   im-pool    the same with the container pool on: the removal keeps
+//              the file and the next new file reuses it;
 //   lock       taking and releasing a record lock on 64 bytes of an open
 //              file (two fcntl calls), as every read-modify-write of a
 //              container's record does;
@@ -19,6 +29,7 @@
 // Each is timed over many repetitions; the figure is operations per second.
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
@@ -29,6 +40,7 @@
 #include <vector>
 
 #include "bench.h"
+#include "im.h"
 
 namespace bench {
 namespace {
@@ -133,6 +145,29 @@ Figures CreateUnlink(const std::string& dir, int rounds) {
   return f;
 }
 
+// New container files made and given up `rounds` times through the
+// item-reference library, with the pool on or off.
+Figures NewAndRetire(const std::string& dir, int rounds, bool pool) {
+  setenv("SFL_STORE_ROOT", (dir + "/store").c_str(), 1);
+  setenv("SFL_CONTAINER_POOL", pool ? "4" : "0", 1);
+  std::vector<uint8_t> buf(4096);
+  FillPayload(buf.data(), static_cast<uint32_t>(buf.size()), 1, 1);
+  double t0 = Now();
+  for (int i = 0; i < rounds; ++i) {
+    sfl_ItemRef ref{};
+    const int fd = im_GetNewDataItem(&ref);
+    if (write(fd, buf.data(), buf.size()) != static_cast<ssize_t>(buf.size())) Fail("short write");
+    im_RetireItem(&ref, fd, false);
+    close(fd);
+  }
+  double t1 = Now();
+  RemoveTree(dir + "/store");
+  Figures f;
+  f["seconds"] = t1 - t0;
+  f["ops"] = rounds;
+  return f;
+}
+
 // A file of 1 MiB to lock, read and write in, removed afterwards.
 class ScratchFile {
  public:
@@ -198,8 +233,20 @@ Figures RunLimit(const std::string& system, const std::string& dir, const Sizes&
   const int rounds = std::max(1000, sizes.readsPerReader * 4);
   if (system == "msgq") return RoundTrips(rounds, false);
   if (system == "msgq-poll") return RoundTrips(rounds, true);
+  if (system == "msgq-qos") {
+    // The request lasts while the descriptor is open: for this run only.
+    const int fd = open("/dev/cpu_dma_latency", O_WRONLY | O_CLOEXEC);
+    const int32_t zero = 0;
+    if (fd < 0 || write(fd, &zero, sizeof zero) != sizeof zero)
+      Fail("no CPU latency request: %s", std::strerror(errno));
+    Figures f = RoundTrips(rounds, false);
+    close(fd);
+    return f;
+  }
   if (system == "file") return OpenReadClose(dir, rounds * 4);
   if (system == "create") return CreateUnlink(dir, std::max(200, rounds / 10));
+  if (system == "im-new") return NewAndRetire(dir, std::max(200, rounds / 10), false);
+  if (system == "im-pool") return NewAndRetire(dir, std::max(200, rounds / 10), true);
   if (system == "lock") return LockUnlock(dir, rounds * 4);
   if (system == "pread") return RecordTransfer(dir, rounds * 4, false);
   if (system == "pwrite") return RecordTransfer(dir, rounds * 4, true);

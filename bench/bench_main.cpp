@@ -65,15 +65,18 @@ struct StraceRun {
 };
 
 std::vector<std::string> SystemsFor(const std::string& w) {
-  if (w == "W2") return {"sfl", "sqlite"};
   if (w == "C1") return {"sfl"};
-  if (w == "limit") return {"msgq", "msgq-poll", "file", "create", "lock", "pread", "pwrite"};
+  if (w == "limit") return {"msgq", "msgq-poll", "msgq-qos", "file", "create", "im-new", "im-pool",
+                             "lock", "pread", "pwrite"};
   // W3 runs sfl twice: with the default cold store and with a tuned one.
-  if (w == "W3") return {"sfl", "sfl-cold", "files", "sqlite"};
+  if (w == "W3") return {"sfl", "sfl-qos", "sfl-cold", "files", "sqlite"};
   // W1 and W4 empty and make containers all the time: sfl-nopool runs them
   // with the container pool off.
-  if (w == "W1" || w == "W4") return {"sfl", "sfl-nopool", "files", "sqlite"};
-  return {"sfl", "files", "sqlite"};
+  // Every sfl run that exchanges with the interest service runs again as
+  // sfl-qos, its service holding a CPU latency request.
+  if (w == "W1" || w == "W4") return {"sfl", "sfl-qos", "sfl-nopool", "files", "sqlite"};
+  if (w == "W2") return {"sfl", "sqlite"};
+  return {"sfl", "sfl-qos", "files", "sqlite"};
 }
 
 // Sizes of the timed runs of a workload. W3 only reads, so the flushing
@@ -237,7 +240,45 @@ struct Summary {
   double maxrssMb = NAN, ratio = NAN;
   double indexRecords = NAN, pwrites = NAN;  // C1: the new tree's records, the rebuild's writes
   Sizes sizes;
+  std::map<std::string, double> latency;  // "lat_*" figures, median over the runs
+  double floorUs = NAN;  // what the run's counted calls must cost, per operation (async sfl runs)
 };
+
+// The floor of one sfl run, in microseconds per operation: every call the
+// library counted, priced at what the `limit` row of the same run measured
+// for it. A message exchange costs a round trip (msgq, or msgq-qos for
+// sfl-qos); a record lock half a take-and-release; an open an open and
+// close of a small file less its read; a rename, unlink or link what
+// creating and removing a file costs beyond an open; a write or truncate
+// a pwrite; any other call a pread (the cheapest call measured). Flushes
+// have no price here, so flushing runs get no floor.
+double FloorUs(const Figures& f, const std::vector<Summary>& summaries, bool qos) {
+  std::map<std::string, double> us;
+  for (const auto& sm : summaries)
+    if (sm.workload == "limit" && sm.opsPerSec > 0) us[sm.system] = 1e6 / sm.opsPerSec;
+  for (const char* k : {"msgq", "msgq-qos", "file", "create", "lock", "pread", "pwrite"})
+    if (us.count(k) == 0) return NAN;
+  if (f.count("ops") == 0 || f.at("ops") <= 0) return NAN;
+  const double open = std::max(us["file"] - us["pread"], us["pread"]);
+  const double entry = std::max(us["create"] - us["file"], us["pread"]);
+  double total = 0;
+  bool any = false;
+  for (const auto& [key, n] : f) {
+    if (key.rfind("os_", 0) != 0) continue;
+    const std::string kind = key.substr(3);
+    any = true;
+    if (kind == "fdatasync" || kind == "fsync") return NAN;
+    if (kind == "malloc" || kind == "msgrcv" || kind == "sleep") continue;
+    double unit = us["pread"];
+    if (kind == "msgsnd") unit = qos ? us["msgq-qos"] : us["msgq"];
+    else if (kind == "lock") unit = us["lock"] / 2;
+    else if (kind == "open") unit = open;
+    else if (kind == "rename" || kind == "unlink" || kind == "link") unit = entry;
+    else if (kind == "pwrite" || kind == "write" || kind == "ftruncate") unit = us["pwrite"];
+    total += n * unit;
+  }
+  return any ? total / f.at("ops") : NAN;
+}
 
 int Driver(const Options& o) {
   std::string base = o.dir;
@@ -301,6 +342,8 @@ int Driver(const Options& o) {
         if (ml_EnsureService(ml_OnDemandOptions()) != 0) Fail("no interest service");
         Sizes ss = StraceSizes(o, s);
         for (const auto& sys : systems) {
+          // sfl-qos starts a service of its own, which strace -f would wait for.
+          if (sys == "sfl-qos") continue;
           StraceRun sr;
           sr.workload = w;
           sr.system = sys;
@@ -329,6 +372,8 @@ int Driver(const Options& o) {
         sm.system = sys;
         sm.sizes = s;
         std::vector<double> ops, own, disk, diskEnd, rss, records, pwrites;
+        std::map<std::string, std::vector<double>> lat;
+        std::vector<double> floors;
         for (const auto& r : runs) {
           if (r.workload != w || r.system != sys || r.mode != sm.mode) continue;
           ++sm.runs;
@@ -348,6 +393,12 @@ int Driver(const Options& o) {
           rss.push_back(r.maxrssKb / 1024.0);
           if (f.count("index_records")) records.push_back(f["index_records"]);
           if (f.count("os_pwrite")) pwrites.push_back(f["os_pwrite"]);
+          for (const auto& [key, v] : f)
+            if (key.rfind("lat_", 0) == 0) lat[key].push_back(v);
+          if (sys.rfind("sfl", 0) == 0) {
+            const double fl = FloorUs(f, summaries, sys == "sfl-qos");
+            if (!std::isnan(fl)) floors.push_back(fl);
+          }
         }
         sm.opsPerSec = Median(ops);
         sm.ownPerOp = Median(own);
@@ -356,6 +407,8 @@ int Driver(const Options& o) {
         sm.maxrssMb = Median(rss);
         sm.indexRecords = Median(records);
         sm.pwrites = Median(pwrites);
+        for (const auto& [key, v] : lat) sm.latency[key] = Median(v);
+        sm.floorUs = Median(floors);
         for (const auto& sr : straces) {
           if (sr.ok && sr.workload == w && sr.system == sys && sr.mode == sm.mode) {
             sm.stracePerOp = (sr.calls - sr.idleCalls) / sr.ops;
@@ -373,6 +426,7 @@ int Driver(const Options& o) {
   // idle time).
   ml_State st;
   if (ml_ReadState(runDir, &st) && st.MainPid > 0) kill(st.MainPid, SIGTERM);
+  if (ml_ReadState(runDir + "-qos", &st) && st.MainPid > 0) kill(st.MainPid, SIGTERM);
   if (ownBase) {
     RemoveTree(base);
   } else {
@@ -380,9 +434,10 @@ int Driver(const Options& o) {
   }
 
   // Table.
-  std::printf("\n%-3s %-5s %-6s %12s %9s %9s %9s %10s %10s %8s %5s\n", "wl", "mode", "system",
-              "ops/s", "sfl/this", "calls/op", "strace/op", "disk/data", "disk/live", "rss MiB",
-              "runs");
+  std::printf("\n%-3s %-5s %-10s %12s %9s %9s %9s %9s %10s %10s %8s %5s\n", "wl", "mode",
+              "system", "ops/s", "sfl/this", "floor/op", "x floor", "calls/op", "disk/data",
+              "disk/live", "rss MiB", "runs");
+  std::vector<std::string> straceCells;
   for (const auto& sm : summaries) {
     auto cell = [](double v, const char* fmt) {
       static char buf[8][32];
@@ -392,12 +447,20 @@ int Driver(const Options& o) {
       else std::snprintf(b, 32, fmt, v);
       return b;
     };
-    std::printf("%-3s %-5s %-6s %12s %9s %9s %9s %10s %10s %8s %2d/%-2d\n", sm.workload.c_str(),
+    const double perOp = sm.opsPerSec > 0 ? 1e6 / sm.opsPerSec : NAN;
+    std::printf("%-3s %-5s %-10s %12s %9s %9s %9s %9s %10s %10s %8s %2d/%-2d\n", sm.workload.c_str(),
                 sm.mode.c_str(), sm.system.c_str(), cell(sm.opsPerSec, "%.0f"),
-                sm.system.rfind("sfl", 0) == 0 ? "" : cell(sm.ratio, "%.2f"), cell(sm.ownPerOp, "%.1f"),
-                cell(sm.stracePerOp, "%.1f"), cell(sm.diskRatio, "%.3f"),
-                cell(sm.diskRatioEnd, "%.3f"), cell(sm.maxrssMb, "%.1f"), sm.runs - sm.failed,
-                sm.runs);
+                sm.system.rfind("sfl", 0) == 0 ? "" : cell(sm.ratio, "%.2f"),
+                cell(sm.floorUs, "%.1f"), cell(perOp / sm.floorUs, "%.2f"), cell(sm.ownPerOp, "%.1f"),
+                cell(sm.diskRatio, "%.3f"), cell(sm.diskRatioEnd, "%.3f"), cell(sm.maxrssMb, "%.1f"),
+                sm.runs - sm.failed, sm.runs);
+    if (!std::isnan(sm.stracePerOp)) straceCells.push_back(sm.workload + " " + sm.mode + " " + sm.system + " " + cell(sm.stracePerOp, "%.1f"));
+  }
+  if (!straceCells.empty()) {
+    std::printf("\nstrace/op (system calls per operation from strace -c -f, untimed pass):");
+    for (size_t i = 0; i < straceCells.size(); ++i)
+      std::printf("%s%s", i % 4 == 0 ? "\n  " : "; ", straceCells[i].c_str());
+    std::printf("\n");
   }
   for (const auto& sm : summaries) {
     if (sm.workload != "C1") continue;
@@ -414,6 +477,37 @@ int Driver(const Options& o) {
                 "file per part (sfl: the default size of 5)\n",
                 sm.workload.c_str(), sm.mode.c_str(), kTunedColdStore, sm.opsPerSec, sm.opsPerSec / files);
   }
+  {
+    bool any = false;
+    for (const auto& sm : summaries) {
+      if (sm.latency.empty()) continue;
+      if (!any) std::printf("\nLatency in microseconds, p50 / p99 / p99.9 (W1: per message of five parts;\nW3: per part read by reference; median of the runs):\n");
+      any = true;
+      std::printf("%-3s %-5s %-10s", sm.workload.c_str(), sm.mode.c_str(), sm.system.c_str());
+      for (const char* op : {"store", "read", "delete"}) {
+        const std::string k = std::string("lat_") + op + "_p";
+        auto it = sm.latency.find(k + "50");
+        if (it == sm.latency.end()) continue;
+        std::printf("  %s %.0f / %.0f / %.0f", op, it->second, sm.latency.at(k + "99"),
+                    sm.latency.at(k + "999"));
+      }
+      std::printf("\n");
+    }
+  }
+  for (const auto& sm : summaries) {
+    if (sm.system != "sfl-qos") continue;
+    double plain = NAN, files = NAN, sqlite = NAN;
+    for (const auto& o2 : summaries) {
+      if (o2.workload != sm.workload || o2.mode != sm.mode) continue;
+      if (o2.system == "sfl") plain = o2.opsPerSec;
+      if (o2.system == "files") files = o2.opsPerSec;
+      if (o2.system == "sqlite") sqlite = o2.opsPerSec;
+    }
+    std::printf("\n%s %s, the service holding a CPU latency request of 0 (sfl-qos): %.0f ops/s,\n"
+                "%.2f of sfl without it, %.2f of one file per part, %.2f of SQLite\n",
+                sm.workload.c_str(), sm.mode.c_str(), sm.opsPerSec, sm.opsPerSec / plain,
+                sm.opsPerSec / files, sm.opsPerSec / sqlite);
+  }
   for (const auto& sm : summaries) {
     if (sm.system != "sfl-nopool") continue;
     double pooled = NAN;
@@ -424,11 +518,15 @@ int Driver(const Options& o) {
                 sm.workload.c_str(), sm.mode.c_str(), sm.opsPerSec, pooled, pooled / sm.opsPerSec);
   }
   {
-    double rt = NAN, rtPoll = NAN, file = NAN, create = NAN, lock = NAN, rd = NAN, wr = NAN;
+    double imNew = NAN, imPool = NAN;
+    double rt = NAN, rtPoll = NAN, rtQos = NAN, file = NAN, create = NAN, lock = NAN, rd = NAN, wr = NAN;
     for (const auto& sm : summaries) {
       if (sm.workload != "limit") continue;
       if (sm.system == "msgq") rt = 1e6 / sm.opsPerSec;
       if (sm.system == "msgq-poll") rtPoll = 1e6 / sm.opsPerSec;
+      if (sm.system == "msgq-qos") rtQos = 1e6 / sm.opsPerSec;
+      if (sm.system == "im-new") imNew = 1e6 / sm.opsPerSec;
+      if (sm.system == "im-pool") imPool = 1e6 / sm.opsPerSec;
       if (sm.system == "file") file = 1e6 / sm.opsPerSec;
       if (sm.system == "create") create = 1e6 / sm.opsPerSec;
       if (sm.system == "lock") lock = 1e6 / sm.opsPerSec;
@@ -441,6 +539,9 @@ int Driver(const Options& o) {
                   "writing, closing and unlinking a 4 KiB file %.1f us; a record lock taken and\n"
                   "released %.2f us; a 384-byte pread %.2f us, pwrite %.2f us\n",
                   rt, rtPoll, file, create, lock, rd, wr);
+      std::printf("the round trip with a CPU latency request of 0 held: %.1f us\n", rtQos);
+      std::printf("a new container file, 4 KiB written and given up: %.1f us made anew,\n"
+                  "%.1f us taken from the container pool\n", imNew, imPool);
     }
   }
   // The figures of the first successful sfl run of a workload and mode

@@ -1,5 +1,6 @@
 // Benchmark helpers: the payload pattern and its checks, time, disk usage
 // and directory handling.
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -105,6 +106,18 @@ void Fail(const char* fmt, ...) {
   std::fprintf(stderr, "\n");
   va_end(ap);
   std::exit(2);
+}
+
+void AddPercentiles(Figures& f, const std::string& name, std::vector<double> us) {
+  if (us.empty()) return;
+  std::sort(us.begin(), us.end());
+  auto at = [&](double q) {
+    size_t i = static_cast<size_t>(q * static_cast<double>(us.size()));
+    return us[i < us.size() ? i : us.size() - 1];
+  };
+  f["lat_" + name + "_p50"] = at(0.50);
+  f["lat_" + name + "_p99"] = at(0.99);
+  f["lat_" + name + "_p999"] = at(0.999);
 }
 
 }  // namespace bench

@@ -4,6 +4,7 @@
 // Every read is verified against the payload it should return.
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <numeric>
 #include <sys/wait.h>
@@ -19,6 +20,16 @@ std::unique_ptr<MessageStore> OpenStore(const std::string& system, const std::st
   if (system == "sfl") return NewSflStore(dir, d, create);
   if (system == "sfl-cold") {
     TuneColdStore();
+    return NewSflStore(dir, d, create);
+  }
+  if (system == "sfl-qos") {
+    // A service of its own that holds a CPU latency request of 0 while
+    // it has clients (the driver's service runs without one).
+    const char* run = std::getenv("SFL_RUN_DIR");
+    const std::string qosRun = (run != nullptr ? std::string(run) : dir + "/run") + "-qos";
+    MakeDirs(qosRun);
+    ::setenv("SFL_RUN_DIR", qosRun.c_str(), 1);
+    ::setenv("SFL_MONITOR_CPU_LATENCY_US", "0", 1);
     return NewSflStore(dir, d, create);
   }
   if (system == "sfl-nopool") {
@@ -74,15 +85,23 @@ Figures RunW1(const std::string& system, Durability d, const std::string& dir, c
   Figures f;
   int64_t calls0 = store->OwnCallCount();
   std::vector<uint64_t> kinds0 = SflCallSnapshot();
+  std::vector<double> storeUs, readUs, deleteUs;
   double t0 = Now();
-  StoreAll(*store, s.messages, in);
+  for (int m = 0; m < s.messages; ++m) {
+    in.Stamp(m);
+    const double a = Now();
+    store->Store(m, in.ptrs);
+    storeUs.push_back((Now() - a) * 1e6);
+  }
   double t1 = Now();
   const int64_t callsStored = store->OwnCallCount();
   if (s.measureDisk) f["disk_after_store"] = static_cast<double>(DiskBytes(dir));
   double t2 = Now();
   const int64_t callsBeforeRead = store->OwnCallCount();
   for (int m : order) {
+    const double a = Now();
     store->Read(m, out.out);
+    readUs.push_back((Now() - a) * 1e6);
     for (int p = 0; p < kPartsPerMessage; ++p) {
       if (!CheckPayload(out.data[p].data(), kPartSizes[p], m, p)) Fail("message %d part %d differs", m, p);
     }
@@ -90,8 +109,16 @@ Figures RunW1(const std::string& system, Durability d, const std::string& dir, c
   double t3 = Now();
   const int64_t callsRead = store->OwnCallCount();
   int deleted = 0;
-  for (int m = 0; m < s.messages; m += 2, ++deleted) store->Delete(m);
+  for (int m = 0; m < s.messages; m += 2, ++deleted) {
+    const double a = Now();
+    store->Delete(m);
+    deleteUs.push_back((Now() - a) * 1e6);
+  }
   double t4 = Now();
+  // Per message (five parts each).
+  AddPercentiles(f, "store", storeUs);
+  AddPercentiles(f, "read", readUs);
+  AddPercentiles(f, "delete", deleteUs);
   int64_t calls1 = store->OwnCallCount();
   if (calls0 >= 0 && s.messages > 0 && deleted > 0) {
     // Per message, by phase: where a part's calls come from.
@@ -99,7 +126,7 @@ Figures RunW1(const std::string& system, Durability d, const std::string& dir, c
     f["calls_read_msg"] = static_cast<double>(callsRead - callsBeforeRead) / s.messages;
     f["calls_delete_msg"] = static_cast<double>(calls1 - callsRead) / deleted;
   }
-  if (system == "sfl") AddSflCallFigures(f, kinds0);
+  if (system.rfind("sfl", 0) == 0) AddSflCallFigures(f, kinds0);
   store.reset();
   if (s.measureDisk) f["disk_end"] = static_cast<double>(DiskBytes(dir));
   if (system == "sfl") AddSflReadProbe(f);
@@ -138,7 +165,7 @@ Figures RunW4(const std::string& system, Durability d, const std::string& dir, c
   for (int m = 0; m < s.messages; ++m) store->DeleteParts(m, stripped);
   double t1 = Now();
   int64_t calls1 = store->OwnCallCount();
-  if (system == "sfl") AddSflCallFigures(f, kinds0);
+  if (system.rfind("sfl", 0) == 0) AddSflCallFigures(f, kinds0);
   // What is left must still read back (untimed).
   std::vector<uint8_t> buf(kPartSizes[kPartsPerMessage - 1]);
   for (int m = 0; m < s.messages; ++m) {
@@ -197,16 +224,25 @@ Figures RunW3(const std::string& system, Durability d, const std::string& dir, c
         if (read(start[0], &go, 1) < 0) _exit(4);
         int64_t calls0 = store->OwnCallCount();
         Rng rng(100 + r);
+        std::vector<double> us;
+        us.reserve(static_cast<size_t>(s.readsPerReader));
         for (int k = 0; k < s.readsPerReader; ++k) {
           int m = static_cast<int>(rng.Below(s.messages));
           int p = static_cast<int>(rng.Below(kPartsPerMessage));
+          const double a = Now();
           uint32_t n = store->ReadPart(m, p, buf.data());
+          us.push_back((Now() - a) * 1e6);
           if (n != kPartSizes[p] || !CheckPayload(buf.data(), n, m, p)) {
             rc = 3;
             break;
           }
         }
         if (calls0 >= 0) calls = store->OwnCallCount() - calls0;
+        // Latencies go through a file: a pipe could fill before the
+        // driver reads it.
+        FILE* lat = std::fopen((dir + "/lat-" + std::to_string(r)).c_str(), "wb");
+        if (lat == nullptr || std::fwrite(us.data(), sizeof(double), us.size(), lat) != us.size()) rc = 5;
+        if (lat != nullptr) std::fclose(lat);
       }
       if (write(results[1], &calls, sizeof calls) != sizeof calls) rc = 4;
       _exit(rc);
@@ -236,6 +272,16 @@ Figures RunW3(const std::string& system, Durability d, const std::string& dir, c
   close(results[0]);
   if (failed != 0) Fail("%d reader(s) failed or read wrong data", failed);
   Figures f;
+  std::vector<double> all;
+  for (int r = 0; r < s.readers; ++r) {
+    const std::string path = dir + "/lat-" + std::to_string(r);
+    FILE* lat = std::fopen(path.c_str(), "rb");
+    double v;
+    while (lat != nullptr && std::fread(&v, sizeof v, 1, lat) == 1) all.push_back(v);
+    if (lat != nullptr) std::fclose(lat);
+    std::remove(path.c_str());
+  }
+  AddPercentiles(f, "read", all);
   f["seconds"] = t1 - t0;
   f["ops"] = static_cast<double>(s.readers) * s.readsPerReader;
   if (known) f["own_calls"] = static_cast<double>(calls);
@@ -287,7 +333,7 @@ Figures RunW2(const std::string& system, Durability d, const std::string& dir, c
     f["calls_read"] = static_cast<double>(callsRead - callsBeforeRead) / s.blocks;
     f["calls_free"] = static_cast<double>(calls1 - callsRead) / frees;
   }
-  if (system == "sfl") AddSflCallFigures(f, kinds0);
+  if (system.rfind("sfl", 0) == 0) AddSflCallFigures(f, kinds0);
   log.reset();
   if (s.measureDisk) f["disk_end"] = static_cast<double>(DiskBytes(dir));
   f["t_store"] = t1 - t0;

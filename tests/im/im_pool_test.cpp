@@ -143,6 +143,49 @@ TEST(ContainerPool, IsBoundedPerDirectory) {
   ::unsetenv("SFL_CONTAINER_POOL");
 }
 
+TEST(ContainerPool, TheSettingIsClampedToItsRange) {
+  ::setenv("SFL_CONTAINER_POOL", "100", 1);
+  for (uint32_t i = 0; i < 66; ++i) {
+    sfl_ItemRef r{};
+    const int fd = MakeFileAt(21, i + 1, "x", &r);
+    EXPECT_EQ(im_RetireItem(&r, fd, false), 0);
+    ::close(fd);
+  }
+  sfl_ItemRef probe{};
+  probe.Domain = SFL_TYPE_DATA_ITEM;
+  probe.SubDomain = 21;
+  EXPECT_EQ(HashNames(DirOf(probe)).size(), 64u) << "at most 64 slots";
+  ::setenv("SFL_CONTAINER_POOL", "-3", 1);
+  sfl_ItemRef r{};
+  const int fd = MakeFileAt(22, 1, "x", &r);
+  EXPECT_EQ(im_RetireItem(&r, fd, false), 0);
+  ::close(fd);
+  EXPECT_TRUE(HashNames(DirOf(r)).empty()) << "below 0 is off";
+  ::unsetenv("SFL_CONTAINER_POOL");
+}
+
+TEST(ContainerPool, APoolFilledByThisProcessIsFoundAgainAmongManyDirectories) {
+  // Twenty directories, one of them twice: the process remembers the
+  // sixteen it filled last (the one filled again counts as filled last),
+  // and finds their files first.
+  std::set<ino_t> pooled;
+  for (uint32_t i = 0; i < 21; ++i) {
+    sfl_ItemRef r{};
+    const int fd = MakeFileAt(100 + (i == 20 ? 10 : i), i + 1, "x", &r);
+    pooled.insert(InodeOf(fd));
+    EXPECT_EQ(im_RetireItem(&r, fd, false), 0);
+    ::close(fd);
+  }
+  int reused = 0;
+  for (int i = 0; i < 16; ++i) {
+    sfl_ItemRef fresh{};
+    const int fd = im_GetNewDataItem(&fresh);
+    if (pooled.count(InodeOf(fd))) ++reused;
+    ::close(fd);
+  }
+  EXPECT_EQ(reused, 16);
+}
+
 TEST(ContainerPool, OffOrTooLargeMeansRemoved) {
   ::setenv("SFL_CONTAINER_POOL", "0", 1);
   sfl_ItemRef a{};
