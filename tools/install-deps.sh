@@ -33,3 +33,19 @@ if [ -n "$need" ]; then
   apt-get update -qq >/dev/null
   apt-get install -y -qq $need >/dev/null
 fi
+
+# The manual pages' check (groff, man).
+need=""
+for p in groff-base man-db; do
+  dpkg -s "$p" >/dev/null 2>&1 || need="$need $p"
+done
+if [ -n "$need" ]; then
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "missing packages:$need (run as root, or install them)" >&2
+    exit 1
+  fi
+  echo "installing:$need"
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -qq >/dev/null
+  apt-get install -y -qq $need >/dev/null
+fi
