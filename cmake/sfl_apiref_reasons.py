@@ -12,8 +12,11 @@ each function's body lies). A raise site is an ER_RAISE/ER_RAISE_MSG with a
 group, an SFL_RAISE, a RaiseOs() (any errno), an SFL_NEED_ARG (EINVAL) or a
 handle table's Take with its full reason. Calls made inside a function whose
 every lambda runs under sfl_GiveBackQuietly (clean-up that absorbs what it
-meets) are not followed through those lambdas. The result is a bound: a
-path may need a damaged file, a full table or a failing service.
+meets) are not followed through those lambdas, nor are raise sites and
+calls inside a try block whose er_Escape handler absorbs every escape (it
+holds no throw, or re-throws only while er_GetLive() after er_Accept). The
+result is a bound: a path may need a damaged file, a full table or a
+failing service.
 """
 import collections
 import glob
@@ -65,6 +68,34 @@ def node(q, tu):
     return '::'.join(parts[-2:])
 
 
+def absorbed_lines(body):
+    """Indexes of the lines of `body` inside a try block whose er_Escape
+    handler absorbs whatever it catches."""
+    text = '\n'.join(body)
+    lines = set()
+    for m in re.finditer(r'\btry\s*\{', text):
+        depth, i = 1, m.end()
+        while depth and i < len(text):
+            depth += {'{': 1, '}': -1}.get(text[i], 0)
+            i += 1
+        try_end = i
+        h = re.match(r'\s*catch\s*\(const er_Escape&[^)]*\)\s*\{', text[try_end:])
+        if not h:
+            continue
+        depth, j = 1, try_end + h.end()
+        while depth and j < len(text):
+            depth += {'{': 1, '}': -1}.get(text[j], 0)
+            j += 1
+        handler = text[try_end:j]
+        rethrow = re.sub(r'er_Accept\([^)]*\);\s*if \(er_GetLive\(\)\) throw;', '', handler)
+        if 'throw' in rethrow:
+            continue
+        first = text.count('\n', 0, m.end())
+        last = text.count('\n', 0, try_end)
+        lines.update(range(first, last + 1))
+    return lines
+
+
 def raise_sites(src):
     """Per function key ("Class::name" or "name"): its raise sites, and the
     set of keys whose lambdas all run under sfl_GiveBackQuietly."""
@@ -75,6 +106,7 @@ def raise_sites(src):
                           capture_output=True, text=True, check=True).stdout
     text = {f: open(f, encoding='utf-8').read().split('\n') for f in files}
     raises, quiet = collections.defaultdict(set), set()
+    inside_only = collections.defaultdict(set)  # key -> names called only in absorbing try blocks
     for line in tags.splitlines():
         t = json.loads(line)
         if t.get('kind') != 'function' or 'end' not in t:
@@ -86,8 +118,14 @@ def raise_sites(src):
         lambdas = [l for l in body if LAMBDA.search(l)]
         if lambdas and all('GiveBackQuietly(' in l for l in lambdas):
             quiet.add(key)
-        for l in body:
-            if l.strip().startswith('//') or '#define' in l:
+        absorbed = absorbed_lines(body)
+        if absorbed:
+            called = lambda ls: set(re.findall(r'\b(~?\w+)\s*\(', '\n'.join(ls)))
+            inner = called(l for n, l in enumerate(body) if n in absorbed)
+            outer = called(l for n, l in enumerate(body) if n not in absorbed)
+            inside_only[key] = inner - outer
+        for n, l in enumerate(body):
+            if l.strip().startswith('//') or '#define' in l or n in absorbed:
                 continue
             for rx, kind in RAISES:
                 for m in rx.finditer(l):
@@ -102,10 +140,10 @@ def raise_sites(src):
                     else:
                         r = ('TABLE', m.group(1))
                     raises[key].add(r)
-    return raises, quiet
+    return raises, quiet, inside_only
 
 
-def call_graph(src, quiet):
+def call_graph(src, quiet, inside_only):
     incs = ['-I' + d for d in glob.glob(os.path.join(src, 'lib/kqbase/*/include'))]
     incs += ['-I' + os.path.join(src, 'lib/kqbase', d) for d in ('sfl', 'ml', 'os')]
     units = sorted(glob.glob(os.path.join(src, 'lib/kqbase/*/*.cpp')))
@@ -130,16 +168,17 @@ def call_graph(src, quiet):
                     holder = node(caller.split('#LAMBDA#')[1].split('::ANONCLS')[0], tu)
                     if holder.split('#')[-1] not in quiet:
                         calls[holder].add(caller)
+                skip = inside_only.get(caller.split('#')[-1], set())
                 for c in clean(m.group(2)).split():
                     n = node(c, tu)
-                    if n and n != caller and '#LAMBDA#' not in n:
+                    if n and n != caller and '#LAMBDA#' not in n and n.split('::')[-1] not in skip:
                         calls[caller].add(n)
     return calls
 
 
 def derive(src):
-    raises, quiet = raise_sites(src)
-    calls = call_graph(src, quiet)
+    raises, quiet, inside_only = raise_sites(src)
+    calls = call_graph(src, quiet, inside_only)
     consts = {}
     for f in glob.glob(os.path.join(src, 'lib/kqbase/sfl/*.cpp')):
         for m in re.finditer(r'constexpr int (k\w+) = (\d+);', open(f, encoding='utf-8').read()):
