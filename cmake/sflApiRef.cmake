@@ -17,7 +17,9 @@ add_custom_command(OUTPUT ${_sfl_man3_pages}
   DEPENDS ${_sfl_ref} ${_sfl_ref_gen} ${PROJECT_SOURCE_DIR}/lib/kqbase/sfl/sfl_c_api.h
   COMMENT "Writing the section 3 manual pages" VERBATIM)
 add_custom_target(sfl_man3 ALL DEPENDS ${_sfl_man3_pages})
-install(FILES ${_sfl_man3_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
+# The family pages and, per function, a one-line page that includes its
+# family's (so "man sfl_OpenItem" works).
+install(DIRECTORY ${_sfl_man3_dir}/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 FILES_MATCHING PATTERN "*.3")
 
 if(SFL_BUILD_TESTS)
   add_test(NAME apiref_complete

@@ -7,7 +7,9 @@ result, the reasons it raises and an example. The table gives the
 signatures, so they are never written twice. Reason names are resolved to
 their numbers from the headers that define them.
 
-  sfl_apiref.py SRC_DIR OUT_DIR VERSION   writes OUT_DIR/<family>.3
+  sfl_apiref.py SRC_DIR OUT_DIR VERSION   writes OUT_DIR/<family>.3, and
+                                          OUT_DIR/<function>.3 as a link
+                                          (.so) to its family's page
   sfl_apiref.py --check SRC_DIR           checks only; exits 1 on a fault
 
 A fault: a table function without its entry or an entry without its table
@@ -241,6 +243,9 @@ def write_pages(src, out, version):
         raise SystemExit(1)
     table = {p + n: (p, n, t, ps) for p, n, t, ps in rows}
     os.makedirs(out, exist_ok=True)
+    for old in os.listdir(out):
+        if old.endswith('.3'):
+            os.remove(os.path.join(out, old))
     allnames = [f['name'] for f in families]
     for fam in families:
         page = ['.TH %s 3 "" "sfl %s" "sfl API reference"' % (fam['name'].upper(), version),
@@ -285,6 +290,9 @@ def write_pages(src, out, version):
         text = '\n'.join(page) + '\n'
         with open(os.path.join(out, fam['name'] + '.3'), 'w', encoding='utf-8') as f:
             f.write(text)
+        for fn in fam['fns']:  # so that "man sfl_OpenItem" finds its family's page
+            with open(os.path.join(out, fn['name'] + '.3'), 'w', encoding='utf-8') as f:
+                f.write('.so man3/%s.3\n' % fam['name'])
 
 
 def main(argv):
