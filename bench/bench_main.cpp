@@ -251,7 +251,8 @@ struct Summary {
 // close of a small file less its read; a rename, unlink or link what
 // creating and removing a file costs beyond an open; a write or truncate
 // a pwrite; any other call a pread (the cheapest call measured). Flushes
-// have no price here, so flushing runs get no floor.
+// have no price here (an async run makes a few, for new directories), so
+// flushing runs get no floor.
 double FloorUs(const Figures& f, const std::vector<Summary>& summaries, bool qos) {
   std::map<std::string, double> us;
   for (const auto& sm : summaries)
@@ -267,8 +268,9 @@ double FloorUs(const Figures& f, const std::vector<Summary>& summaries, bool qos
     if (key.rfind("os_", 0) != 0) continue;
     const std::string kind = key.substr(3);
     any = true;
-    if (kind == "fdatasync" || kind == "fsync") return NAN;
-    if (kind == "malloc" || kind == "msgrcv" || kind == "sleep") continue;
+    if (kind == "malloc" || kind == "msgrcv" || kind == "sleep" || kind == "fdatasync" ||
+        kind == "fsync")
+      continue;
     double unit = us["pread"];
     if (kind == "msgsnd") unit = qos ? us["msgq-qos"] : us["msgq"];
     else if (kind == "lock") unit = us["lock"] / 2;
@@ -395,7 +397,7 @@ int Driver(const Options& o) {
           if (f.count("os_pwrite")) pwrites.push_back(f["os_pwrite"]);
           for (const auto& [key, v] : f)
             if (key.rfind("lat_", 0) == 0) lat[key].push_back(v);
-          if (sys.rfind("sfl", 0) == 0) {
+          if (sys.rfind("sfl", 0) == 0 && d == Durability::Async) {
             const double fl = FloorUs(f, summaries, sys == "sfl-qos");
             if (!std::isnan(fl)) floors.push_back(fl);
           }

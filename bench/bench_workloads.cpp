@@ -151,7 +151,7 @@ Figures RunW4(const std::string& system, Durability d, const std::string& dir, c
   // Compaction on for sfl: a message's container is about 90 KiB, which the
   // default 32 KiB limit would never look at; 4 KiB lets stripping its
   // attachments compact it. (This run is a process of its own.)
-  if (system == "sfl" && std::getenv("SFL_HOLES_SIZE_LIMIT") == nullptr)
+  if (system.rfind("sfl", 0) == 0 && std::getenv("SFL_HOLES_SIZE_LIMIT") == nullptr)
     setenv("SFL_HOLES_SIZE_LIMIT", "4", 1);
   auto store = OpenStore(system, dir, d, true);
   PartBuffers in;
