@@ -266,16 +266,14 @@ TEST_F(IntItem, SingleItemFilesRefuseBeforeTakingAnySpace) {
   sfl_CloseItem(p);
 }
 
-TEST_F(IntItem, AHeaderPlaceOnTheFileHeaderTheMapOrAcrossSlotsIsRefusedBeforeAnythingIsTaken) {
+TEST_F(IntItem, AHeaderPlaceOnTheFileHeaderTheMapsSlotOrAcrossSlotsIsRefusedBeforeAnythingIsTaken) {
   sfl_ItemRec* parent = Rec(parent_);
   const uint32_t table = rec_->ITableOff;
-  const sfl_ItemRec* map = rec_->FreeMapItem;
-  ASSERT_NE(map, nullptr);
   const uint32_t places[] = {
       3,                                    // inside the file header
       table,                                // the free map's own slot
       static_cast<uint32_t>(table + SFL_ITEM_HEADER_SIZE + 5),  // across two user slots
-      map->Offset + 1,                      // the free map's data
+      rec_->DataOff - 1,                    // the last slot and the data area
   };
   const std::vector<uint8_t> head = Raw(0, rec_->DataOff);
   const std::vector<uint8_t> mapBefore = Map();

@@ -42,9 +42,9 @@ int32_t sfl_GenCreateIntBItem(sfl_ItemRec* parent, uint32_t headerOffset, uint32
   // Checked before any space is taken: a single-item file has no free map.
   if ((rec->FileFlags & SINGLE_FILE) != 0) SFL_RAISE(SFL_R_SINGLE_FILE);
   // The place is the caller's word, which is checked as far as it can be:
-  // never the file header, the free map or across item slots. A place in
-  // the data area is trusted to be the caller's own (a parent's data, or
-  // space it has just taken).
+  // never the file header, the free map's slot or across item slots. A
+  // place in the data area is trusted to be the caller's own (a parent's
+  // data, or space it has just taken).
   sfl_CheckHeaderPlace(rec, headerOffset, false);
 
   // The run and the record go back unless the item comes into being.

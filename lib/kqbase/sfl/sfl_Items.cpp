@@ -189,14 +189,16 @@ void sfl_AssociateItemWithBase(int32_t itemHandle) {
 
 // A new item's 64-byte header goes where the caller says, so the place is
 // checked first (28874, before any space is taken): a user slot of the item
-// table (1 and up, on a slot's boundary), or a place in the data area off
-// the free map. Anywhere else the header would overwrite the file header,
-// the free map's slot or the map itself, or straddle two slots. With
-// `insideFile` the place must also lie inside the file as it is (a copied
-// item's header: a slot of an internal container copied before it), so that
-// no header lengthens the file with nothing referring to it; a new blocked
-// item's header may lie in space just taken past the end.
-void sfl_CheckHeaderPlace(sfl_BaseRec* rec, uint32_t headerOffset, bool insideFile) {
+// table (1 and up, on a slot's boundary), or a place in the data area.
+// Anywhere else the header would overwrite the file header or the free
+// map's slot, or straddle two slots. In a file this process alone knows (a
+// rebuild's new file), the map's place and the file's size as this process
+// knows them are the file's, so the place must also lie off the map and
+// inside the file (a copied item's header: a slot of an internal container
+// copied before it), and no header lengthens the file with nothing
+// referring to it. In a shared file another process may have moved the map
+// since this one looked, so only the fixed places are checked there.
+void sfl_CheckHeaderPlace(sfl_BaseRec* rec, uint32_t headerOffset, bool privateFile) {
   const uint64_t at = headerOffset;
   const uint64_t table = rec->ITableOff;
   const uint64_t tableEnd =
@@ -207,10 +209,10 @@ void sfl_CheckHeaderPlace(sfl_BaseRec* rec, uint32_t headerOffset, bool insideFi
     return;
   }
   if (at < rec->DataOff) SFL_RAISE(SFL_R_RANGE);
+  if (!privateFile) return;
   const sfl_ItemRec* map = rec->FreeMapItem;
   if (map != nullptr && at < uint64_t{map->Offset} + map->Size && map->Offset < at + SFL_ITEM_HEADER_SIZE)
     SFL_RAISE(SFL_R_RANGE);
-  if (!insideFile) return;
   struct stat st {};
   if (os_fstat(rec->FileDes, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);
   if (at + SFL_ITEM_HEADER_SIZE > static_cast<uint64_t>(st.st_size)) SFL_RAISE(SFL_R_RANGE);

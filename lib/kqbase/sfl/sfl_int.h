@@ -215,8 +215,9 @@ inline bool sfl_ItemFileLive(const sfl_ItemRec* item) {
 // the file's last close completes (sfl_ihands).
 void sfl_OrphanIntItems(const sfl_BaseRec* rec);
 // Refuses (28874) a new item header's place that is not a user slot of the
-// item table or a place in the data area off the free map (sfl_Items).
-void sfl_CheckHeaderPlace(sfl_BaseRec* rec, uint32_t headerOffset, bool insideFile);
+// item table or a place in the data area (off the free map and inside the
+// file, when the file is this process's alone) (sfl_Items).
+void sfl_CheckHeaderPlace(sfl_BaseRec* rec, uint32_t headerOffset, bool privateFile);
 
 using sfl_FilesTable = sfl_HandleTable<sfl_BaseRec, SFL_BASE_HANDLE_FIRST, SFL_MAX_OPEN_FILES>;
 using sfl_ItemsTable = sfl_HandleTable<sfl_ItemRec, SFL_ITEM_HANDLE_FIRST, SFL_MAX_OPEN_ITEMS>;
