@@ -32,9 +32,9 @@ std::unique_ptr<MessageStore> OpenStore(const std::string& system, const std::st
     ::setenv("SFL_MONITOR_CPU_LATENCY_US", "0", 1);
     return NewSflStore(dir, d, create);
   }
-  if (system == "sfl-nopool") {
-    // Emptied containers are removed and every new one is a new file.
-    ::setenv("SFL_CONTAINER_POOL", "0", 1);
+  if (system == "sfl-pool") {
+    // Emptied containers are kept, four per directory, and reused.
+    ::setenv("SFL_CONTAINER_POOL", "4", 1);
     return NewSflStore(dir, d, create);
   }
   if (system == "files") return NewFilesStore(dir, d, create);

@@ -27,6 +27,10 @@
 
 namespace {
 
+// The pool is off unless asked for; these tests ask, four files per
+// directory, unless a test says otherwise.
+[[maybe_unused]] const bool kPoolOn = (::setenv("SFL_CONTAINER_POOL", "4", 1), true);
+
 namespace fs = std::filesystem;
 using sfltest::StoreRoot;
 using sfltest::TestDir;
@@ -140,7 +144,7 @@ TEST(ContainerPool, IsBoundedPerDirectory) {
   }
   for (const sfl_ItemRef& r : refs) EXPECT_EQ(InodeAt(PathOf(r)), 0u);
   EXPECT_EQ(HashNames(DirOf(refs[0])), (std::vector<std::string>{"#pool.0", "#pool.1"}));
-  ::unsetenv("SFL_CONTAINER_POOL");
+  ::setenv("SFL_CONTAINER_POOL", "4", 1);
 }
 
 TEST(ContainerPool, TheSettingIsClampedToItsRange) {
@@ -161,7 +165,7 @@ TEST(ContainerPool, TheSettingIsClampedToItsRange) {
   EXPECT_EQ(im_RetireItem(&r, fd, false), 0);
   ::close(fd);
   EXPECT_TRUE(HashNames(DirOf(r)).empty()) << "below 0 is off";
-  ::unsetenv("SFL_CONTAINER_POOL");
+  ::setenv("SFL_CONTAINER_POOL", "4", 1);
 }
 
 TEST(ContainerPool, APoolFilledByThisProcessIsFoundAgainAmongManyDirectories) {
@@ -194,7 +198,7 @@ TEST(ContainerPool, OffOrTooLargeMeansRemoved) {
   ::close(fd);
   EXPECT_EQ(InodeAt(PathOf(a)), 0u);
   EXPECT_TRUE(HashNames(DirOf(a)).empty());
-  ::unsetenv("SFL_CONTAINER_POOL");
+  ::setenv("SFL_CONTAINER_POOL", "4", 1);
 
   sfl_ItemRef big{};
   fd = MakeFileAt(9, 2, "x", &big);

@@ -6,7 +6,7 @@
 // container per message.
 //
 // Names. A directory's pool is the files "#pool.0" to "#pool.<n-1>" (n from
-// "SFL_CONTAINER_POOL", default 4, 0 turns the pool off). A process moves a
+// "SFL_CONTAINER_POOL"; absent or 0: no pool, see kDefaultSlots). A process moves a
 // file through "#retire.<pid>" on its way into a pool and "#take.<pid>" on
 // its way out. No reference maps to a name that starts with '#' (a FileId
 // is digits), so none of these is ever reached by a reference, taken for a
@@ -50,7 +50,11 @@
 
 namespace {
 
-constexpr int kDefaultSlots = 4;
+// Off unless asked for: on ext4 a reused file costs more than a new one as
+// the take stands (its truncate to 0 makes the close write the file back),
+// and a store that never flushes may, after a power cut, see an emptied
+// container's old name again on a file that another reference reuses.
+constexpr int kDefaultSlots = 0;
 constexpr int kMaxSlots = 64;
 constexpr off_t kPoolMaxBytes = 1 << 20;
 constexpr int kHints = 16;
