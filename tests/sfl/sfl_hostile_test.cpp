@@ -339,6 +339,27 @@ TEST_F(Hostile, SerialCallsOnABlockedItemAreRefused) {
   REFUSED(Sfl(SFL_R_BLOCKED), sfl_GetSimpleDetails(blocked_, &details));
 }
 
+// A blocked item's Offset and Size are its index root: a simple-data call
+// over them would read or overwrite the root, after which every block read
+// fails and a block write follows whatever the bytes say.
+TEST_F(Hostile, SimpleDataCallsOnABlockedItemAreRefused) {
+  const sfl_ItemRec* item = sfl_ItemHandle2Record(blocked_);
+  ASSERT_GE(item->Size, 32u);
+  uint8_t buf[32];
+  std::memset(buf, 0xA5, sizeof buf);
+  sfl_ItemMap map{};
+  REFUSED(Sfl(SFL_R_BLOCKED), sfl_WriteSimpleData(blocked_, 0, 32, buf));
+  REFUSED(Sfl(SFL_R_BLOCKED), sfl_ReadSimpleData(blocked_, 0, 32, buf));
+  REFUSED(Sfl(SFL_R_BLOCKED), sfl_WriteSimpleData(internal_, 0, 32, buf));
+  REFUSED(Sfl(SFL_R_BLOCKED), sfl_mapItem(blocked_, &map));
+  // The tree still leads to every block.
+  for (uint32_t b = 0; b < 3; ++b) {
+    Bytes got(100);
+    ASSERT_EQ(sfl_ReadBlockedData(blocked_, b, 100, got.data()), 100u);
+    EXPECT_EQ(got, sfltest::PseudoRandomBytes(100, 17, b)) << "block " << b;
+  }
+}
+
 TEST_F(Hostile, OversizedAndNegativeSizesAreRefused) {
   sfl_ItemRef ref{};
   uint8_t buf[16] = {};

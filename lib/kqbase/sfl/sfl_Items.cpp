@@ -248,11 +248,24 @@ int32_t sfl_CopySimpleItem(int32_t baseHandle, uint32_t headerOffset, int32_t so
   return item.Commit();
 }
 
+namespace {
+
+// A blocked item's Offset and Size are its index root, not its data: a
+// simple-data transfer over them would hand out or overwrite the root record
+// and leave every later block access following whatever bytes were written.
+// Refused as the serial calls refuse it (28869), nothing touched.
+void RefuseBlocked(const sfl_ItemRec* item) {
+  if ((item->Flags & BLOCKED_ITEM) != 0) SFL_RAISE(SFL_R_BLOCKED);
+}
+
+}  // namespace
+
 // Range checks add in 64 bits: a position and length whose 32-bit sum wraps
 // would otherwise pass and reach bytes far outside the item (28874).
 int32_t sfl_ReadSimpleData(int32_t itemHandle, uint32_t position, uint32_t length, void* buffer) {
   ER_TRACE_PROC("sfl_ReadSimpleData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  RefuseBlocked(item);
   if (uint64_t{position} + length > item->Size) SFL_RAISE(SFL_R_RANGE);
   return static_cast<int32_t>(
       sfl_PRead(item->BaseRecord, buffer, length, uint64_t{item->Offset} + position));
@@ -262,6 +275,7 @@ int32_t sfl_WriteSimpleData(int32_t itemHandle, uint32_t position, uint32_t leng
                             const void* buffer) {
   ER_TRACE_PROC("sfl_WriteSimpleData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  RefuseBlocked(item);
   if (uint64_t{position} + length > item->Size) SFL_RAISE(SFL_R_RANGE);
   ssize_t n = sfl_PWrite(item->BaseRecord, buffer, length, uint64_t{item->Offset} + position);
   sfl_ConsiderSync(item->BaseRecord, item, SFL_EV_SIMPLE_WRITE);
@@ -271,7 +285,7 @@ int32_t sfl_WriteSimpleData(int32_t itemHandle, uint32_t position, uint32_t leng
 int32_t sfl_ReadSerialData(int32_t itemHandle, void* buffer, uint32_t length) {
   ER_TRACE_PROC("sfl_ReadSerialData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  if ((item->Flags & BLOCKED_ITEM) != 0) SFL_RAISE(SFL_R_BLOCKED);
+  RefuseBlocked(item);
   if (uint64_t{item->CurrPos} + length > item->Size) length = item->Size - item->CurrPos;
   ssize_t n = sfl_PRead(item->BaseRecord, buffer, length, uint64_t{item->Offset} + item->CurrPos);
   if (n > 0) item->CurrPos += static_cast<uint32_t>(n);
@@ -281,7 +295,7 @@ int32_t sfl_ReadSerialData(int32_t itemHandle, void* buffer, uint32_t length) {
 int32_t sfl_WriteSerialData(int32_t itemHandle, const void* buffer, uint32_t length) {
   ER_TRACE_PROC("sfl_WriteSerialData");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  if ((item->Flags & BLOCKED_ITEM) != 0) SFL_RAISE(SFL_R_BLOCKED);
+  RefuseBlocked(item);
   // A serial write never grows the item.
   if (uint64_t{item->CurrPos} + length > item->Size) SFL_RAISE(SFL_R_RANGE);
   ssize_t n = sfl_PWrite(item->BaseRecord, buffer, length, uint64_t{item->Offset} + item->CurrPos);
@@ -292,7 +306,7 @@ int32_t sfl_WriteSerialData(int32_t itemHandle, const void* buffer, uint32_t len
 int64_t sfl_seek(int32_t itemHandle, int64_t offset, int32_t whence) {
   ER_TRACE_PROC("sfl_seek");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  if ((item->Flags & BLOCKED_ITEM) != 0) SFL_RAISE(SFL_R_BLOCKED);
+  RefuseBlocked(item);
   const int64_t pos = item->CurrPos;
   const int64_t size = item->Size;
   switch (whence) {
@@ -321,7 +335,7 @@ int64_t sfl_seek(int32_t itemHandle, int64_t offset, int32_t whence) {
 void sfl_GetSimpleDetails(int32_t itemHandle, sfl_SimpleDetails* details) {
   SFL_NEED_ARG(details);
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
-  if ((item->Flags & BLOCKED_ITEM) != 0) SFL_RAISE(SFL_R_BLOCKED);
+  RefuseBlocked(item);
   details->FileDes = item->BaseRecord->FileDes;
   details->Offset = item->Offset;
   details->Size = item->Size;
@@ -395,6 +409,7 @@ sfl_ItemMap* sfl_mapItem(int32_t handleOrFd, sfl_ItemMap* map) {
   sfl_ItemRec* item = nullptr;
   if (handleOrFd >= SFL_ITEM_HANDLE_FIRST) {
     item = sfl_ItemHandle2Record(handleOrFd);
+    RefuseBlocked(item);
     fd = item->BaseRecord->FileDes;
   }
   struct stat st;
