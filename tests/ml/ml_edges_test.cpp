@@ -119,7 +119,7 @@ TEST(MlRunDirEdges, AMissingParentOrAFailedStatusIsRefused) {
   EXPECT_EQ(-1, ml_PrepareRunDir(sfltest::TestDir() + "/no/such/parent", 0700));
   EXPECT_EQ(ENOENT, errno);
   const std::string dir = sfltest::TestDir() + "/status";
-  os_FailNth(os_Op::Stat, 1, EIO);
+  os_FailNth(os_Op::Fstat, 1, EIO);  // asked of the open directory
   errno = 0;
   EXPECT_EQ(-1, ml_PrepareRunDir(dir, 0700));
   EXPECT_EQ(EIO, errno);

@@ -189,6 +189,97 @@ TEST(MlCheckPid, ZombieIsSeenWithinAFullCheckPeriod) {
   EXPECT_EQ(128 + SIGKILL, sfltest::WaitChild(child));
 }
 
+// ---- whose run directory and state file ----------------------------------------------
+
+bool Mentions(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+TEST(MlTrust, ALinkInPlaceOfTheRunDirectoryIsRefused) {
+  const std::string real = RunDir() + "/real";
+  const std::string link = RunDir() + "/link";
+  ASSERT_EQ(0, ml_PrepareRunDir(real, 0700));
+  ASSERT_EQ(0, symlink(real.c_str(), link.c_str()));
+  EXPECT_EQ(-1, ml_OpenRunDir(link, false, 0));
+  EXPECT_TRUE(Mentions(ml_TrustProblem(), link)) << ml_TrustProblem();
+  EXPECT_TRUE(Mentions(ml_TrustProblem(), "symbolic link")) << ml_TrustProblem();
+  // Neither is a service started there, nor a state read from there.
+  EXPECT_EQ(-1, ml_PrepareRunDir(link, 0700));
+  ASSERT_EQ(0, ml_PublishState(real, sample(), 0600));
+  ml_State st;
+  EXPECT_TRUE(ml_ReadState(real, &st));
+  EXPECT_FALSE(ml_ReadState(link, &st));
+  std::filesystem::remove_all(real);
+  std::filesystem::remove(link);
+}
+
+TEST(MlTrust, ARunDirectoryOthersMayWriteIsRefused) {
+  const std::string dir = RunDir() + "/shared";
+  ASSERT_EQ(0, ml_PrepareRunDir(dir, 0700));
+  for (mode_t mode : {0770, 0707, 0777}) {
+    ASSERT_EQ(0, chmod(dir.c_str(), mode));
+    EXPECT_EQ(-1, ml_PrepareRunDir(dir, 0700)) << std::oct << mode;
+    EXPECT_EQ(EPERM, errno);
+    EXPECT_TRUE(Mentions(ml_TrustProblem(), dir + " is writable by its group or by others"))
+        << ml_TrustProblem();
+  }
+  ASSERT_EQ(0, chmod(dir.c_str(), 0750));
+  EXPECT_EQ(0, ml_PrepareRunDir(dir, 0700));
+  EXPECT_EQ("", ml_TrustProblem());
+  std::filesystem::remove_all(dir);
+}
+
+TEST(MlTrust, AStateFileThatIsALinkOrOthersMayWriteIsNotRead) {
+  const std::string dir = RunDir() + "/state";
+  ASSERT_EQ(0, ml_PrepareRunDir(dir, 0700));
+  const std::string elsewhere = RunDir() + "/elsewhere";
+  ASSERT_EQ(0, ml_PrepareRunDir(elsewhere, 0700));
+  ASSERT_EQ(0, ml_PublishState(elsewhere, sample(), 0600));
+  ASSERT_EQ(0, symlink(ml_StatePath(elsewhere).c_str(), ml_StatePath(dir).c_str()));
+  ml_State st;
+  EXPECT_FALSE(ml_ReadState(dir, &st));
+  EXPECT_TRUE(Mentions(ml_TrustProblem(), ml_StatePath(dir))) << ml_TrustProblem();
+  std::filesystem::remove(ml_StatePath(dir));
+  ASSERT_EQ(0, ml_PublishState(dir, sample(), 0600));
+  EXPECT_TRUE(ml_ReadState(dir, &st));
+  ASSERT_EQ(0, chmod(ml_StatePath(dir).c_str(), 0622));
+  EXPECT_FALSE(ml_ReadState(dir, &st));
+  EXPECT_TRUE(Mentions(ml_TrustProblem(), "is writable by its group or by others")) << ml_TrustProblem();
+  // A FIFO there is neither waited on nor read.
+  std::filesystem::remove(ml_StatePath(dir));
+  ASSERT_EQ(0, mkfifo(ml_StatePath(dir).c_str(), 0600));
+  EXPECT_FALSE(ml_ReadState(dir, &st));
+  EXPECT_TRUE(Mentions(ml_TrustProblem(), "is not a regular file")) << ml_TrustProblem();
+  std::filesystem::remove_all(dir);
+  std::filesystem::remove_all(elsewhere);
+}
+
+// Needs another owner: the suite runs as root in CI.
+TEST(MlTrust, AnotherUsersRunDirectoryOrStateFileIsRefusedNamingItsOwner) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to give a directory to another user";
+  const uid_t other = 65534;
+  const std::string dir = RunDir() + "/theirs";
+  ASSERT_EQ(0, ml_PrepareRunDir(dir, 0700));
+  ASSERT_EQ(0, ml_PublishState(dir, sample(), 0600));
+  ASSERT_EQ(0, chown(ml_StatePath(dir).c_str(), other, other));
+  ml_State st;
+  EXPECT_FALSE(ml_ReadState(dir, &st));
+  EXPECT_TRUE(Mentions(ml_TrustProblem(), "state file " + ml_StatePath(dir) + " belongs to another user (owner uid 65534"))
+      << ml_TrustProblem();
+  ASSERT_EQ(0, chown(ml_StatePath(dir).c_str(), 0, 0));
+  ASSERT_EQ(0, chown(dir.c_str(), other, other));
+  EXPECT_EQ(-1, ml_PrepareRunDir(dir, 0700));
+  EXPECT_TRUE(Mentions(ml_TrustProblem(), "run directory " + dir + " belongs to another user (owner uid 65534"))
+      << ml_TrustProblem();
+  EXPECT_FALSE(ml_ReadState(dir, &st));
+  // The configured service account's directory is trusted.
+  setenv("SFL_SERVICE_USER", "65534", 1);
+  EXPECT_EQ(0, ml_PrepareRunDir(dir, 0700));
+  EXPECT_TRUE(ml_ReadState(dir, &st));
+  unsetenv("SFL_SERVICE_USER");
+  std::filesystem::remove_all(dir);
+}
+
 TEST(MlSubsystem, OpenReturnsZeroOnlyForTheOpeningCall) {
   EXPECT_EQ(0, ml_OpenCfgFile(2));
   EXPECT_EQ(1, ml_OpenCfgFile(2));

@@ -4,7 +4,9 @@
 //
 // Client calls run in forked children wherever the queue table matters: the
 // table belongs to the process that filled it, so each child starts afresh.
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
@@ -742,6 +744,142 @@ TEST_F(MonitService, AutostartOffAndNoServiceRaises380) {
     if (ml_ReadState(RunDir(), &st)) return 2;  // nothing was started
     return os_CallCount(os_Op::Msgsnd) == 0 ? 0 : 3;
   }));
+}
+
+// ---- a service that does not answer --------------------------------------------------------
+
+// A client waits at most SFL_MONITOR_REPLY_SECONDS for a reply. The wait runs
+// in a child that the test ends should it hang.
+int BoundedWaitChild(const sfl_ItemRef& ref, long* escape, double* seconds) {
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  const int child = StartChild([&] {
+    close(fds[0]);
+    setenv("SFL_MONITOR_REPLY_SECONDS", "1", 1);
+    sfl_BaseRec rec;
+    fillBase(&rec, ref);
+    const auto t0 = std::chrono::steady_clock::now();
+    const long code = escapeOf([&] { sfl_RecordBaseInterest(&rec); });
+    const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    (void)!write(fds[1], &code, sizeof code);
+    (void)!write(fds[1], &took, sizeof took);
+    return 0;
+  });
+  close(fds[1]);
+  const int rc = sfltest::ExitWithin(child, 20);
+  if (rc == -1) {
+    kill(child, SIGKILL);
+    WaitChild(child);
+  }
+  if (read(fds[0], escape, sizeof *escape) != sizeof *escape ||
+      read(fds[0], seconds, sizeof *seconds) != sizeof *seconds)
+    *escape = -1;
+  close(fds[0]);
+  return rc;
+}
+
+TEST_F(MonitService, AStoppedServiceIsWaitedForAtMostTheReplyLimit) {
+  const int service = sfltest::StartService();
+  ASSERT_GT(service, 0);
+  const sfl_ItemRef ref = makeRef(1, 77);
+  // Set up in the parent: the service answers.
+  sfl_BaseRec mine;
+  fillBase(&mine, ref);
+  sfl_RecordBaseInterest(&mine);
+  ASSERT_EQ(1u, mine.ProcAccCount);
+  ASSERT_EQ(0, kill(service, SIGSTOP));
+  long code = 0;
+  double took = 0;
+  const int rc = BoundedWaitChild(ref, &code, &took);
+  kill(service, SIGCONT);
+  ASSERT_EQ(0, rc) << "the client hung waiting for a stopped service";
+  EXPECT_EQ(kNotAvailable, code);
+  EXPECT_GE(took, 0.9);
+  EXPECT_LT(took, 5.0);
+  // Once it runs again it answers again.
+  sfl_CheckBaseInterest(&mine);
+  EXPECT_GE(mine.ProcAccCount, 1u);
+}
+
+TEST_F(MonitService, AReplyDroppedForAFullReplyQueueIsWaitedForAtMostTheReplyLimit) {
+  const int service = sfltest::StartService();
+  ASSERT_GT(service, 0);
+  const sfl_ItemRef ref = makeRef(1, 78);
+  int32_t replyQueue = 0;
+  sfl_GetQueue(&ref, nullptr, &replyQueue, nullptr, nullptr);
+  // Fill the reply queue with two messages, each of half its bytes, for two
+  // live processes that are not waiting: the service, which keeps the
+  // newest reply of each live process, cannot make room, and drops the
+  // reply to the client.
+  struct msqid_ds ds;
+  ASSERT_EQ(0, msgctl(replyQueue, IPC_STAT, &ds));
+  const size_t half = std::min<size_t>(ds.msg_qbytes / 2, 8192);
+  std::vector<char> junk(sizeof(long) + half);
+  for (long type : {1L, static_cast<long>(getpid())}) {
+    std::memcpy(junk.data(), &type, sizeof type);
+    ASSERT_EQ(0, msgsnd(replyQueue, junk.data(), half, IPC_NOWAIT)) << std::strerror(errno);
+  }
+  ASSERT_NE(0, msgsnd(replyQueue, junk.data(), 16, IPC_NOWAIT));
+  long code = 0;
+  double took = 0;
+  const int rc = BoundedWaitChild(ref, &code, &took);
+  ASSERT_EQ(0, rc) << "the client hung waiting for a dropped reply";
+  EXPECT_EQ(kNotAvailable, code);
+  EXPECT_LT(took, 5.0);
+  while (msgrcv(replyQueue, junk.data(), half, 0, IPC_NOWAIT | MSG_NOERROR) >= 0) {
+  }
+}
+
+// ---- whose run directory ---------------------------------------------------------------------
+
+// The text of the escape `fn` raises ("" when none).
+std::string EscapeText(const std::function<void()>& fn) {
+  try {
+    fn();
+  } catch (const er_Escape& e) {
+    std::string text = e.what();
+    er_Clear();
+    return text;
+  }
+  return "";
+}
+
+// A live service is published there; only the directory is wrong. The
+// client refuses it in a fresh process, naming the directory.
+int RefusedNaming(const std::string& part) {
+  return RunInChild([&] {
+    sfl_BaseRec rec;
+    fillBase(&rec, makeRef(1, 91));
+    const std::string text = EscapeText([&] { sfl_RecordBaseInterest(&rec); });
+    if (text.find("380") == std::string::npos) return 1;
+    if (text.find(RunDir()) == std::string::npos) return 2;
+    if (text.find(part) == std::string::npos) return 3;
+    return 0;
+  });
+}
+
+TEST_F(MonitService, ARunDirectoryOthersMayWriteIsNotUsed) {
+  ASSERT_GT(sfltest::StartService(), 0);
+  ASSERT_EQ(0, chmod(RunDir().c_str(), 0770));
+  const int rc = RefusedNaming("writable by its group or by others");
+  ASSERT_EQ(0, chmod(RunDir().c_str(), 0700));
+  EXPECT_EQ(0, rc);
+  // Put right, it is used again.
+  EXPECT_EQ(0, RunInChild([] {
+    sfl_BaseRec rec;
+    fillBase(&rec, makeRef(1, 91));
+    sfl_RecordBaseInterest(&rec);
+    return rec.ProcAccCount == 1 ? 0 : 1;
+  }));
+}
+
+TEST_F(MonitService, AnotherUsersRunDirectoryIsNotUsed) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root to give the run directory to another user";
+  ASSERT_GT(sfltest::StartService(), 0);
+  ASSERT_EQ(0, chown(RunDir().c_str(), 65534, 65534));
+  const int rc = RefusedNaming("owner uid 65534");
+  ASSERT_EQ(0, chown(RunDir().c_str(), 0, 0));
+  EXPECT_EQ(0, rc);
 }
 
 }  // namespace

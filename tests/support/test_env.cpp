@@ -47,6 +47,8 @@ const std::string& TestDir() {
     g_dir = made;
     std::filesystem::create_directories(g_dir + "/store");
     std::filesystem::create_directories(g_dir + "/run");
+    // Whatever the umask: a run directory others may write is refused.
+    std::filesystem::permissions(g_dir + "/run", std::filesystem::perms::owner_all);
     setenv("SFL_STORE_ROOT", (g_dir + "/store").c_str(), 1);
     setenv("SFL_RUN_DIR", (g_dir + "/run").c_str(), 1);
     setenv("SFL_LOG_FILE", (g_dir + "/sfl.log").c_str(), 1);

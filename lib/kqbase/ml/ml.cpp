@@ -4,11 +4,13 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <sstream>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "cust.h"
@@ -28,9 +30,7 @@ struct Cfg {
 };
 Cfg g_cfg;
 
-bool readFile(const std::string& path, std::string* out) {
-  int fd = os_open(path.c_str(), O_RDONLY);
-  if (fd < 0) return false;
+bool readFd(int fd, std::string* out) {
   out->clear();
   char buf[1024];
   ssize_t n;
@@ -42,6 +42,13 @@ bool readFile(const std::string& path, std::string* out) {
     }
     out->append(buf, static_cast<size_t>(n));
   }
+  return ok;
+}
+
+bool readFile(const std::string& path, std::string* out) {
+  int fd = os_open(path.c_str(), O_RDONLY);
+  if (fd < 0) return false;
+  const bool ok = readFd(fd, out);
   os_close(fd);
   return ok;
 }
@@ -80,24 +87,98 @@ std::string ml_LockPath(const std::string& runDir) { return runDir + "/sfl-monit
 std::string ml_StartLockPath(const std::string& runDir) { return runDir + "/sfl-monitor.start"; }
 std::string ml_LogPath(const std::string& runDir) { return runDir + "/sfl-monitor.log"; }
 
-int ml_PrepareRunDir(const std::string& runDir, mode_t mode) {
+namespace {
+
+std::string g_trustProblem;
+
+// The account "SFL_SERVICE_USER" names, if any.
+bool serviceAccount(uid_t* uid) {
+  const char* v = cust_GetCustomiseInfo("SFL_SERVICE_USER");
+  if (v == nullptr || *v == '\0') return false;
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long n = std::strtoul(v, &end, 10);
+  if (*end == '\0') {
+    if (errno != 0 || n >= static_cast<unsigned long>(static_cast<uid_t>(-1))) return false;
+    *uid = static_cast<uid_t>(n);
+    return true;
+  }
+  gid_t gid;
+  return os_GetUserIds(v, uid, &gid) == 0;
+}
+
+// Whether `st` (of `path`, a `kind`) may be trusted; records why not.
+bool trusted(const struct stat& st, const std::string& path, const char* kind, bool wantDir) {
+  const char* wrong = nullptr;
+  if (wantDir ? !S_ISDIR(st.st_mode) : !S_ISREG(st.st_mode))
+    wrong = wantDir ? "is not a directory" : "is not a regular file";
+  else if (!ml_TrustedOwner(st.st_uid))
+    wrong = "belongs to another user";
+  else if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0)
+    wrong = "is writable by its group or by others";
+  if (wrong == nullptr) return true;
+  char mode[8];
+  std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+  g_trustProblem = std::string(kind) + " " + path + " " + wrong + " (owner uid " +
+                   std::to_string(static_cast<unsigned>(st.st_uid)) + ", mode " + mode +
+                   "); this process runs as uid " +
+                   std::to_string(static_cast<unsigned>(os_getuid())) + " and will not use it";
+  return false;
+}
+
+void refusedLink(const std::string& path, const char* kind) {
+  g_trustProblem = std::string(kind) + " " + path +
+                   " is a symbolic link (or not a directory); this process will not follow it";
+}
+
+}  // namespace
+
+bool ml_TrustedOwner(uid_t uid) {
+  if (uid == os_getuid() || uid == 0) return true;
+  uid_t account;
+  return serviceAccount(&account) && uid == account;
+}
+
+const std::string& ml_TrustProblem() { return g_trustProblem; }
+
+int ml_OpenRunDir(const std::string& runDir, bool create, mode_t mode) {
   if (runDir.empty()) {
     errno = EINVAL;
     return -1;
   }
-  if (os_mkdir(runDir.c_str(), mode) != 0 && errno != EEXIST) return -1;
-  struct stat st;
-  if (os_stat(runDir.c_str(), &st) != 0) return -1;
-  if (!S_ISDIR(st.st_mode)) {
-    errno = ENOTDIR;
+  if (create && os_mkdir(runDir.c_str(), mode) != 0 && errno != EEXIST) return -1;
+  // Opened without following a link, then checked through the descriptor:
+  // what is checked is what the caller goes on to use, whatever is renamed
+  // meanwhile.
+  const int fd = os_open(runDir.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+  if (fd < 0) {
+    const int err = errno;
+    if (err == ELOOP || err == ENOTDIR) refusedLink(runDir, "run directory");
+    errno = err;
     return -1;
   }
-  // A directory in a shared place must be ours: another user could
-  // otherwise plant a state file naming queues of their choosing.
-  if (runDir.rfind("/tmp/", 0) == 0 && st.st_uid != os_getuid()) {
+  struct stat st;
+  if (os_fstat(fd, &st) != 0) {
+    const int err = errno;
+    os_close(fd);
+    errno = err;
+    return -1;
+  }
+  // Another user's directory could hold a state file naming queues of their
+  // choosing, and a service that answers as it likes (or never).
+  if (!trusted(st, runDir, "run directory", true)) {
+    os_close(fd);
     errno = EPERM;
     return -1;
   }
+  g_trustProblem.clear();
+  return fd;
+}
+
+int ml_PrepareRunDir(const std::string& runDir, mode_t mode) {
+  const int fd = ml_OpenRunDir(runDir, true, mode);
+  if (fd < 0) return -1;
+  os_close(fd);
   return 0;
 }
 
@@ -158,9 +239,24 @@ bool ml_ParseState(const std::string& text, ml_State* out) {
 }
 
 bool ml_ReadState(const std::string& runDir, ml_State* out) {
+  const int dir = ml_OpenRunDir(runDir, false, 0);
+  if (dir < 0) return false;
+  const std::string path = ml_StatePath(runDir);
+  const std::string leaf = path.substr(path.rfind('/') + 1);
+  // Not following a link, and not waiting on a FIFO planted there.
+  const int fd = os_openat(dir, leaf.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
+  const int err = errno;
+  os_close(dir);
+  if (fd < 0) {
+    if (err == ELOOP) refusedLink(path, "state file");
+    return false;
+  }
+  struct stat st;
   std::string text;
-  if (!readFile(ml_StatePath(runDir), &text)) return false;
-  return ml_ParseState(text, out);
+  const bool ok = os_fstat(fd, &st) == 0 && trusted(st, path, "state file", false) &&
+                  readFd(fd, &text);
+  os_close(fd);
+  return ok && ml_ParseState(text, out);
 }
 
 int ml_PublishState(const std::string& runDir, const ml_State& st, mode_t mode) {

@@ -15,6 +15,9 @@
 #include <sys/mman.h>
 #include <pthread.h>
 #include <sys/msg.h>
+#include <sched.h>
+#include <sys/random.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <signal.h>
 #include <unistd.h>
@@ -667,3 +670,76 @@ pid_t os_waitpid(pid_t pid, int* status, int options) {
 pid_t os_setsid() { return ::setsid(); }
 
 int os_dup2(int from, int to) { return ::dup2(from, to); }
+
+ssize_t os_msgrcvWithin(int qid, void* msg, size_t textLen, long type, uint64_t timeoutUs) {
+  if (enter(os_Op::Msgrcv)) ER_RAISE(ER_GROUP_OS, errno);
+  if (textLen > kMaxText) textLen = kMaxText;
+  struct timespec start;
+  ::clock_gettime(CLOCK_MONOTONIC, &start);
+  // A reply usually comes within microseconds: a few polls with a yield
+  // catch it at once; then pauses growing to a millisecond.
+  uint64_t pauseNs = 0;
+  for (int polls = 0;; ++polls) {
+    NativeMsg m;
+    const ssize_t n = ::msgrcv(qid, &m, textLen, type, IPC_NOWAIT);
+    if (n >= 0) {
+      int32_t wireType = static_cast<int32_t>(m.mtype);
+      std::memcpy(msg, &wireType, 4);
+      std::memcpy(static_cast<char*>(msg) + 4, m.mtext, static_cast<size_t>(n));
+      return n;
+    }
+    if (errno != ENOMSG && errno != EINTR) ER_RAISE(ER_GROUP_OS, errno);
+    struct timespec now;
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    const int64_t spentUs = (now.tv_sec - start.tv_sec) * 1000000LL + (now.tv_nsec - start.tv_nsec) / 1000;
+    if (spentUs >= static_cast<int64_t>(timeoutUs)) {
+      errno = EAGAIN;
+      return -1;
+    }
+    if (polls < 50) {
+      ::sched_yield();
+      continue;
+    }
+    pauseNs = pauseNs == 0 ? 20000 : std::min<uint64_t>(pauseNs * 2, 1000000);
+    struct timespec pause = {0, static_cast<long>(pauseNs)};
+    ::nanosleep(&pause, nullptr);
+  }
+}
+
+int os_RandomBytes(void* buf, size_t len) {
+  auto* p = static_cast<uint8_t*>(buf);
+  while (len > 0) {
+    const ssize_t n = ::getrandom(p, len, 0);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    p += n;
+    len -= static_cast<size_t>(n);
+  }
+  return 0;
+}
+
+int os_openat(int dirFd, const char* name, int flags, mode_t mode) {
+  if (enter(os_Op::Open)) return -1;
+  int fd;
+  do fd = ::openat(dirFd, name, flags | O_CLOEXEC, mode);
+  while (fd < 0 && errno == EINTR);
+  return fd;
+}
+
+int os_fstatat(int dirFd, const char* name, struct stat* st, int flags) {
+  if (enter(os_Op::Stat)) return -1;
+  return ::fstatat(dirFd, name, st, flags);
+}
+
+uid_t os_geteuid() { return ::geteuid(); }
+
+bool os_InGroup(gid_t gid) {
+  if (gid == ::getegid()) return true;
+  const int n = ::getgroups(0, nullptr);
+  if (n <= 0) return false;
+  std::vector<gid_t> groups(static_cast<size_t>(n));
+  const int got = ::getgroups(n, groups.data());
+  return got > 0 && std::find(groups.begin(), groups.begin() + got, gid) != groups.begin() + got;
+}

@@ -13,11 +13,15 @@
 // A service serving several hosts that cannot make the record known to
 // the others puts the reason 380 in the record reply's unused last word:
 // the record is refused (nothing was kept) and raised as such.
+#include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 
+#include "cust.h"
 #include "mdc.h"
 #include "ml.h"
 #include "os.h"
@@ -65,8 +69,15 @@ void drainStaleReplies(int32_t pid) {
 void fillQueueTable() {
   bool mustClose = ml_OpenCfgFile(2) == 0;
   try {
-    if (int state = ml_GetSSState(ML_SUBSYSTEM_MONITOR); state != ML_STATE_RUNNING && state != ML_STATE_STARTING)
+    if (int state = ml_GetSSState(ML_SUBSYSTEM_MONITOR); state != ML_STATE_RUNNING && state != ML_STATE_STARTING) {
+      // A run directory or state file refused as untrustworthy says so.
+      const std::string& why = ml_TrustProblem();
+      if (!why.empty()) {
+        er_LogMsg(2, "interest service not used: %s", why.c_str());
+        ER_RAISE_MSG(ER_GROUP_MONIT, ML_R_NOT_AVAILABLE, why.c_str());
+      }
       ER_RAISE(ER_GROUP_MONIT, ML_R_NOT_AVAILABLE);
+    }
     ml_SubSystemDetails details;
     ml_GetSubSystemDetails(ML_SUBSYSTEM_MONITOR, &details);
     int32_t pairs = static_cast<int32_t>(details.AdditionalCount) + 1;
@@ -143,9 +154,67 @@ bool queueGone(int32_t queue) {
   return os_msgctl(queue, IPC_STAT, &ds) != 0 && (errno == EINVAL || errno == EIDRM);
 }
 
+// How long a client waits for a reply before it gives up on a live service:
+// "SFL_MONITOR_REPLY_SECONDS" (1 to 3600, default 5). Asked only once a
+// wait has outlasted its first slice, which a served request never does.
+uint64_t ReplyLimitUs() {
+  constexpr long kDefault = 5;
+  long n = kDefault;
+  if (const char* v = cust_GetCustomiseInfo("SFL_MONITOR_REPLY_SECONDS"); v != nullptr && *v != '\0') {
+    char* end = nullptr;
+    n = std::strtol(v, &end, 10);
+    if (*end != '\0' || n < 1 || n > 3600) n = kDefault;
+  }
+  return static_cast<uint64_t>(n) * 1000000;
+}
+
+// Between slices of a wait the client makes sure its service still lives.
+// Shorter than the least limit.
+constexpr uint64_t kSliceUs = 200000;
+
+// The pair a request went to.
+struct Pair {
+  int32_t requestQueue = 0;
+  int32_t replyQueue = 0;
+  int32_t servicePid = 0;
+};
+
+bool pairGone(const Pair& p) {
+  return queueGone(p.requestQueue) || queueGone(p.replyQueue) || ml_CheckPid(p.servicePid) != 1;
+}
+
+// Waits for this process's reply on the pair. A wait never outlasts the
+// limit: a service that has gone (queues removed, process ended) raises at
+// the next slice, for the caller to look it up again; one that lives but
+// has not answered within the limit (stopped, or its reply dropped because
+// the reply queue was full) raises 380 (group 116).
+void awaitReply(const Pair& p, uint8_t* reply, size_t replyLen) {
+  uint64_t limit = kSliceUs;
+  uint64_t waited = 0;
+  int failures = 0;
+  while (waited < limit) {
+    const uint64_t slice = std::min(kSliceUs, limit - waited);
+    try {
+      if (os_msgrcvWithin(p.replyQueue, reply, replyLen, os_getpid(), slice) >= 0) return;
+    } catch (const er_Escape&) {
+      // A receive that fails leaves the reply where it is: it is tried
+      // again, a few times.
+      if (++failures >= kReceiveTries || pairGone(p)) throw;
+      er_Clear();
+      continue;
+    }
+    if (waited == 0) limit = ReplyLimitUs();
+    waited += slice;
+    if (pairGone(p)) ER_RAISE(ER_GROUP_OS, EIDRM);
+  }
+  er_LogMsg(3, "interest service process %d gave no reply within %llu s", p.servicePid,
+            static_cast<unsigned long long>(limit / 1000000));
+  ER_RAISE(ER_GROUP_MONIT, ML_R_NOT_AVAILABLE);
+}
+
 // Sends one request on a pair and waits for its reply of `replyLen` bytes.
-Answer exchangeOn(int32_t requestQueue, int32_t replyQueue, const uint8_t* text, size_t textLen,
-                  int32_t type, size_t replyLen) {
+Answer exchangeOn(const Pair& p, const uint8_t* text, size_t textLen, int32_t type,
+                  size_t replyLen) {
   if (g_replyPending) {
     drainStaleReplies(os_getpid());
     g_replyPending = false;
@@ -153,11 +222,12 @@ Answer exchangeOn(int32_t requestQueue, int32_t replyQueue, const uint8_t* text,
   uint8_t msg[4 + ML_WITHDRAW_LEN] = {};
   sfl_PutU32(msg, static_cast<uint32_t>(type));
   std::memcpy(msg + 4, text, textLen);
-  sfl_DoSendMsg(requestQueue, msg, textLen, 0);
+  sfl_DoSendMsg(p.requestQueue, msg, textLen, 0);
+  // Until the reply is in hand: one that comes after this exchange gave up
+  // is drained before the next request goes.
   g_replyPending = true;
   uint8_t reply[4 + ML_RECORD_REPLY_LEN] = {};
-  // A receive that fails leaves the reply where it is: it is tried again.
-  er_Retry(kReceiveTries, [&] { os_msgrcv(replyQueue, reply, replyLen, os_getpid(), 0); });
+  awaitReply(p, reply, replyLen);
   g_replyPending = false;
   Answer a;
   a.w0 = sfl_GetU32(reply + 4);
@@ -172,14 +242,13 @@ Answer exchange(const sfl_ItemRef& ref, const uint8_t* text, size_t textLen, int
                 size_t replyLen) {
   for (int round = 1;; ++round) {
     bool found = false;
-    int32_t requestQueue = 0, replyQueue = 0;
+    Pair p;
     try {
-      sfl_GetQueue(&ref, &requestQueue, &replyQueue, nullptr, nullptr);
+      sfl_GetQueue(&ref, &p.requestQueue, &p.replyQueue, nullptr, &p.servicePid);
       found = true;
-      return exchangeOn(requestQueue, replyQueue, text, textLen, type, replyLen);
+      return exchangeOn(p, text, textLen, type, replyLen);
     } catch (const er_Escape&) {
-      if (!found || round == kGoneRounds || !(queueGone(requestQueue) || queueGone(replyQueue)))
-        throw;
+      if (!found || round == kGoneRounds || !pairGone(p)) throw;
       er_Clear();
       // The replies waiting in a removed queue went with it.
       g_replyPending = false;

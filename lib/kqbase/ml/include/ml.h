@@ -55,15 +55,30 @@ std::string ml_LockPath(const std::string& runDir);
 std::string ml_StartLockPath(const std::string& runDir);
 std::string ml_LogPath(const std::string& runDir);
 
-// Makes sure the run directory exists and is usable by this user (a directory
-// under /tmp must be ours). Returns 0, or -1 (errno set).
+// Whom a run directory and the service's files may belong to: this user,
+// root, or the service account "SFL_SERVICE_USER" names.
+bool ml_TrustedOwner(uid_t uid);
+// Opens the run directory as the service and its clients both use it: not
+// through a symbolic link, a directory, of a trusted owner, writable by
+// nobody else (neither its group nor others). With `create`, makes it first
+// (with `mode`) when absent. Returns its descriptor, or -1 (errno set, and
+// what was found kept for ml_TrustProblem).
+int ml_OpenRunDir(const std::string& runDir, bool create, mode_t mode);
+// Makes sure the run directory exists and can be trusted (ml_OpenRunDir).
+// Returns 0, or -1 (errno set).
 int ml_PrepareRunDir(const std::string& runDir, mode_t mode);
+// What the latest refusal of a run directory or of the state file in it
+// found, naming the path and its owner; empty when the latest look found
+// nothing wrong.
+const std::string& ml_TrustProblem();
 
 // Text form of the state file and its parse. A parse of anything malformed
 // (or of another format version) gives false.
 std::string ml_FormatState(const ml_State& st);
 bool ml_ParseState(const std::string& text, ml_State* out);
-// Reads the state file; false when absent or malformed.
+// Reads the state file, opened relative to the run directory's descriptor:
+// false when absent, malformed, or not to be trusted (not a regular file, a
+// symbolic link, another owner's, writable by its group or others).
 bool ml_ReadState(const std::string& runDir, ml_State* out);
 // Writes the state file atomically (temporary file, then rename). 0 or -1.
 int ml_PublishState(const std::string& runDir, const ml_State& st, mode_t mode);

@@ -225,4 +225,20 @@ pid_t os_setsid();
 // service puts its standard input, output and error in place.
 int os_dup2(int from, int to);
 
+// ---- bounded receives, randomness, names relative to a directory ----------
+// Receives as os_msgrcv without IPC_NOWAIT, but waits at most `timeoutUs`:
+// returns -1 (errno EAGAIN) when no message of the type came in that time.
+// One call for the fault switch whatever the number of polls; failures
+// other than the time running out raise as os_msgrcv does.
+ssize_t os_msgrcvWithin(int qid, void* msg, size_t textLen, long type, uint64_t timeoutUs);
+// Fills `buf` with `len` bytes from the kernel's random source. 0 or -1.
+int os_RandomBytes(void* buf, size_t len);
+// openat(2) and fstatat(2), retried on EINTR; counted as Open and Stat.
+int os_openat(int dirFd, const char* name, int flags, mode_t mode = 0);
+int os_fstatat(int dirFd, const char* name, struct stat* st, int flags);
+// The effective user id, and whether `gid` is this process's effective
+// group or one of its supplementary groups.
+uid_t os_geteuid();
+bool os_InGroup(gid_t gid);
+
 #endif  // KQ_OS_H
