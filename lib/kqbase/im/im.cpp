@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <sys/stat.h>
 
 #include "cust.h"
 #include "im_int.h"
@@ -207,10 +208,79 @@ int im_GetNewDataItem(sfl_ItemRef* out) { return CreateUnique(SFL_TYPE_DATA_ITEM
 int im_CrNewTempItem(sfl_ItemRef* out) { return CreateUnique(SFL_TYPE_TEMP_ITEM, out); }
 
 int im_OpenItem(const sfl_ItemRef* ref) {
-  std::string path = ContainerPath(Given(ref));
-  int fd = os_open(path.c_str(), O_RDWR);
-  if (fd < 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
+  return im_OpenContainer(ContainerPath(Given(ref)).c_str(), O_RDWR);
+}
+
+int im_OpenContainer(const char* path, int flags) {
+  // The directories from the store root down, and the file itself, are
+  // opened one by one without following a link: a link planted in place of
+  // a store directory or of a container is refused, not followed to a file
+  // elsewhere. A FIFO or device in a container's place is refused before
+  // any byte moves (and a FIFO does not block the open).
+  const std::string full = path;
+  const std::string root = StoreRoot();
+  std::string::size_type from = 0;
+  int dir = AT_FDCWD;
+  if (full.size() > root.size() + 1 && full.compare(0, root.size(), root) == 0 &&
+      full[root.size()] == '/') {
+    dir = os_open(root.c_str(), O_RDONLY | O_DIRECTORY);
+    if (dir < 0) ER_RAISE_MSG(ER_GROUP_OS, errno, root.c_str());
+    from = root.size() + 1;
+  }
+  // Closes whichever directory is held on every path.
+  struct Held {
+    int fd;
+    ~Held() {
+      if (fd >= 0) os_close(fd);
+    }
+  } held{dir};
+  for (std::string::size_type slash; dir != AT_FDCWD && (slash = full.find('/', from)) != std::string::npos;) {
+    const std::string part = full.substr(from, slash - from);
+    const int next = os_openat(dir, part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (next < 0) {
+      const int err = errno;
+      const std::string at = full.substr(0, slash);
+      if (err == ELOOP || err == ENOTDIR)
+        ER_RAISE_MSG(ER_GROUP_OS, err, (at + " is a symbolic link or not a directory: the store is never entered through one").c_str());
+      ER_RAISE_MSG(ER_GROUP_OS, err, at.c_str());
+    }
+    os_close(held.fd);
+    held.fd = dir = next;
+    from = slash + 1;
+  }
+  const std::string leaf = dir == AT_FDCWD ? full : full.substr(from);
+  const int fd = os_openat(dir, leaf.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0) {
+    const int err = errno;
+    if (err == ELOOP)
+      ER_RAISE_MSG(ER_GROUP_OS, err, (full + " is a symbolic link: a container is never opened through one").c_str());
+    ER_RAISE_MSG(ER_GROUP_OS, err, path);
+  }
+  struct stat st {};
+  if (os_fstat(fd, &st) != 0) {
+    const int err = errno;
+    os_close(fd);
+    ER_RAISE_MSG(ER_GROUP_OS, err, path);
+  }
+  std::string wrong;
+  if (!S_ISREG(st.st_mode))
+    wrong = full + " is not a regular file";
+  else if (!im_OwnerTrusted(st.st_uid, st.st_gid))
+    wrong = full + " belongs to uid " + std::to_string(st.st_uid) + ", group " + std::to_string(st.st_gid) +
+            ": neither this user's, the service account's nor of a group of this process";
+  if (!wrong.empty()) {
+    os_close(fd);
+    ER_RAISE_MSG(ER_GROUP_OS, EPERM, wrong.c_str());
+  }
   return fd;
+}
+
+bool im_OwnerTrusted(uid_t uid, gid_t gid) {
+  if (uid == os_geteuid() || uid == 0) return true;
+  uid_t account;
+  gid_t accountGid;
+  if (mdc_ServiceAccount(&account, &accountGid) == 1 && uid == account) return true;
+  return os_InGroup(gid);
 }
 
 void im_UnlinkItem(const sfl_ItemRef* ref) {

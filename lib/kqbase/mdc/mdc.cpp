@@ -44,11 +44,9 @@ int mdc_DDSDelFileByDes(int fd, uint64_t offset, uint64_t len) {
   return 0;
 }
 
-namespace {
-
 // The ids "SFL_SERVICE_USER" names: 1 with them set, 0 when the key is absent
 // or empty, -1 when it names no account.
-int ServiceAccount(uid_t* uid, gid_t* gid) {
+int mdc_ServiceAccount(uid_t* uid, gid_t* gid) {
   const char* account = cust_GetCustomiseInfo("SFL_SERVICE_USER");
   if (account == nullptr || *account == '\0') return 0;  // none configured: keep the owner
   *gid = static_cast<gid_t>(-1);  // a bare uid leaves the group as it is
@@ -66,12 +64,10 @@ int ServiceAccount(uid_t* uid, gid_t* gid) {
   return os_GetUserIds(account, uid, gid) == 0 ? 1 : -1;
 }
 
-}  // namespace
-
 int ext_ChownToVessant(const char* path) {
   uid_t uid;
   gid_t gid;
-  const int found = ServiceAccount(&uid, &gid);
+  const int found = mdc_ServiceAccount(&uid, &gid);
   if (found <= 0) return found;
   return os_chown(path, uid, gid) == 0 ? 0 : -1;
 }
@@ -79,7 +75,7 @@ int ext_ChownToVessant(const char* path) {
 int ext_FChownToVessant(int fd) {
   uid_t uid;
   gid_t gid;
-  const int found = ServiceAccount(&uid, &gid);
+  const int found = mdc_ServiceAccount(&uid, &gid);
   if (found <= 0) return found;
   return os_fchown(fd, uid, gid) == 0 ? 0 : -1;
 }

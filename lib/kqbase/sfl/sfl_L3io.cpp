@@ -13,6 +13,7 @@
 #include <climits>
 #include <cstring>
 #include <string>
+#include <sys/stat.h>
 
 #include "im.h"
 #include "os.h"
@@ -101,6 +102,14 @@ int32_t OpenStream(const char* name, const sfl_ItemRef* ref, const char* mode) {
     hold.stream = os_fopen(path.c_str(), "rb+");
     if (hold.stream == nullptr) RaiseOs();
     sfl_ItemRec* item = sfl_ItemHandle2Record(hold.itemHandle);
+    // The stream must be on the file the item was opened in: a name made to
+    // lead elsewhere in between is refused before any byte moves.
+    struct stat onStream {}, onItem {};
+    if (os_fstat(os_fileno(hold.stream), &onStream) != 0 ||
+        os_fstat(item->BaseRecord->FileDes, &onItem) != 0)
+      RaiseOs();
+    if (onStream.st_dev != onItem.st_dev || onStream.st_ino != onItem.st_ino)
+      ER_RAISE_MSG(ER_GROUP_OS, EPERM, (path + " no longer leads to the file the item is in").c_str());
     if (os_fseek(hold.stream, static_cast<long>(item->Offset), SEEK_SET) != 0) RaiseOs();
   } else {
     // Truncating a container would destroy every item in it.
@@ -122,6 +131,30 @@ int32_t OpenStream(const char* name, const sfl_ItemRef* ref, const char* mode) {
     hold.itemHandle = -1;
   }
   return handle;
+}
+
+// Closes a stream's item. The stream record goes whatever happens, and with
+// it the caller's only way to close the item again: a close that escapes is
+// tried once more, and a file it left open implicitly with none of its items
+// open (a descriptor, and an interest the service counts) is closed as the
+// item's last close would have. The first escape is the one passed on.
+void CloseStreamItem(int32_t itemHandle) {
+  sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
+  sfl_BaseRec* rec = item->BaseRecord;
+  const int32_t baseHandle = item->BaseHandle;
+  try {
+    sfl_CloseItem(itemHandle);
+  } catch (const er_Escape&) {
+    sfl_GiveBackQuietly([&] {
+      if (item->InUse == 1) sfl_CloseItem(itemHandle);
+    });
+    sfl_GiveBackQuietly([&] {
+      if (item->InUse != 1 && rec->InUse == 1 && rec->InColdStore == 0 && rec->OpenMode != 0 &&
+          rec->IntItemsOpen <= 1)
+        sfl_CloseFile(baseHandle);
+    });
+    throw;
+  }
 }
 
 }  // namespace
@@ -163,7 +196,7 @@ void sfl_fClose(int32_t streamHandle) {
     // Written bytes reach the file before the item (and maybe the file)
     // is given back.
     if (os_fflush(release.stream) != 0) flushErr = errno != 0 ? errno : EIO;
-    sfl_CloseItem(s->ItemHandle);
+    CloseStreamItem(s->ItemHandle);
   }
   FILE* f = release.stream;
   release.stream = nullptr;

@@ -591,8 +591,7 @@ sfl_CompactOutcome Compact(const sfl_ItemRef& ref, int heldFd) {
 
   Rebuild r;
   sfl_SetRef(r.request, ref);
-  r.oldFd = os_open(path, O_RDWR);
-  if (r.oldFd < 0) ER_RAISE(ER_GROUP_OS, errno);
+  r.oldFd = im_OpenContainer(path, O_RDWR);
   if (os_flock(r.oldFd, LOCK_EX) != 0) ER_RAISE(ER_GROUP_OS, errno);
   struct stat st;
   if (os_fstat(r.oldFd, &st) != 0) ER_RAISE(ER_GROUP_OS, errno);

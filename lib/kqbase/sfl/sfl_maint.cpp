@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "cl.h"
+#include "im.h"
 #include "mes.h"
 #include "os.h"
 #include "sfl_alone.h"
@@ -708,10 +709,13 @@ bool Checker::CompareFreeMap(uint64_t loc) {
 // Opens the file for the check: read-write, or read-only when only looking
 // and the file cannot be written.
 int OpenForCheck(const char* path, bool repair) {
-  int fd = os_open(path, O_RDWR);
-  if (fd < 0 && !repair && (errno == EACCES || errno == EROFS)) fd = os_open(path, O_RDONLY);
-  if (fd < 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path);
-  return fd;
+  try {
+    return im_OpenContainer(path, O_RDWR);
+  } catch (const er_Escape& e) {
+    if (repair || e.group() != ER_GROUP_OS || (e.reason() != EACCES && e.reason() != EROFS)) throw;
+    er_Clear();
+  }
+  return im_OpenContainer(path, O_RDONLY);
 }
 
 // A creation cut short: creation makes the file empty, then writes the

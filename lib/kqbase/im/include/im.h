@@ -35,6 +35,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <sys/types.h>
 
 #include "im_ref.h"  // sfl_ItemRef and the exported name conversions
 
@@ -56,6 +57,16 @@ int im_CrNewTempItem(sfl_ItemRef* out);
 // Opens the file a reference names (item-number bits ignored) read-write;
 // raises an escape (group ER_GROUP_OS, reason errno) when it cannot.
 int im_OpenItem(const sfl_ItemRef* ref);
+// Opens a container's path as im_OpenItem does: with `flags`, through no
+// symbolic link (neither the file nor a directory below the store root), a
+// regular file, owned by a trusted owner (im_OwnerTrusted). A refusal raises
+// group ER_GROUP_OS (ELOOP or ENOTDIR for a link, EPERM for the file's type
+// or owner) with a text naming the path and what was found.
+int im_OpenContainer(const char* path, int flags);
+// Whether a container of this owner and group may be used: this user's,
+// root's, the service account's, or of a group this process is in (a store
+// is shared by the members of its group).
+bool im_OwnerTrusted(uid_t uid, gid_t gid);
 // Removes the file a reference names; raises an escape on failure.
 void im_UnlinkItem(const sfl_ItemRef* ref);
 // Removes the container name of an emptied container file whose open

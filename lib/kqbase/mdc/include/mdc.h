@@ -38,5 +38,8 @@ int ext_ChownToVessant(const char* path);
 // The same through an open descriptor: a file that was just created is
 // changed, never whatever its name has been made to lead to since.
 int ext_FChownToVessant(int fd);
+// The ids of that account: 1 with them set (the group is -1 for a bare
+// uid), 0 when the key is absent or empty, -1 when it names no account.
+int mdc_ServiceAccount(uid_t* uid, gid_t* gid);
 
 #endif  // KQ_MDC_H
