@@ -46,6 +46,23 @@ TEST(InterestTable, CountsProcessesAndSetsOtherFlag) {
   EXPECT_EQ(0u, f.table.Check(key(9), 300).Count);
 }
 
+// A process knows its own token; the next one handed out must tell it
+// nothing of another's, or it could withdraw their interest in their name.
+TEST(InterestTable, ATokenTellsNothingOfTheTokensAround) {
+  Fixture f;
+  const ml_Answer a = f.table.Record(key(1), 100);
+  const ml_Answer b = f.table.Record(key(1), 200);
+  ASSERT_NE(0u, a.Token);
+  ASSERT_NE(0u, b.Token);
+  for (uint32_t d = 1; d <= 5000; ++d) {
+    f.table.Withdraw(key(1), a.Token + d, 200);
+    f.table.Withdraw(key(1), a.Token - d, 200);
+  }
+  EXPECT_EQ(2u, f.table.Check(key(1), 300).Count);
+  // Its own token withdraws it.
+  EXPECT_EQ(1u, f.table.Withdraw(key(1), b.Token, 200).Count);
+}
+
 TEST(InterestTable, SameProcessTwiceCountsOnce) {
   Fixture f;
   ml_Answer a = f.table.Record(key(1), 100);

@@ -882,4 +882,59 @@ TEST_F(MonitService, AnotherUsersRunDirectoryIsNotUsed) {
   EXPECT_EQ(0, rc);
 }
 
+// ---- requests in another process's name ----------------------------------------------------
+
+// A process of the same user sends, while nothing else is queued, a
+// withdraw with the victim's pid and the victim's own token, and a check in
+// its name. Neither is counted or answered: the victim still holds its
+// interest, and no reply lands among the victim's.
+TEST_F(MonitService, RequestsInAnotherProcesssNameAreDropped) {
+  ASSERT_GT(sfltest::StartService(), 0);
+  const sfl_ItemRef ref = makeRef(1, 93);
+  sfl_BaseRec mine;
+  fillBase(&mine, ref);
+  sfl_RecordBaseInterest(&mine);
+  ASSERT_EQ(1u, mine.ProcAccCount);
+  int32_t requestQueue = 0, replyQueue = 0;
+  sfl_GetQueue(&ref, &requestQueue, &replyQueue, nullptr, nullptr);
+  const int32_t victim = getpid();
+  const uint32_t token = mine.InterestToken;
+  EXPECT_EQ(0, RunInChild([&] {
+    uint8_t text[ML_WITHDRAW_LEN] = {};
+    sfl_PutU16(text, ref.Domain);
+    sfl_PutU16(text + 2, ref.Flags);
+    sfl_PutU32(text + 4, ref.SubDomain);
+    sfl_PutU32(text + 8, ref.FileId);
+    std::memcpy(text + 12, ref.Name, 4);
+    struct {
+      long type;
+      uint8_t text[ML_WITHDRAW_LEN];
+    } m{};
+    m.type = ML_MSG_WITHDRAW;
+    std::memcpy(m.text, text, sizeof text);
+    sfl_PutU32(m.text + 16, token);
+    sfl_PutU32(m.text + 20, static_cast<uint32_t>(victim));
+    if (msgsnd(requestQueue, &m, ML_WITHDRAW_LEN, 0) != 0) return 1;
+    // Sent one at a time, each when the queue is empty.
+    if (!sfltest::Eventually([&] { return depth(requestQueue) == 0; }, 5)) return 2;
+    m.type = ML_MSG_CHECK;
+    std::memcpy(m.text, text, 16);
+    sfl_PutU32(m.text + 16, static_cast<uint32_t>(victim));
+    sfl_PutU32(m.text + 20, token);
+    std::memset(m.text + 24, 0, 4);
+    if (msgsnd(requestQueue, &m, ML_CHECK_LEN, 0) != 0) return 3;
+    if (!sfltest::Eventually([&] { return depth(requestQueue) == 0; }, 5)) return 4;
+    return 0;
+  }));
+  // Give the service time to have answered, had it meant to.
+  usleep(200000);
+  uint8_t buf[64];
+  EXPECT_LT(msgrcv(replyQueue, buf, sizeof buf - sizeof(long), victim, IPC_NOWAIT | MSG_NOERROR), 0)
+      << "a reply to a forged request reached the victim's replies";
+  sfl_CheckBaseInterest(&mine);
+  EXPECT_EQ(1u, mine.ProcAccCount) << "a forged withdraw removed the victim's interest";
+  sfl_ReleaseBaseInterest(&mine);
+  EXPECT_EQ(0u, mine.ProcAccCount);
+}
+
 }  // namespace

@@ -4,8 +4,9 @@
 #include <algorithm>
 #include <cstring>
 
-#include "ml.h"
 #include "le.h"
+#include "ml.h"
+#include "os.h"
 
 namespace {
 
@@ -35,8 +36,14 @@ ml_InterestTable::ml_InterestTable(size_t maxEntries, AliveFn alive, StartFn sta
     : max_(maxEntries), alive_(std::move(alive)), start_(std::move(start)) {}
 
 uint32_t ml_InterestTable::NextToken() {
-  uint32_t t = next_++;
-  if (next_ == 0) next_ = 1;  // 0 means "no entry"
+  // Drawn at random, so that a process that may write the request queue
+  // learns nothing of another's token from its own: a withdrawal needs the
+  // token and the pid it was recorded for. Should the random source fail,
+  // a running count keeps tokens distinct (0 means "no entry").
+  uint32_t t = 0;
+  while (t == 0) {
+    if (os_RandomBytes(&t, sizeof t) != 0) t = next_++;
+  }
   return t;
 }
 
@@ -321,6 +328,20 @@ void ml_InterestTable::Restore(const ml_Saved& saved, uint32_t slot) {
       break;
   }
   freeSlots_.push_back(slot);  // nothing new in it
+}
+
+int32_t ml_RequestPid(const uint8_t* msg, size_t len) {
+  const uint8_t* text = msg + 4;
+  switch (static_cast<int32_t>(le_GetU32(msg))) {
+    case ML_MSG_RECORD:
+      return len == ML_RECORD_LEN ? static_cast<int32_t>(le_GetU32(text + 16)) : 0;
+    case ML_MSG_WITHDRAW:
+      return len == ML_WITHDRAW_LEN ? static_cast<int32_t>(le_GetU32(text + 20)) : 0;
+    case ML_MSG_CHECK:
+      return len == ML_CHECK_LEN ? static_cast<int32_t>(le_GetU32(text + 16)) : 0;
+    default:
+      return 0;
+  }
 }
 
 size_t ml_AnswerRequest(ml_InterestTable& table, const uint8_t* msg, size_t len, int32_t* pid,

@@ -149,6 +149,10 @@ class ml_InterestTable {
 // bytes) and the requester's process id and returns the reply's text length,
 // or 0 when the message is not a well-formed request (a tick included), which
 // then has changed nothing.
+// The process id a well-formed request names as its sender; 0 for anything
+// else (a tick included).
+int32_t ml_RequestPid(const uint8_t* msg, size_t len);
+
 size_t ml_AnswerRequest(ml_InterestTable& table, const uint8_t* msg, size_t len, int32_t* pid,
                         uint8_t reply[16]);
 

@@ -115,6 +115,7 @@ struct Server {
   int64_t nextSweepMs = 0;
   uint64_t malformed = 0;
   uint64_t dropped = 0;
+  uint64_t forged = 0;
   ml_ClusterView* cluster = nullptr;  // null: this host alone
 
   explicit Server(size_t maxEntries) : table(maxEntries, pidAlive, ml_ProcessStart) {}
@@ -241,9 +242,31 @@ void noteMalformed(Server& s, int32_t type, ssize_t len) {
             len, static_cast<unsigned long long>(s.malformed));
 }
 
+// The sender of the request just taken, as far as the kernel tells: when
+// the queue is empty right after the take, the last message sent to it was
+// that request, so its last sender is the request's. 0 when it cannot tell
+// (more requests waiting, or the status not to be had).
+int32_t senderOf(Server& s) {
+  struct msqid_ds ds;
+  if (os_msgctl(s.requestQueue, IPC_STAT, &ds) != 0 || ds.msg_qnum != 0) return 0;
+  return static_cast<int32_t>(ds.msg_lspid);
+}
+
+void noteForged(Server& s, int32_t named, int32_t sender) {
+  if (s.forged++ % 1000 == 0)
+    logLine("pair %d: request in the name of pid %d sent by pid %d dropped; %llu so far", s.pair,
+            named, sender, static_cast<unsigned long long>(s.forged));
+}
+
 void handle(Server& s, const uint8_t* msg, ssize_t len) {
   const int32_t type = static_cast<int32_t>(le_GetU32(msg));
   if (type == ML_MSG_TICK) return;
+  // A request in another process's name is neither answered nor counted.
+  const int32_t named = ml_RequestPid(msg, static_cast<size_t>(len));
+  if (const int32_t sender = named > 0 ? senderOf(s) : 0; sender > 0 && sender != named) {
+    noteForged(s, named, sender);
+    return;
+  }
   uint8_t reply[16];
   int32_t pid = 0;
   const size_t replyLen = s.cluster != nullptr
