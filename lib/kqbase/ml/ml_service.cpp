@@ -245,7 +245,9 @@ void noteMalformed(Server& s, int32_t type, ssize_t len) {
 // The sender of the request just taken, as far as the kernel tells: when
 // the queue is empty right after the take, the last message sent to it was
 // that request, so its last sender is the request's. 0 when it cannot tell
-// (more requests waiting, or the status not to be had).
+// (more requests waiting, or the status not to be had). A writer of the
+// queue can make it unable to tell by sending two at once: what keeps
+// another's interest from being withdrawn is its random token.
 int32_t senderOf(Server& s) {
   struct msqid_ds ds;
   if (os_msgctl(s.requestQueue, IPC_STAT, &ds) != 0 || ds.msg_qnum != 0) return 0;
