@@ -2,6 +2,7 @@
 // slashes, empty or as "/", and file creation whose open fails or meets a
 // directory that went away.
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -103,6 +104,34 @@ TEST(ItemRefEdges, ACreateThatFindsEveryNameTakenGivesUp) {
   os_ClearFaults();
   EXPECT_EQ(e.group, ER_GROUP_CONFIG);
   EXPECT_EQ(e.reason, IM_R_NO_UNIQUE_ID);
+}
+
+}  // namespace
+
+namespace {
+
+// Opening a container by path: outside the store root the path is opened as
+// given (still not through a final link); a store directory that is missing
+// is reported by its path.
+TEST(ImOpenContainer, PathsOutsideTheStoreAndMissingDirectories) {
+  const std::string outside = sfltest::TestDir() + "/outside-container";
+  {
+    const int fd = open(outside.c_str(), O_RDWR | O_CREAT, 0600);
+    ASSERT_GE(fd, 0);
+    close(fd);
+  }
+  const int fd = im_OpenContainer(outside.c_str(), O_RDONLY);
+  EXPECT_GE(fd, 0);
+  close(fd);
+  const std::string link = outside + ".link";
+  ASSERT_EQ(0, symlink(outside.c_str(), link.c_str()));
+  EXPECT_EQ(sfltest::EscapeCode(ER_GROUP_OS, ELOOP),
+            sfltest::EscapeCodeOf([&] { im_OpenContainer(link.c_str(), O_RDONLY); }));
+  const std::string missing = sfltest::StoreRoot() + "/77/88/99";
+  EXPECT_EQ(sfltest::EscapeCode(ER_GROUP_OS, ENOENT),
+            sfltest::EscapeCodeOf([&] { im_OpenContainer(missing.c_str(), O_RDONLY); }));
+  unlink(link.c_str());
+  unlink(outside.c_str());
 }
 
 }  // namespace

@@ -276,6 +276,17 @@ TEST(MlTrust, AnotherUsersRunDirectoryOrStateFileIsRefusedNamingItsOwner) {
   setenv("SFL_SERVICE_USER", "65534", 1);
   EXPECT_EQ(0, ml_PrepareRunDir(dir, 0700));
   EXPECT_TRUE(ml_ReadState(dir, &st));
+  // By name, when the account has that uid; an unknown name trusts nobody.
+  uid_t uid = 0;
+  gid_t gid = 0;
+  if (os_GetUserIds("nobody", &uid, &gid) == 0 && uid == other) {
+    setenv("SFL_SERVICE_USER", "nobody", 1);
+    EXPECT_EQ(0, ml_PrepareRunDir(dir, 0700));
+  }
+  setenv("SFL_SERVICE_USER", "no-such-account-here", 1);
+  EXPECT_EQ(-1, ml_PrepareRunDir(dir, 0700));
+  setenv("SFL_SERVICE_USER", "99999999999999", 1);
+  EXPECT_EQ(-1, ml_PrepareRunDir(dir, 0700));
   unsetenv("SFL_SERVICE_USER");
   std::filesystem::remove_all(dir);
 }
