@@ -16,6 +16,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
 #include <unistd.h>
@@ -24,6 +25,7 @@
 #include "er.h"
 #include "ml.h"
 #include "os.h"
+#include "pipe_watch.h"
 #include "sfl_coding.h"
 #include "sfl_int.h"
 #include "test_env.h"
@@ -731,6 +733,114 @@ TEST_F(MonitService, ServiceRestartedElsewhereIsFoundAgain) {
   ml_State second;
   ASSERT_TRUE(ml_ReadState(RunDir(), &second));
   EXPECT_NE(first.MainPid, second.MainPid);
+}
+
+// A service that another process stops between the start made for a call
+// and the call's look at it is started again: the caller gets its answer,
+// not 380. This process holds the start lock so that the caller's first
+// look finds no service; once the caller waits for the lock, this process
+// starts a service and lets the caller go; the service is stopped when
+// the caller is about to look at it.
+TEST_F(MonitService, AServiceStoppedBetweenItsStartAndItsUseIsStartedAgain) {
+  ASSERT_EQ(0, ml_PrepareRunDir(RunDir(), 0700));
+  const int startLock = open(ml_StartLockPath(RunDir()).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  ASSERT_GE(startLock, 0);
+  const sfl_ItemRef ref = makeRef(5, 50);
+  // holdAt 0: a dry run that tells (on `counted`) how many calls a look
+  // makes up to the look that follows the start. Else the caller is held
+  // before call `holdAt` while the service is stopped.
+  auto run = [&](uint64_t holdAt, uint64_t* counted) {
+    sfltest::Pipe tell, release, result;
+    EXPECT_EQ(0, flock(startLock, LOCK_EX));
+    const int caller = StartChild([&] {
+      ml_SetPidCheckWindow(0);  // every pid check a full one: the count holds on a slow machine
+      os_TellWaits(tell.WriteEnd());
+      if (holdAt == 0) {
+        const uint64_t before = os_TotalCalls();
+        ml_OpenCfgFile(2);
+        const int state = ml_GetSSState(ML_SUBSYSTEM_MONITOR);
+        ml_CloseCfgFile();
+        const uint64_t all = os_TotalCalls() - before;
+        // The look that follows the start costs what a look at a running
+        // service costs.
+        const uint64_t mid = os_TotalCalls();
+        ml_GetSSState(ML_SUBSYSTEM_MONITOR);
+        const uint64_t upTo = all - (os_TotalCalls() - mid);
+        if (write(result.WriteEnd(), &upTo, sizeof upTo) != sizeof upTo) return 6;
+        return state == ML_STATE_RUNNING ? 0 : 1;
+      }
+      os_HoldNthCall(holdAt, tell.WriteEnd(), release.ReadEnd());
+      try {
+        sfl_BaseRec rec;
+        fillBase(&rec, ref);
+        sfl_RecordBaseInterest(&rec);
+        if (std::string(os_HoldMetKind()) != "open") return 2;
+        return rec.InterestToken != 0 && rec.ProcAccCount == 1 ? 0 : 3;
+      } catch (const er_Escape& e) {
+        return e.reason() == ML_R_NOT_AVAILABLE ? 4 : 5;
+      }
+    });
+    EXPECT_EQ('W', sfltest::NextByte(tell.ReadEnd()));  // its first look found none
+    const pid_t service = sfltest::StartService();
+    EXPECT_GT(service, 0);
+    EXPECT_EQ(0, flock(startLock, LOCK_UN));
+    if (holdAt != 0) {
+      EXPECT_EQ('H', sfltest::NextByte(tell.ReadEnd()));
+      EXPECT_EQ(0, kill(service, SIGTERM));
+      EXPECT_EQ(0, sfltest::ExitWithin(service, 10));
+      const char go = 'g';
+      EXPECT_EQ(1, write(release.WriteEnd(), &go, 1));
+    }
+    const int status = WaitChild(caller);
+    if (holdAt == 0) {
+      EXPECT_EQ(static_cast<ssize_t>(sizeof *counted), read(result.ReadEnd(), counted, sizeof *counted));
+      EXPECT_EQ(0, kill(service, SIGTERM));
+      EXPECT_EQ(0, sfltest::ExitWithin(service, 10));
+    }
+    return status;
+  };
+  uint64_t upTo = 0;
+  ASSERT_EQ(0, run(0, &upTo));
+  ASSERT_GT(upTo, 0u);
+  EXPECT_EQ(0, run(upTo + 1, nullptr));
+  // The caller started the service it used.
+  ml_State st;
+  ASSERT_TRUE(ml_ReadState(RunDir(), &st));
+  EXPECT_TRUE(ml_ServiceAlive(RunDir(), st));
+  close(startLock);
+}
+
+// The same when the service is stopped after the look found it running
+// and before its processes are checked.
+TEST_F(MonitService, AServiceStoppedAfterTheLookFoundItRunningIsStartedAgain) {
+  const pid_t service = sfltest::StartService();
+  ASSERT_GT(service, 0);
+  sfltest::Pipe tell, release;
+  const int caller = StartChild([&] {
+    ml_SetPidCheckWindow(0);
+    const uint64_t before = os_TotalCalls();
+    ml_OpenCfgFile(2);
+    const int state = ml_GetSSState(ML_SUBSYSTEM_MONITOR);
+    ml_CloseCfgFile();
+    if (state != ML_STATE_RUNNING) return 1;
+    // Held at the first check of the service's processes.
+    os_HoldNthCall(os_TotalCalls() - before + 1, tell.WriteEnd(), release.ReadEnd());
+    try {
+      sfl_BaseRec rec;
+      fillBase(&rec, makeRef(6, 60));
+      sfl_RecordBaseInterest(&rec);
+      if (std::string(os_HoldMetKind()) != "kill") return 2;
+      return rec.InterestToken != 0 && rec.ProcAccCount == 1 ? 0 : 3;
+    } catch (const er_Escape& e) {
+      return e.reason() == ML_R_NOT_AVAILABLE ? 4 : 5;
+    }
+  });
+  ASSERT_EQ('H', sfltest::NextByte(tell.ReadEnd()));
+  EXPECT_EQ(0, kill(service, SIGTERM));
+  EXPECT_EQ(0, sfltest::ExitWithin(service, 10));
+  const char go = 'g';
+  EXPECT_EQ(1, write(release.WriteEnd(), &go, 1));
+  EXPECT_EQ(0, WaitChild(caller));
 }
 
 TEST_F(MonitService, AutostartOffAndNoServiceRaises380) {

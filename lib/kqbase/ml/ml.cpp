@@ -20,6 +20,9 @@ namespace {
 
 constexpr const char* kStateMagic = "sfl-monitor-state";
 constexpr int kStateVersion = 1;
+// Starts on demand of one look, each after the service started before was
+// found gone again.
+constexpr int kStartRounds = 8;
 
 // The configuration as opened by ml_OpenCfgFile: the state read at open.
 struct Cfg {
@@ -338,11 +341,17 @@ int ml_GetSSState(int subsystem) {
   if (subsystem != ML_SUBSYSTEM_MONITOR || !ml_AutoStartEnabled()) return ML_STATE_DOWN;
   ml_ServiceOptions opts = ml_OnDemandOptions();
   opts.RunDir = runDir;
-  if (ml_EnsureService(opts) != 0) return ML_STATE_DOWN;
-  reloadIfOpen();
-  if (!currentState(&st, &runDir) || st.Subsystem != subsystem || !ml_ServiceAlive(runDir, st))
-    return ML_STATE_DOWN;
-  return st.State;
+  // Another process may stop the service between its start and this look
+  // (an operator's stop, a restart by a peer): the caller asked for a
+  // service, not for that one, so start it again. A start that fails ends
+  // the tries at once; only a service that came up and went is tried again.
+  for (int round = 0; round < kStartRounds; ++round) {
+    if (ml_EnsureService(opts) != 0) return ML_STATE_DOWN;
+    reloadIfOpen();
+    if (currentState(&st, &runDir) && st.Subsystem == subsystem && ml_ServiceAlive(runDir, st))
+      return st.State;
+  }
+  return ML_STATE_DOWN;
 }
 
 void ml_GetSubSystemDetails(int subsystem, ml_SubSystemDetails* out) {

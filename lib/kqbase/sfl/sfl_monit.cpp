@@ -66,7 +66,9 @@ void drainStaleReplies(int32_t pid) {
   }
 }
 
-void fillQueueTable() {
+// One look at the published service; `sawService` tells whether it was
+// found running (or started) before the look failed.
+void fillQueueTableOnce(bool* sawService) {
   bool mustClose = ml_OpenCfgFile(2) == 0;
   try {
     if (int state = ml_GetSSState(ML_SUBSYSTEM_MONITOR); state != ML_STATE_RUNNING && state != ML_STATE_STARTING) {
@@ -78,6 +80,7 @@ void fillQueueTable() {
       }
       ER_RAISE(ER_GROUP_MONIT, ML_R_NOT_AVAILABLE);
     }
+    *sawService = true;
     ml_SubSystemDetails details;
     ml_GetSubSystemDetails(ML_SUBSYSTEM_MONITOR, &details);
     int32_t pairs = static_cast<int32_t>(details.AdditionalCount) + 1;
@@ -112,6 +115,30 @@ void fillQueueTable() {
     if (er_GetLive()) throw;
     g_queues.filledBy = os_getpid();
     g_queues.initialised = 1;
+  }
+}
+
+// A look that finds the service running and then one of its processes
+// ended (stopped by another process in between) looks again, which starts
+// it anew where on-demand start is on: a caller never gets 380 only because
+// the service went between its start and its use. A service that is not
+// running (and is not started) raises 380 at the first look.
+constexpr int kLookRounds = 8;
+constexpr uint32_t kLookPauseUs = 20000;
+
+void fillQueueTable() {
+  for (int round = 1;; ++round) {
+    bool sawService = false;
+    try {
+      fillQueueTableOnce(&sawService);
+      return;
+    } catch (const er_Escape& e) {
+      if (!sawService || round == kLookRounds || e.group() != ER_GROUP_MONIT ||
+          e.reason() != ML_R_NOT_AVAILABLE)
+        throw;
+      er_Clear();
+      mdc_MicroSleep(kLookPauseUs);
+    }
   }
 }
 
