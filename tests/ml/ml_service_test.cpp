@@ -379,6 +379,36 @@ TEST_F(MlService, KillOfTheWholeServiceGroupWakesAWaitingClient) {
   EXPECT_TRUE(Eventually([&] { return !QueueExists(st.Context[0]) && !QueueExists(st.Context[1]); }));
 }
 
+// A kill of the main process while its stop waits for clients to take
+// their last replies (its state already withdrawn) still takes the queues
+// down: the ticker, which removes them when the main process vanishes, is
+// stopped only after the queues are gone.
+TEST_F(MlService, AKillWhileTheStopWaitsForRepliesLeavesNoQueue) {
+  const int pid = startService(options());
+  ASSERT_GT(pid, 0);
+  ml_State st;
+  ASSERT_TRUE(ml_ReadState(RunDir(), &st));
+  // A live process that never takes its reply keeps the stop waiting.
+  const int sleeper = StartChild([] {
+    for (;;) pause();
+    return 0;
+  });
+  std::vector<uint8_t> reply(4 + ML_CHECK_REPLY_LEN);
+  sfl_PutU32(reply.data(), static_cast<uint32_t>(sleeper));
+  ASSERT_EQ(0, os_msgsnd(st.Context[1], reply.data(), ML_CHECK_REPLY_LEN, IPC_NOWAIT));
+  ASSERT_EQ(0, kill(pid, SIGTERM));
+  ASSERT_TRUE(Eventually([] { return !std::filesystem::exists(ml_StatePath(RunDir())); }));
+  // Past the stop of its other processes, well within the 2 s wait.
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
+  ASSERT_EQ(-1, ExitWithin(pid, 0));
+  ASSERT_EQ(1u, QueueDepth(st.Context[1]));
+  ASSERT_EQ(0, kill(pid, SIGKILL));
+  EXPECT_EQ(128 + SIGKILL, ExitWithin(pid, 10));
+  EXPECT_TRUE(Eventually([&] { return !QueueExists(st.Context[0]) && !QueueExists(st.Context[1]); }, 5));
+  kill(sleeper, SIGKILL);
+  WaitChild(sleeper);
+}
+
 TEST_F(MlService, ReplyNoQueueSpaceCanTakeIsDroppedAndServiceGoesOn) {
   const int pid = startService(options());
   ASSERT_GT(pid, 0);

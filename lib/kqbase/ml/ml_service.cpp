@@ -527,6 +527,8 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
       additional.push_back(pid);
     }
   }
+  // The ticker's place among the children: it is stopped last.
+  size_t tickerAt = children.size();
   if (!forkFailed) {
     pid_t pid = runChild([&] { ticker(queues, pairs, mainPid); });
     if (pid > 0) children.push_back(pid);
@@ -600,12 +602,15 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
   // stop the other serving processes, let the clients take the replies
   // already sent, and only then take the queues down: a client whose reply
   // went with its queue asks again, and a record asked again of the next
-  // service would count twice.
+  // service would count twice. The ticker stays until the queues are gone:
+  // should this process be killed while it waits, the ticker removes them.
   ml_State now;
   if (ml_ReadState(dir, &now) && now.MainPid == mainPid) os_unlink(ml_StatePath(dir).c_str());
-  for (pid_t c : children) stopChild(c);
+  for (size_t i = 0; i < children.size(); ++i)
+    if (i != tickerAt) stopChild(children[i]);
   awaitRepliesTaken(queues, pairs);
   removeQueues(queues);
+  if (tickerAt < children.size()) stopChild(children[tickerAt]);
   os_munmap(mem, sizeof(Shared));
   logLine("stopped");
   os_close(lockFd);
