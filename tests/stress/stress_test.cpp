@@ -111,10 +111,8 @@ constexpr ExtraName kExtraNames[] = {{kOverlap, "overlap"},
                                      {kCompactFile, "compact-file"},
                                      {kCheck, "check"},
                                      {kRestart, "restart"}};
-// What the default run includes: every extra but restarts, which can still
-// make a call fail with 380 when the service it started is stopped again
-// before the call uses it.
-constexpr uint32_t kDefaultExtras = kOverlap | kCompactItem | kCompactFile | kCheck;
+// What the default run includes: every extra.
+constexpr uint32_t kDefaultExtras = kOverlap | kCompactItem | kCompactFile | kCheck | kRestart;
 uint32_t g_extras = kDefaultExtras;
 
 // Reads SFL_STRESS_EXTRA; false for a name it does not know.
