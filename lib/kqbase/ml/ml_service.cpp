@@ -34,6 +34,8 @@
 #include <cstring>
 #include <ctime>
 #include <fcntl.h>
+#include <functional>
+#include <memory>
 #include <new>
 #include <set>
 #include <string>
@@ -53,6 +55,7 @@
 #include "ml_cluster.h"
 #include "ml_interest.h"
 #include "ml_keep.h"
+#include "ml_metrics.h"
 #include "ml_qos.h"
 #include "os.h"
 
@@ -101,6 +104,7 @@ struct PairStats {
 };
 struct Shared {
   PairStats pairs[ML_MAX_PAIRS];
+  ml_ServiceMetrics metrics;  // what the ticker publishes (ml_metrics.h)
 };
 
 struct Server {
@@ -117,6 +121,8 @@ struct Server {
   uint64_t dropped = 0;
   uint64_t forged = 0;
   ml_ClusterView* cluster = nullptr;  // null: this host alone
+  ml_PairMetrics* metrics = nullptr;  // this pair's block of the shared counters
+  std::unique_ptr<ml_HolderCount> holders;
 
   explicit Server(size_t maxEntries) : table(maxEntries, pidAlive, ml_ProcessStart) {}
 };
@@ -128,9 +134,17 @@ int64_t heldBy(const Server& s) { return static_cast<int64_t>(s.table.Entries() 
 // process before the forks, in this order) and keeps the file up to date
 // from then on.
 void restore(Server& s, const std::vector<ml_Saved>& saved, const std::string& path) {
-  for (size_t i = 0; i < saved.size(); ++i) s.table.Restore(saved[i], static_cast<uint32_t>(i));
+  s.metrics = &s.shared->metrics.Pair[s.pair];
+  s.holders = std::make_unique<ml_HolderCount>(s.metrics);
+  for (size_t i = 0; i < saved.size(); ++i) {
+    s.table.Restore(saved[i], static_cast<uint32_t>(i));
+    s.holders->Seed(static_cast<uint32_t>(i), saved[i]);
+  }
+  // The count of holders sees every slot change on its way to the file.
+  s.table.SetJournal(s.holders.get());
+  ml_NoteTable(s.metrics, s.table);
   if (s.keep.Open(path)) {
-    s.table.SetJournal(&s.keep);
+    s.holders->SetNext(&s.keep);
   } else {
     logLine("pair %d: cannot keep interests in %s (%s); a restart will forget them", s.pair,
             path.c_str(), std::strerror(errno));
@@ -231,12 +245,14 @@ void sendReply(Server& s, int32_t pid, const uint8_t* text, size_t len) {
     if (attempt == 0) purgeRepliesFor(s.replyQueue, pid);
     if (attempt == 1) compactReplies(s.replyQueue);
   }
+  s.metrics->Dropped.fetch_add(1);
   if (s.dropped++ % 1000 == 0)
     logLine("pair %d: reply to pid %d dropped (%s); %llu so far", s.pair, pid, std::strerror(errno),
             static_cast<unsigned long long>(s.dropped));
 }
 
 void noteMalformed(Server& s, int32_t type, ssize_t len) {
+  s.metrics->Malformed.fetch_add(1);
   if (s.malformed++ % 1000 == 0)
     logLine("pair %d: malformed message dropped (type %d, length %zd); %llu so far", s.pair, type,
             len, static_cast<unsigned long long>(s.malformed));
@@ -279,6 +295,8 @@ void handle(Server& s, const uint8_t* msg, ssize_t len) {
     return;
   }
   sendReply(s, pid, reply, replyLen);
+  s.metrics->Requests[ml_RequestKindOf(type)].fetch_add(1);
+  ml_NoteTable(s.metrics, s.table);
   if (s.cluster != nullptr) s.cluster->AfterReply();
   if (s.requesters.size() < kMaxRequesters) s.requesters.insert(pid);
   PairStats& ps = s.shared->pairs[s.pair];
@@ -295,6 +313,7 @@ void sweep(Server& s) {
     if (!pidAlive(pid)) purgeRepliesFor(s.replyQueue, pid);
   s.requesters.clear();
   s.shared->pairs[s.pair].entries.store(heldBy(s));
+  ml_NoteTable(s.metrics, s.table);
   if (s.keep.Failures() != s.keepFailures) {
     s.keepFailures = s.keep.Failures();
     logLine("pair %d: %llu write(s) of the kept interests failed; a restart may forget some", s.pair,
@@ -352,7 +371,8 @@ void removeQueues(const std::vector<int>& queues) {
 // (killed outright), it takes every queue down: a client waiting for a reply
 // then gets an error instead of waiting forever, and the other serving
 // processes wake and end.
-void ticker(const std::vector<int>& queues, int pairs, int32_t mainPid) {
+void ticker(const std::vector<int>& queues, int pairs, int32_t mainPid,
+            const std::function<void()>& publish) {
   // A process group of its own: a signal to the service's group (a kill of
   // the whole service) leaves the ticker to take the queues down after it.
   ::setpgid(0, 0);
@@ -361,6 +381,7 @@ void ticker(const std::vector<int>& queues, int pairs, int32_t mainPid) {
   for (;;) {
     std::this_thread::sleep_for(std::chrono::milliseconds(kTickMs));
     if (g_stop) return;
+    publish();
     if (!pidAlive(mainPid)) {
       logLine("main process %d gone; removing the queues", static_cast<int>(mainPid));
       removeQueues(queues);
@@ -488,6 +509,12 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
   Shared* shared = new (mem) Shared;
   const int64_t startMs = nowMs();
   for (auto& p : shared->pairs) p.lastActivityMs.store(startMs);
+  shared->metrics.Pairs = pairs;
+  shared->metrics.StartSeconds = static_cast<int64_t>(std::time(nullptr));
+  // An interest a process may hold anywhere is in every pair's share.
+  for (size_t i = 0; i < shares.size(); ++i)
+    for (const ml_Saved& sv : shares[i])
+      if (sv.Kind != ML_SAVED_ANY || i == 0) shared->metrics.TakenOver.fetch_add(1);
 
   const int32_t mainPid = os_getpid();
   std::vector<pid_t> children;
@@ -530,7 +557,20 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
   // The ticker's place among the children: it is stopped last.
   size_t tickerAt = children.size();
   if (!forkFailed) {
-    pid_t pid = runChild([&] { ticker(queues, pairs, mainPid); });
+    const int metricsSeconds = ml_MetricsSeconds();
+    pid_t pid = runChild([&] {
+      int64_t nextMs = 0;
+      bool failing = false;  // logged once until a write succeeds again
+      ticker(queues, pairs, mainPid, [&] {
+        if (metricsSeconds == 0 || nowMs() < nextMs) return;
+        nextMs = nowMs() + int64_t{metricsSeconds} * 1000;
+        const bool failed =
+            ml_WriteMetrics(dir, ml_SumMetrics(shared->metrics), opts.Gid >= 0 ? 0640 : 0600) != 0;
+        if (failed && !failing)
+          logLine("cannot write %s: %s", ml_MetricsPath(dir).c_str(), std::strerror(errno));
+        failing = failed;
+      });
+    });
     if (pid > 0) children.push_back(pid);
   }
 
@@ -611,6 +651,7 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
   awaitRepliesTaken(queues, pairs);
   removeQueues(queues);
   if (tickerAt < children.size()) stopChild(children[tickerAt]);
+  os_unlink(ml_MetricsPath(dir).c_str());  // counts nobody refreshes would mislead
   os_munmap(mem, sizeof(Shared));
   logLine("stopped");
   os_close(lockFd);
