@@ -706,19 +706,31 @@ TEST(SflMessagesService, StatusNamesTheRunDirectoryItsOwnerAndTheLog) {
   Outcome down = Sfl({"service", "status"});
   EXPECT_EQ(down.status, 1);
   EXPECT_EQ(down.out, "not running\nrun directory  " + run + " (owner root, mode " + ModeOf(run) +
-                          ")\nlog file       " + run + "/sfl-monitor.log\n");
+                          ")\nlog file       " + run + "/sfl-monitor.log\nmetrics file   " + run +
+                          "/sfl-monitor.prom\n");
   const int pid = sfltest::StartService();
   ASSERT_GT(pid, 0);
+  // The counts come from the file the service refreshes; its first is
+  // written a moment after the start.
+  ASSERT_TRUE(sfltest::Eventually([&] { return access((run + "/sfl-monitor.prom").c_str(), F_OK) == 0; }));
   Outcome up = Sfl({"service", "status"});
   EXPECT_EQ(up.status, 0);
-  EXPECT_EQ(up.out, "running: pid " + std::to_string(pid) + ", 1 queue pair\nrun directory  " + run +
-                        " (owner root, mode " + ModeOf(run) + ")\nlog file       " + run +
-                        "/sfl-monitor.log\n");
+  const std::vector<std::string> lines = Lines(up.out);
+  ASSERT_EQ(lines.size(), 6u) << up.out;
+  EXPECT_EQ(lines[0], "running: pid " + std::to_string(pid) + ", 1 queue pair");
+  EXPECT_EQ(lines[1], "held           0 interest entries by 0 processes");
+  EXPECT_EQ(lines[2], "answered       0 requests (record 0, withdraw 0, check 0)");
+  EXPECT_EQ(lines[3], "run directory  " + run + " (owner root, mode " + ModeOf(run) + ")");
+  EXPECT_EQ(lines[4], "log file       " + run + "/sfl-monitor.log");
+  EXPECT_EQ(lines[5].rfind("metrics file   " + run + "/sfl-monitor.prom (written ", 0), 0u) << lines[5];
   Outcome json = Sfl({"service", "status", "--json"});
-  EXPECT_EQ(json.out, "{\"running\": true, \"pid\": " + std::to_string(pid) +
-                          ", \"pairs\": 1, \"run_dir\": \"" + run + "\", \"run_dir_owner\": \"owner root, mode " +
-                          ModeOf(run) + "\", \"log\": \"" + run +
-                          "/sfl-monitor.log\", \"usable\": true, \"problem\": \"\"}\n");
+  const std::string head = "{\"running\": true, \"pid\": " + std::to_string(pid) +
+                           ", \"pairs\": 1, \"run_dir\": \"" + run + "\", \"run_dir_owner\": \"owner root, mode " +
+                           ModeOf(run) + "\", \"log\": \"" + run +
+                           "/sfl-monitor.log\", \"usable\": true, \"problem\": \"\", \"metrics\": \"" + run +
+                           "/sfl-monitor.prom\", \"entries\": 0, \"processes\": 0, \"requests\": {\"record\": 0, "
+                           "\"withdraw\": 0, \"check\": 0}, \"requests_answered\": 0, \"counts_age_seconds\": ";
+  EXPECT_EQ(json.out.substr(0, head.size()), head) << json.out;
   // Another user does not get "not running" for a service that runs.
   ASSERT_EQ(chmod(sfltest::TestDir().c_str(), 0711), 0);
   As as;

@@ -4,14 +4,18 @@
 // program installed beside this one and the library's queue lookup.
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <map>
 
 #include "cli.h"
 
@@ -124,22 +128,71 @@ int32_t PublishedPid(const std::string& runDir) {
   return pid > 0 && kill(pid, 0) == 0 ? pid : 0;
 }
 
+// The counts the service publishes in its run directory (sfl-monitor.prom,
+// rewritten every few seconds): the same numbers a metrics collector reads.
+struct Counts {
+  bool known = false;
+  int64_t entries = 0, processes = 0;
+  int64_t requests[3] = {};  // record, withdraw, check
+  int64_t ageSeconds = 0;
+  int64_t Answered() const { return requests[0] + requests[1] + requests[2]; }
+};
+
+Counts ReadCounts(const std::string& path) {
+  Counts c;
+  FILE* f = std::fopen(path.c_str(), "r");
+  if (f == nullptr) return c;
+  std::map<std::string, long long> v;
+  char line[512];
+  while (std::fgets(line, sizeof line, f) != nullptr) {
+    if (line[0] == '#') continue;
+    char name[256];
+    long long value = 0;
+    if (std::sscanf(line, "%255s %lld", name, &value) == 2) v[name] = value;
+  }
+  struct stat st {};
+  if (fstat(fileno(f), &st) == 0) c.ageSeconds = std::max<int64_t>(0, std::time(nullptr) - st.st_mtime);
+  std::fclose(f);
+  if (v.count("sfl_monitor_entries") == 0 || v.count("sfl_monitor_processes") == 0) return c;
+  c.known = true;
+  c.entries = v["sfl_monitor_entries"];
+  c.processes = v["sfl_monitor_processes"];
+  const char* types[3] = {"record", "withdraw", "check"};
+  for (int i = 0; i < 3; ++i) c.requests[i] = v[std::string("sfl_monitor_requests_total{type=\"") + types[i] + "\"}"];
+  return c;
+}
+
+std::string CountsJson(const Counts& c) {
+  if (!c.known)
+    return "\"entries\": null, \"processes\": null, \"requests\": null, \"requests_answered\": null, "
+           "\"counts_age_seconds\": null";
+  return "\"entries\": " + std::to_string(c.entries) + ", \"processes\": " + std::to_string(c.processes) +
+         ", \"requests\": {\"record\": " + std::to_string(c.requests[0]) + ", \"withdraw\": " +
+         std::to_string(c.requests[1]) + ", \"check\": " + std::to_string(c.requests[2]) +
+         "}, \"requests_answered\": " + std::to_string(c.Answered()) +
+         ", \"counts_age_seconds\": " + std::to_string(c.ageSeconds);
+}
+
 // What is known of the service: whether it runs and where, its log, and,
 // when this user cannot use the run directory, why.
 int Status(bool json) {
   const std::string dir = ServiceRunDir();
   const std::string log = dir + "/sfl-monitor.log";
+  const std::string metrics = dir + "/sfl-monitor.prom";
   ServiceInfo info;
   const bool usable = RunDirIsOurs();
   const bool running = usable && FindService(&info);
   const std::string problem = usable ? "" : ServiceAdvice();
   const int32_t other = usable ? 0 : PublishedPid(dir);
+  // A file left by a service that is gone is not its count.
+  const Counts counts = running ? ReadCounts(metrics) : Counts{};
   if (json) {
     std::printf("{\"running\": %s, \"pid\": %d, \"pairs\": %d, \"run_dir\": %s, \"run_dir_owner\": %s, "
-                "\"log\": %s, \"usable\": %s, \"problem\": %s}\n",
+                "\"log\": %s, \"usable\": %s, \"problem\": %s, \"metrics\": %s, %s}\n",
                 running ? "true" : "false", running ? info.pid : other, running ? info.pairs : 0,
                 JsonString(dir).c_str(), JsonString(OwnerAndMode(dir)).c_str(), JsonString(log).c_str(),
-                usable ? "true" : "false", JsonString(problem).c_str());
+                usable ? "true" : "false", JsonString(problem).c_str(), JsonString(metrics).c_str(),
+                CountsJson(counts).c_str());
   } else {
     if (running)
       std::printf("running: pid %d, %d queue pair%s\n", info.pid, info.pairs, info.pairs == 1 ? "" : "s");
@@ -149,8 +202,24 @@ int Status(bool json) {
       std::printf("not usable: %s\n", problem.c_str());
     else
       std::printf("not running\n");
+    if (running && counts.known) {
+      std::printf("held           %lld interest entr%s by %lld process%s\n",
+                  static_cast<long long>(counts.entries), counts.entries == 1 ? "y" : "ies",
+                  static_cast<long long>(counts.processes), counts.processes == 1 ? "" : "es");
+      std::printf("answered       %lld request%s (record %lld, withdraw %lld, check %lld)\n",
+                  static_cast<long long>(counts.Answered()), counts.Answered() == 1 ? "" : "s",
+                  static_cast<long long>(counts.requests[0]), static_cast<long long>(counts.requests[1]),
+                  static_cast<long long>(counts.requests[2]));
+    } else if (running) {
+      std::printf("counts         not published (yet): no %s\n", metrics.c_str());
+    }
     std::printf("run directory  %s (%s)\n", dir.c_str(), OwnerAndMode(dir).c_str());
     std::printf("log file       %s\n", log.c_str());
+    if (counts.known)
+      std::printf("metrics file   %s (written %lld s ago)\n", metrics.c_str(),
+                  static_cast<long long>(counts.ageSeconds));
+    else
+      std::printf("metrics file   %s\n", metrics.c_str());
   }
   return running ? kExitOk : kExitFailure;
 }
@@ -186,8 +255,10 @@ const std::vector<Command>& ServiceCommands() {
        "processes, and exits with status 1; --force stops the service anyway. It\n"
        "prints 'stopped: pid N' once the service has gone, 'not running' when none was.\n"
        "'status' prints 'running: pid N, P queue pairs' (or 'not running', or 'not\n"
-       "usable: <why>' when the run directory is not this user's to use), then the run\n"
-       "directory with its owner and mode, and the service's log file.\n",
+       "usable: <why>' when the run directory is not this user's to use); while it runs,\n"
+       "the interest entries held and by how many processes, and the requests answered\n"
+       "by type, as the service last wrote them to its metrics file; then the run\n"
+       "directory with its owner and mode, the service's log file and its metrics file.\n",
        {{"pairs", 0, true, "start: queue pairs (serving processes), 1 to 4"},
         {"idle-seconds", 0, true, "start: exit after this long idle (0: never)"},
         {"force", 0, false, "stop: stop even while live processes hold interests"},
