@@ -245,6 +245,19 @@ TEST(MetricsSum, EveryPairsCountsAreAdded) {
   EXPECT_EQ(t.Pairs, 3);
 }
 
+TEST(MetricsSum, TheOtherHostsAreReachableOnlyWhenEveryPairReachesThem) {
+  auto m = metrics(2);
+  EXPECT_EQ(ml_SumMetrics(*m).Cluster, -1);  // this host alone
+  m->Pair[0].Cluster = 1;
+  m->Pair[1].Cluster = 1;
+  EXPECT_EQ(ml_SumMetrics(*m).Cluster, 1);
+  m->Pair[1].Cluster = 0;
+  EXPECT_EQ(ml_SumMetrics(*m).Cluster, 0);
+  m->Pair[0].Cluster = 0;
+  m->Pair[1].Cluster = 1;
+  EXPECT_EQ(ml_SumMetrics(*m).Cluster, 0);
+}
+
 TEST(MetricsSum, AProcessHoldingWithTwoPairsIsOneProcess) {
   auto m = metrics(2);
   ml_HolderCount a(&m->Pair[0]), b(&m->Pair[1]);

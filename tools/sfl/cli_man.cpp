@@ -113,7 +113,8 @@ const char kEnvironment[] =
 
 const char kFiles[] =
     ".TP\n.I <root>/<domain>/<subdomain>/<fileid>[.<name>]\na container file of the store\n"
-    ".TP\n.I <run directory>/sfl\\-monitor.log\nthe interest service's log\n";
+    ".TP\n.I <run directory>/sfl\\-monitor.log\nthe interest service's log\n"
+    ".TP\n.I <run directory>/sfl\\-monitor.prom\nthe interest service's counts (metrics text format)\n";
 
 std::string Page(const std::string& name, const std::string& summary, const std::string& synopsis,
                  const std::string& description, const std::string& options,

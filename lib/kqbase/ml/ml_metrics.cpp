@@ -25,7 +25,6 @@ int ml_RequestKindOf(int32_t type) {
 ml_MetricsTotals ml_SumMetrics(const ml_ServiceMetrics& m) {
   ml_MetricsTotals t;
   t.Pairs = m.Pairs;
-  t.Cluster = m.Cluster.load();
   t.StartSeconds = m.StartSeconds;
   t.TakenOver = m.TakenOver.load();
   int32_t highest = 0;
@@ -40,6 +39,8 @@ ml_MetricsTotals ml_SumMetrics(const ml_ServiceMetrics& m) {
     t.References += p.References.load();
     t.Processes += p.PidsBeyond.load();
     if (p.HighestPid.load() > highest) highest = p.HighestPid.load();
+    const int32_t cluster = p.Cluster.load();
+    if (cluster >= 0 && (t.Cluster < 0 || cluster < t.Cluster)) t.Cluster = cluster;
   }
   // A process holding interests with two pairs is one process.
   const size_t words = static_cast<size_t>(highest) / 64 + 1;

@@ -51,6 +51,9 @@ struct ml_PairMetrics {
   std::atomic<int64_t> References{0};
   std::atomic<int64_t> PidsBeyond{0};  // holders whose id has no bit
   std::atomic<int32_t> HighestPid{0};  // no bit is set above it
+  // The other hosts of a cluster, as this process last found them: -1 this
+  // host alone, 0 they cannot be reached, 1 they can.
+  std::atomic<int32_t> Cluster{-1};
   std::atomic<uint64_t> Pids[ML_METRICS_PID_LIMIT / 64] = {};
 };
 
@@ -59,7 +62,6 @@ struct ml_ServiceMetrics {
   int32_t Pairs = 1;
   int64_t StartSeconds = 0;               // wall clock, seconds since the epoch
   std::atomic<int64_t> TakenOver{0};      // interests of live processes taken over at start
-  std::atomic<int32_t> Cluster{-1};       // -1: this host alone; 0: the others cannot be reached; 1: they can
   ml_PairMetrics Pair[ML_MAX_PAIRS];
 };
 
@@ -68,7 +70,8 @@ struct ml_MetricsTotals {
   uint64_t Requests[ML_REQ_KINDS] = {};
   uint64_t Dropped = 0, Malformed = 0, Refused = 0;
   int64_t Entries = 0, Marks = 0, References = 0, Processes = 0, TakenOver = 0;
-  int32_t Pairs = 1, Cluster = -1;
+  int32_t Pairs = 1;
+  int32_t Cluster = -1;  // 0 when any serving process cannot reach the other hosts
   int64_t StartSeconds = 0;
 };
 ml_MetricsTotals ml_SumMetrics(const ml_ServiceMetrics& m);

@@ -11,6 +11,7 @@
 //   sfl-monitor.start  flock'ed by a process that starts the service
 //   sfl-monitor.log    the service's log when it runs detached
 //   sfl-monitor.interests.N  the interests pair N holds (ml_keep.h)
+//   sfl-monitor.prom   the service's counts, rewritten every few seconds (ml_metrics.h)
 #ifndef KQ_ML_H
 #define KQ_ML_H
 
