@@ -6,7 +6,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <csignal>
 #include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <chrono>
 #include <map>
@@ -20,6 +23,7 @@
 
 #include "ml.h"
 #include "ml_metrics.h"
+#include "os.h"
 #include "sfl_int.h"
 #include "test_env.h"
 #include "test_util.h"
@@ -341,13 +345,37 @@ TEST(MetricsFile, TheRefreshTimeIsASetting) {
   unsetenv("SFL_MONITOR_METRICS_SECONDS");
 }
 
-TEST(MetricsFile, AWriteThatCannotBeMadeLeavesNothing) {
+TEST(MetricsFile, AWriteThatCannotBeMadeLeavesTheOldFileAndNoTemporary) {
+  const std::string dir = sfltest::TestDir();
   ml_MetricsTotals t;
-  EXPECT_EQ(ml_WriteMetrics(sfltest::TestDir() + "/no-such-dir", t, 0600), -1);
-  EXPECT_EQ(ml_WriteMetrics(sfltest::TestDir(), t, 0600), 0);
+  EXPECT_EQ(ml_WriteMetrics(dir + "/no-such-dir", t, 0600), -1);
+  t.Entries = 1;
+  ASSERT_EQ(ml_WriteMetrics(dir, t, 0600), 0);
+  const std::string before = sfltest::ReadWholeFile(ml_MetricsPath(dir));
   struct stat st {};
-  ASSERT_EQ(stat(ml_MetricsPath(sfltest::TestDir()).c_str(), &st), 0);
+  ASSERT_EQ(stat(ml_MetricsPath(dir).c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
+  t.Entries = 2;
+  for (os_Op op : {os_Op::Open, os_Op::Write, os_Op::Close, os_Op::Rename}) {
+    os_FailNth(op, 1, EIO);
+    EXPECT_EQ(ml_WriteMetrics(dir, t, 0600), -1) << os_OpName(op);
+    os_ClearFaults();
+    EXPECT_EQ(sfltest::ReadWholeFile(ml_MetricsPath(dir)), before) << os_OpName(op);
+    size_t temporaries = 0;
+    if (DIR* d = opendir(dir.c_str())) {
+      while (dirent* e = readdir(d)) temporaries += std::string(e->d_name).find(".tmp") != std::string::npos;
+      closedir(d);
+    }
+    EXPECT_EQ(temporaries, 0u) << os_OpName(op);
+  }
+}
+
+TEST(MetricsFormat, OnlyRequestsHaveAKind) {
+  EXPECT_EQ(ml_RequestKindOf(ML_MSG_RECORD), ML_REQ_RECORD);
+  EXPECT_EQ(ml_RequestKindOf(ML_MSG_WITHDRAW), ML_REQ_WITHDRAW);
+  EXPECT_EQ(ml_RequestKindOf(ML_MSG_CHECK), ML_REQ_CHECK);
+  EXPECT_EQ(ml_RequestKindOf(ML_MSG_TICK), -1);
+  EXPECT_EQ(ml_RequestKindOf(13), -1);
 }
 
 // ---- the running service, asked by real client processes ---------------------------------
@@ -481,6 +509,34 @@ TEST(MetricsService, InterestsTakenOverAtStartAreCounted) {
   release.Open();
   EXPECT_EQ(sfltest::WaitChild(holder), 0);
   sfltest::StopService();
+}
+
+TEST(MetricsService, AFileThatCannotBeWrittenIsLoggedOnce) {
+  const std::string run = sfltest::RunDir();
+  std::filesystem::create_directories(run + "/sfl-monitor.prom");  // the rename cannot replace it
+  chmod(run.c_str(), 0700);
+  const std::string log = sfltest::TestDir() + "/service.log";
+  setenv("SFL_MONITOR_METRICS_SECONDS", "1", 1);
+  const int service = sfltest::StartChild([&] {
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+    if (fd < 0 || dup2(fd, 2) < 0) return 90;
+    ml_ServiceOptions o;
+    o.RunDir = run;
+    return ml_RunService(o);
+  });
+  unsetenv("SFL_MONITOR_METRICS_SECONDS");
+  auto failures = [&] {
+    const std::string text = sfltest::ReadWholeFile(log);
+    size_t n = 0;
+    for (size_t at = text.find("cannot write"); at != std::string::npos; at = text.find("cannot write", at + 1)) ++n;
+    return n;
+  };
+  EXPECT_TRUE(sfltest::Eventually([&] { return failures() >= 1; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(2500));  // two more refreshes, both failing
+  kill(service, SIGTERM);
+  EXPECT_EQ(sfltest::WaitChild(service), 0);
+  EXPECT_EQ(failures(), 1u) << sfltest::ReadWholeFile(log);
+  EXPECT_NE(sfltest::ReadWholeFile(log).find(run + "/sfl-monitor.prom"), std::string::npos);
 }
 
 TEST(MetricsService, NoFileWhenSwitchedOff) {
