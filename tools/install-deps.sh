@@ -49,3 +49,21 @@ if [ -n "$need" ]; then
   apt-get update -qq >/dev/null
   apt-get install -y -qq $need >/dev/null
 fi
+
+# The multi-host test's cluster file system: GlusterFS (its daemon and its
+# FUSE client). Optional: without it (or when not root) the test says so
+# and shares a local directory between its hosts.
+need=""
+for p in glusterfs-server glusterfs-client; do
+  dpkg -s "$p" >/dev/null 2>&1 || need="$need $p"
+done
+if [ -n "$need" ]; then
+  if [ "$(id -u)" -ne 0 ]; then
+    echo "not installed (needs root):$need; the multi-host test runs without GlusterFS" >&2
+  else
+    echo "installing:$need"
+    export DEBIAN_FRONTEND=noninteractive
+    apt-get update -qq >/dev/null
+    apt-get install -y -qq $need >/dev/null
+  fi
+fi
