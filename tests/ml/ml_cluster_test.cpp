@@ -199,4 +199,15 @@ TEST_F(ClusterAnswers, MalformedMessagesChangeNothing) {
   EXPECT_EQ(hosts.holds, 0);
 }
 
+// Whether the other hosts can be asked is the cluster's own word, cheap to
+// ask; one that does not say is always reachable (this host alone).
+TEST_F(ClusterAnswers, ReachableIsWhatTheClusterSays) {
+  EXPECT_TRUE(view.Reachable());
+  struct Cut : Hosts {
+    bool Reachable() const override { return false; }
+  } cut;
+  ml_ClusterView cutView(&cut);
+  EXPECT_FALSE(cutView.Reachable());
+}
+
 }  // namespace

@@ -20,7 +20,6 @@ using nlohmann::json;
 
 constexpr long kConnectMs = 500;   // a member that does not take the connection by then is down
 constexpr long kRequestMs = 1500;  // one without a quorum does not answer by then
-constexpr int kRetryPauseMs = 100;
 constexpr int kRecoverEveryMs = 1000;  // between tries to come back, while lost
 
 int64_t nowMs() {
@@ -135,7 +134,14 @@ bool ReadClusterConfig(ClusterConfig* out, std::string* why) {
 EtcdCluster::EtcdCluster(ClusterConfig config) : config_(std::move(config)) {}
 
 EtcdCluster::~EtcdCluster() {
-  if (curl_ != nullptr) curl_easy_cleanup(static_cast<CURL*>(curl_));
+  {
+    std::lock_guard<std::mutex> g(mu_);
+    stop_ = true;
+  }
+  changed_.notify_all();
+  if (recovery_.joinable()) recovery_.join();
+  for (Client* c : {&serving_, &recovering_})
+    if (c->curl != nullptr) curl_easy_cleanup(static_cast<CURL*>(c->curl));
 }
 
 std::string EtcdCluster::KeyOf(const ml_RefKey& ref) const { return PrefixOf(ref) + config_.Host; }
@@ -152,11 +158,11 @@ std::string EtcdCluster::PrefixOf(const ml_RefKey& ref) const {
 
 // Posts to the member that answered last, then to each other one; the
 // answer of the first that gives one (HTTP 200), or nothing.
-std::optional<std::string> EtcdCluster::Post(const std::string& path, const std::string& body) {
-  CURL* c = static_cast<CURL*>(curl_);
+std::optional<std::string> EtcdCluster::Post(Client* via, const std::string& path, const std::string& body) {
+  CURL* c = static_cast<CURL*>(via->curl);
   if (c == nullptr) return std::nullopt;
   for (size_t n = 0; n < config_.Urls.size(); ++n) {
-    const size_t u = (url_ + n) % config_.Urls.size();
+    const size_t u = (via->url + n) % config_.Urls.size();
     const std::string url = config_.Urls[u] + path;
     std::string answer;
     curl_easy_reset(c);
@@ -171,15 +177,15 @@ std::optional<std::string> EtcdCluster::Post(const std::string& path, const std:
     long status = 0;
     if (curl_easy_perform(c) == CURLE_OK && curl_easy_getinfo(c, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK &&
         status == 200) {
-      url_ = u;
+      via->url = u;
       return answer;
     }
   }
   return std::nullopt;
 }
 
-bool EtcdCluster::Grant(std::string* lease) {
-  auto answer = Post("/v3/lease/grant", json{{"TTL", config_.LeaseSeconds}}.dump());
+bool EtcdCluster::Grant(Client* via, std::string* lease) {
+  auto answer = Post(via, "/v3/lease/grant", json{{"TTL", config_.LeaseSeconds}}.dump());
   if (!answer) return false;
   json j = json::parse(*answer, nullptr, false);
   if (j.is_discarded() || !j.contains("ID") || !j["ID"].is_string()) return false;
@@ -187,60 +193,120 @@ bool EtcdCluster::Grant(std::string* lease) {
   return true;
 }
 
-bool EtcdCluster::Put(const ml_RefKey& ref) {
-  const json body = {{"key", base64(KeyOf(ref))}, {"value", ""}, {"lease", lease_}};
-  return Post("/v3/kv/put", body.dump()).has_value();
+bool EtcdCluster::Put(Client* via, const ml_RefKey& ref, const std::string& lease) {
+  const json body = {{"key", base64(KeyOf(ref))}, {"value", ""}, {"lease", lease}};
+  return Post(via, "/v3/kv/put", body.dump()).has_value();
 }
 
+bool EtcdCluster::Delete(Client* via, const ml_RefKey& ref) {
+  return Post(via, "/v3/kv/deleterange", json{{"key", base64(KeyOf(ref))}}.dump()).has_value();
+}
+
+// In the serving thread: from now on nothing is answered from etcd until the
+// recovery thread has come back.
 void EtcdCluster::Lose(const char* what) {
+  std::lock_guard<std::mutex> g(mu_);
   if (!lost_)
     logLine("pair %d: etcd lost (%s): every file counts as held elsewhere, records wait then fail",
             pair_, what);
   lost_ = true;
-  nextRecoverMs_ = 0;
+  changed_.notify_all();
 }
 
-// A fresh lease, every key this process should hold put under it, and only
-// then the old lease revoked (taking whatever it still held that we no
-// longer hold).
-bool EtcdCluster::Recover() {
-  std::string old = lease_;
+// A fresh lease, every key this process should hold put under it (and any
+// put meanwhile that it no longer holds deleted again), and only then, in
+// one step with the keys unchanged, the lease made current and the old one
+// revoked (taking whatever it still held that we no longer hold).
+bool EtcdCluster::Recover(Client* via) {
   std::string fresh;
-  if (!Grant(&fresh)) return false;
-  lease_ = fresh;
-  for (const ml_RefKey& ref : keys_) {
-    if (!Put(ref)) {
-      lease_ = old;
-      return false;
+  if (!Grant(via, &fresh)) return false;
+  std::set<ml_RefKey> put;
+  std::string old;
+  for (;;) {
+    std::set<ml_RefKey> want;
+    {
+      std::lock_guard<std::mutex> g(mu_);
+      if (stop_) return false;
+      if (want = keys_; want == put) {
+        old = lease_;
+        lease_ = fresh;
+        lost_ = false;
+        break;
+      }
+    }
+    for (const ml_RefKey& ref : want)
+      if (put.count(ref) == 0) {
+        if (!Put(via, ref, fresh)) return false;
+        put.insert(ref);
+      }
+    for (auto it = put.begin(); it != put.end();) {
+      if (want.count(*it) != 0) {
+        ++it;
+        continue;
+      }
+      if (!Delete(via, *it)) return false;
+      it = put.erase(it);
     }
   }
-  if (!old.empty()) Post("/v3/lease/revoke", json{{"ID", old}}.dump());
-  lost_ = false;
-  nextKeepMs_ = nowMs() + config_.LeaseSeconds * 1000 / 3;
+  if (!old.empty()) Post(via, "/v3/lease/revoke", json{{"ID", old}}.dump());
   logLine("pair %d: etcd reachable: host %s, lease %s, %zu reference(s) registered", pair_,
-          config_.Host.c_str(), lease_.c_str(), keys_.size());
+          config_.Host.c_str(), fresh.c_str(), put.size());
   return true;
+}
+
+// The recovery thread: while lost, tries to come back every so often;
+// sleeps while etcd answers.
+void EtcdCluster::RecoverLoop() {
+  std::unique_lock<std::mutex> g(mu_);
+  while (!stop_) {
+    if (!lost_) {
+      changed_.wait(g);
+      continue;
+    }
+    g.unlock();
+    const bool back = Recover(&recovering_);
+    g.lock();
+    if (back) {
+      changed_.notify_all();
+    } else if (!stop_) {
+      changed_.wait_for(g, std::chrono::milliseconds(kRecoverEveryMs));
+    }
+  }
 }
 
 void EtcdCluster::Begin(int pair) {
   pair_ = pair;
-  curl_ = curl_easy_init();
+  serving_.curl = curl_easy_init();
+  recovering_.curl = curl_easy_init();
   lost_ = true;
   lease_.clear();
-  if (!Recover()) logLine("pair %d: etcd not reachable at start; records wait then fail until it is", pair_);
+  // The first registration is made before the first answer: a service that
+  // finds etcd at once answers from it at once.
+  if (Recover(&serving_))
+    nextKeepMs_ = nowMs() + config_.LeaseSeconds * 1000 / 3;
+  else
+    logLine("pair %d: etcd not reachable at start; records wait then fail until it is", pair_);
+  recovery_ = std::thread([this] { RecoverLoop(); });
 }
 
 bool EtcdCluster::Hold(const ml_RefKey& ref) {
-  keys_.insert(ref);
-  const int64_t deadline = nowMs() + config_.RecordWaitMs;
-  for (;;) {
-    if (!lost_) {
-      if (Put(ref)) return true;
-      Lose("put failed");
-    }
-    if (Recover()) return true;  // which put this one too
-    if (nowMs() + kRetryPauseMs >= deadline) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(kRetryPauseMs));
+  std::string lease;
+  {
+    std::lock_guard<std::mutex> g(mu_);
+    keys_.insert(ref);
+    lease = lease_;
+  }
+  if (!lost_) {
+    if (Put(&serving_, ref, lease)) return true;
+    Lose("put failed");
+  }
+  // The recovery thread puts every key of keys_, this one among them,
+  // before it says etcd is back.
+  std::unique_lock<std::mutex> g(mu_);
+  const bool back = changed_.wait_for(g, std::chrono::milliseconds(config_.RecordWaitMs), [&] { return !lost_; });
+  if (back) {
+    nextKeepMs_ = nowMs() + config_.LeaseSeconds * 1000 / 3;
+    return true;
   }
   keys_.erase(ref);
   logLine("pair %d: record refused (reason 380): etcd not reachable within %d ms", pair_,
@@ -249,14 +315,22 @@ bool EtcdCluster::Hold(const ml_RefKey& ref) {
 }
 
 void EtcdCluster::Adopt(const ml_RefKey& ref) {
-  keys_.insert(ref);
-  if (!lost_ && !Put(ref)) Lose("put failed");
+  std::string lease;
+  {
+    std::lock_guard<std::mutex> g(mu_);
+    keys_.insert(ref);
+    lease = lease_;
+  }
+  if (!lost_ && !Put(&serving_, ref, lease)) Lose("put failed");
 }
 
 void EtcdCluster::Release(const ml_RefKey& ref) {
-  keys_.erase(ref);
-  if (lost_) return;  // the old lease, revoked on recovery, takes it
-  if (!Post("/v3/kv/deleterange", json{{"key", base64(KeyOf(ref))}}.dump())) Lose("delete failed");
+  {
+    std::lock_guard<std::mutex> g(mu_);
+    keys_.erase(ref);
+  }
+  if (lost_) return;  // the recovery deletes it, or the old lease, revoked, takes it
+  if (!Delete(&serving_, ref)) Lose("delete failed");
 }
 
 int EtcdCluster::Others(const ml_RefKey& ref) {
@@ -267,7 +341,7 @@ int EtcdCluster::Others(const ml_RefKey& ref) {
   // Linearizable (the default): whatever any host put before this read began
   // is seen.
   const json body = {{"key", base64(prefix)}, {"range_end", base64(end)}, {"keys_only", true}};
-  auto answer = Post("/v3/kv/range", body.dump());
+  auto answer = Post(&serving_, "/v3/kv/range", body.dump());
   json j = answer ? json::parse(*answer, nullptr, false) : json();
   if (!answer || j.is_discarded() || !j.is_object() || !j.contains("header")) {
     Lose("read failed");
@@ -282,26 +356,21 @@ int EtcdCluster::Others(const ml_RefKey& ref) {
 }
 
 void EtcdCluster::Tick() {
+  if (lost_) return;  // the recovery thread is at work
   const int64_t now = nowMs();
-  if (lost_) {
-    if (now >= nextRecoverMs_) {
-      // Counted from the end of the try: one that waits out its timeouts
-      // must still leave the serving process time to answer in between.
-      if (!Recover()) nextRecoverMs_ = nowMs() + kRecoverEveryMs;
-    }
-    return;
-  }
   if (now < nextKeepMs_) return;
   nextKeepMs_ = now + config_.LeaseSeconds * 1000 / 3;
-  auto answer = Post("/v3/lease/keepalive", json{{"ID", lease_}}.dump());
+  std::string lease;
+  {
+    std::lock_guard<std::mutex> g(mu_);
+    lease = lease_;
+  }
+  auto answer = Post(&serving_, "/v3/lease/keepalive", json{{"ID", lease}}.dump());
   if (!answer) {
     Lose("keep-alive failed");
     return;
   }
   json j = json::parse(*answer, nullptr, false);
   const bool alive = !j.is_discarded() && j.contains("result") && j["result"].contains("TTL");
-  if (!alive) {
-    Lose("lease expired");
-    Recover();
-  }
+  if (!alive) Lose("lease expired");
 }

@@ -5,16 +5,21 @@
 // `host` holds the reference; every key of one serving process lives under
 // one lease that the process keeps alive. When etcd cannot be reached (no
 // member answers, or none with a quorum) the process counts as lost: Others
-// answers -1 at once, Hold keeps trying for the bounded time, and the
-// periodic work tries to come back with a fresh lease under which it puts
-// every key it should hold before anything else is answered from etcd.
+// answers -1 at once, Hold waits the bounded time for etcd to come back, and
+// a thread of its own (so that no answer waits on etcd's timeouts) tries to
+// come back with a fresh lease under which it puts every key the process
+// should hold before anything is answered from etcd again.
 #ifndef SFL_MONITOR_ETCD_H
 #define SFL_MONITOR_ETCD_H
 
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ml_cluster.h"
@@ -43,24 +48,37 @@ class EtcdCluster : public ml_Cluster {
   int Others(const ml_RefKey& ref) override;
   void Tick() override;
 
+ // Whether etcd answers this process now (cheap: no call is made).
+  bool Reachable() const override { return !lost_.load(); }
+
  private:
-  std::optional<std::string> Post(const std::string& path, const std::string& body);
-  bool Grant(std::string* lease);
-  bool Put(const ml_RefKey& ref);
-  bool Recover();
+  struct Client {
+    void* curl = nullptr;
+    size_t url = 0;  // the member tried first
+  };
+  std::optional<std::string> Post(Client* via, const std::string& path, const std::string& body);
+  bool Grant(Client* via, std::string* lease);
+  bool Put(Client* via, const ml_RefKey& ref, const std::string& lease);
+  bool Delete(Client* via, const ml_RefKey& ref);
+  bool Recover(Client* via);
+  void RecoverLoop();
   void Lose(const char* what);
   std::string KeyOf(const ml_RefKey& ref) const;
   std::string PrefixOf(const ml_RefKey& ref) const;
 
   ClusterConfig config_;
   int pair_ = 0;
-  void* curl_ = nullptr;
-  size_t url_ = 0;          // the member tried first
-  std::string lease_;       // empty: none granted
-  bool lost_ = true;
+  Client serving_, recovering_;  // one connection each: the answers' and the recovery's
   int64_t nextKeepMs_ = 0;
-  int64_t nextRecoverMs_ = 0;
-  std::set<ml_RefKey> keys_;  // what this process should have in etcd
+
+  // Shared with the recovery thread.
+  std::mutex mu_;
+  std::condition_variable changed_;
+  std::string lease_;             // empty: none granted
+  std::atomic<bool> lost_{true};
+  bool stop_ = false;
+  std::set<ml_RefKey> keys_;      // what this process should have in etcd
+  std::thread recovery_;
 };
 
 #endif  // SFL_MONITOR_ETCD_H

@@ -43,6 +43,10 @@ class ml_Cluster {
   // Periodic work: keeping this host's entries alive, registering them again
   // after a loss.
   virtual void Tick() = 0;
+  // Whether the other hosts can be asked now, answered from what is known
+  // (no call is made): false from a loss until this host's entries are
+  // registered again.
+  virtual bool Reachable() const { return true; }
 };
 
 class ml_ClusterView {
@@ -62,6 +66,8 @@ class ml_ClusterView {
   void Sweep(ml_InterestTable& table);
   // Periodic: the cluster's own work.
   void Tick() { cluster_->Tick(); }
+  // As ml_Cluster::Reachable.
+  bool Reachable() const { return cluster_->Reachable(); }
 
   size_t Held() const { return held_.size(); }
 
