@@ -356,7 +356,10 @@ void serve(Server& s, KeepGoing keepGoing) {
     }
     if (tick || now >= nextCheck) {
       nextCheck = now + kTickMs;
-      if (s.cluster != nullptr) s.cluster->Tick();
+      if (s.cluster != nullptr) {
+        s.cluster->Tick();
+        if (s.metrics != nullptr) s.metrics->Cluster.store(s.cluster->Reachable() ? 1 : 0);
+      }
       if (!keepGoing()) return;
     }
   }
