@@ -315,6 +315,15 @@ std::vector<sfl_ItemInfo> Container::Slots() const {
   return slots;
 }
 
+// Bytes of the file that neither the header, the item table nor any item
+// (the free map included) holds: what a compaction would give back.
+uint64_t HoleBytes(uint64_t fileSize, const std::vector<sfl_ItemInfo>& slots) {
+  uint64_t held = kBlockBytes + (slots.size() * 64 + kBlockBytes - 1) / kBlockBytes * kBlockBytes;
+  for (const sfl_ItemInfo& s : slots)
+    if (s.InUse) held += uint64_t{s.UsedBlocks} * kBlockBytes;
+  return fileSize > held ? fileSize - held : 0;
+}
+
 std::string PendingNote() {
   return "its space is freed when the last process holding the container closes it";
 }

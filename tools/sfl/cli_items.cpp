@@ -276,15 +276,6 @@ std::string ItemRefIn(const sfl_ItemRef& container, uint32_t n) {
   return RefText(r);
 }
 
-// Bytes of the file that neither the header, the item table nor any item
-// (the free map included) holds: what a compaction would give back.
-uint64_t HoleBytes(uint64_t fileSize, const std::vector<sfl_ItemInfo>& slots) {
-  uint64_t held = kBlockBytes + (slots.size() * 64 + kBlockBytes - 1) / kBlockBytes * kBlockBytes;
-  for (const sfl_ItemInfo& s : slots)
-    if (s.InUse) held += uint64_t{s.UsedBlocks} * kBlockBytes;
-  return fileSize > held ? fileSize - held : 0;
-}
-
 // `sfl ls` without a container: the containers of the store, a page at a
 // time (--skip, --limit), each with its items, bytes and holes.
 int ListStore(const Args& a) {
