@@ -81,6 +81,9 @@ const std::vector<Command>& ServiceCommands();
 const std::vector<Command>& CheckCommands();
 const std::vector<Command>& CompactCommands();
 const std::vector<Command>& DumpCommands();
+const std::vector<Command>& StatsCommands();
+const std::vector<Command>& BackupCommands();
+const std::vector<Command>& ImportCommands();
 
 // Parses the words after the command name. Returns false when `--help` was
 // given (the caller prints the help). Throws UsageError.
@@ -150,6 +153,10 @@ struct StoreEntry {
 // the store root itself is missing or no directory.
 std::vector<StoreEntry> StoreContainers();
 inline uint32_t ItemNumber(const sfl_ItemRef& ref) { return ref.Flags & SFL_ITEM_NUM_MASK; }
+
+// Bytes of a container file that neither the header, the item table nor any
+// item (the free map included) holds: what a compaction would give back.
+uint64_t HoleBytes(uint64_t fileSize, const std::vector<sfl_ItemInfo>& slots);
 
 // What waits for an item deleted while another process holds its container.
 std::string PendingNote();

@@ -57,6 +57,16 @@ const Extra kExtras[] = {
      "$ sfl check --repair 2.17.4113\n"},
     {"dump", "$ sfl dump 2.17.4113 --item 1\n"},
     {"service", "$ sfl service status\n$ sfl service stop --force\n"},
+    {"stats",
+     "$ sfl stats\ncontainers             1\nitems                  2\nbytes stored           3010\n"
+     "bytes on disk          4152\nfree in holes          56\nover compaction limits 0\n"},
+    {"backup",
+     "$ sfl backup /backup/mon\n2.17.4113  4152 bytes, writers kept out 0.2 ms\n"
+     "1 container copied, 0 unchanged, 4152 bytes, all checked clean\n"
+     "stamp 1795520547000000000 (sfl backup --since 1795520547000000000 copies what changed "
+     "after this backup)\n"
+     "$ sfl backup /backup/tue --since 1795520547000000000\n"},
+    {"restore", "$ sfl restore /backup/mon --beside ./restored\n1 container restored into ./restored\n"},
 };
 
 const Extra* ExtraOf(const Command& cmd) {
@@ -171,6 +181,9 @@ std::string ExitStatusOf(const Command& cmd) {
   if (name == "check")
     return "0 no container has a fault, 1 one has or a check failed, 2 bad usage, "
            "3 a container could not be read";
+  if (name == "ls" || name == "stats")
+    return "0 success, 1 failure, 2 bad usage, 3 part of the store could not be read";
+  if (name == "backup") return "0 every container copied and checked clean, 1 failure (no manifest written), 2 bad usage, 3 part of the store could not be read";
   if (name == "ls") return "0 success, 1 failure, 2 bad usage, 3 part of the store could not be read";
   return "0 success, 1 failure, 2 bad usage";
 }

@@ -45,7 +45,8 @@ std::vector<const Command*> AllCommands() {
   std::vector<const Command*> all;
   for (const auto* table : {&cli::ItemCommands(), &cli::StreamCommands(), &cli::BlockCommands(),
                             &cli::ServiceCommands(), &cli::CheckCommands(),
-                            &cli::CompactCommands(), &cli::DumpCommands()})
+                            &cli::CompactCommands(), &cli::DumpCommands(), &cli::StatsCommands(),
+                            &cli::BackupCommands()})
     for (const Command& c : *table) all.push_back(&c);
   return all;
 }
