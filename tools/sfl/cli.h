@@ -269,6 +269,16 @@ class TransferProgress {
   uint64_t shownMiB_ = UINT64_MAX;
 };
 
+// ---- files and child processes ---------------------------------------------------
+// Makes a directory and its parents; SystemFailure when it cannot.
+void MakeDirs(const std::string& dir);
+// The directory part of a path ("." when there is none).
+std::string ParentDir(const std::string& path);
+// Runs this program with `args` and the environment changes; what it prints
+// (both streams) is given back in `output`. Returns its exit status.
+int RunSelf(const std::vector<std::string>& args, const std::map<std::string, std::string>& env,
+            std::string* output);
+
 // ---- blocked items ------------------------------------------------------------
 // Whether the blocked item holds no blocks at all.
 bool HoldsNoBlocks(int32_t item);

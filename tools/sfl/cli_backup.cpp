@@ -43,6 +43,14 @@ int64_t Nanos(clockid_t clock) {
   return int64_t{ts.tv_sec} * 1000000000 + ts.tv_nsec;
 }
 
+std::string SelfProgram() {
+  char self[PATH_MAX];
+  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) throw SystemFailure{errno, "/proc/self/exe", "finding this program"};
+  self[n] = '\0';
+  return self;
+}
+
 class Fd {
  public:
   explicit Fd(int fd) : fd_(fd) {}
@@ -61,11 +69,56 @@ class Fd {
   int fd_;
 };
 
+}  // namespace
+
 void MakeDirs(const std::string& dir) {
   std::error_code ec;
   fs::create_directories(dir, ec);
   if (ec) throw SystemFailure{ec.value(), dir, "making the directory"};
 }
+
+std::string ParentDir(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash);
+}
+
+// Runs this program with `args` and the environment changes; what it prints
+// (both streams) is given back in `output`. Returns its exit status.
+int RunSelf(const std::vector<std::string>& args, const std::map<std::string, std::string>& env,
+            std::string* output) {
+  std::vector<std::string> argv = {SelfProgram()};
+  argv.insert(argv.end(), args.begin(), args.end());
+  int pipeFds[2];
+  if (pipe2(pipeFds, O_CLOEXEC) != 0) throw SystemFailure{errno, argv[0], "starting"};
+  std::fflush(nullptr);
+  const pid_t pid = fork();
+  if (pid < 0) throw SystemFailure{errno, argv[0], "starting"};
+  if (pid == 0) {
+    for (const auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
+    dup2(pipeFds[1], 1);
+    dup2(pipeFds[1], 2);
+    std::vector<char*> av;
+    for (std::string& s : argv) av.push_back(s.data());
+    av.push_back(nullptr);
+    execv(av[0], av.data());
+    _exit(127);
+  }
+  close(pipeFds[1]);
+  *output = ReadAll(pipeFds[0]);
+  close(pipeFds[0]);
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+namespace {
+
+std::string Trimmed(std::string s) {
+  while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
+  return s;
+}
+
 
 void SyncPath(const std::string& path, bool dir) {
   const int fd = open(path.c_str(), (dir ? O_RDONLY | O_DIRECTORY : O_WRONLY) | O_CLOEXEC);
@@ -74,16 +127,6 @@ void SyncPath(const std::string& path, bool dir) {
   const int err = errno;
   close(fd);
   if (rc != 0) throw SystemFailure{err, path, "flushing"};
-}
-
-std::string Trimmed(std::string s) {
-  while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
-  return s;
-}
-
-std::string Parent(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash);
 }
 
 // Bytes per second a copy reads at most (--limit-rate); 0: no limit.
@@ -140,43 +183,6 @@ std::string FileSum(const std::string& path, uint64_t* size) {
 
 // ---- child processes of the tool itself --------------------------------------------
 
-std::string SelfProgram() {
-  char self[PATH_MAX];
-  const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n <= 0) throw SystemFailure{errno, "/proc/self/exe", "finding this program"};
-  self[n] = '\0';
-  return self;
-}
-
-// Runs this program with `args` and the environment changes; what it prints
-// (both streams) is given back in `output`. Returns its exit status.
-int RunSelf(const std::vector<std::string>& args, const std::map<std::string, std::string>& env,
-            std::string* output) {
-  std::vector<std::string> argv = {SelfProgram()};
-  argv.insert(argv.end(), args.begin(), args.end());
-  int pipeFds[2];
-  if (pipe2(pipeFds, O_CLOEXEC) != 0) throw SystemFailure{errno, argv[0], "starting"};
-  std::fflush(nullptr);
-  const pid_t pid = fork();
-  if (pid < 0) throw SystemFailure{errno, argv[0], "starting"};
-  if (pid == 0) {
-    for (const auto& [k, v] : env) setenv(k.c_str(), v.c_str(), 1);
-    dup2(pipeFds[1], 1);
-    dup2(pipeFds[1], 2);
-    std::vector<char*> av;
-    for (std::string& s : argv) av.push_back(s.data());
-    av.push_back(nullptr);
-    execv(av[0], av.data());
-    _exit(127);
-  }
-  close(pipeFds[1]);
-  *output = ReadAll(pipeFds[0]);
-  close(pipeFds[0]);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 // Checks the containers `rels` (paths under `root`) with the integrity check,
 // in a child process whose store root is `root` and whose interest service is
@@ -352,7 +358,7 @@ int RunBackup(const Args& a) {
       }
     }
     const std::string rel = RelativeToRoot(e.path, root);
-    MakeDirs(Parent(dest + "/" + rel));
+    MakeDirs(ParentDir(dest + "/" + rel));
     Copied c = CopyContainer(e.path, dest + "/" + rel);
     if (c.gone) {
       gone.push_back(e.ref);
@@ -519,7 +525,7 @@ int RunRestore(const Args& a) {
       progress.Show(i);
       const ManifestEntry& e = entries[i];
       const std::string to = target + "/" + e.rel;
-      MakeDirs(Parent(to));
+      MakeDirs(ParentDir(to));
       Fd in(open((src + "/" + e.rel).c_str(), O_RDONLY | O_CLOEXEC));
       if (in.get() < 0) throw SystemFailure{errno, src + "/" + e.rel, "opening"};
       parts.push_back(to + ".restoring");
@@ -534,7 +540,7 @@ int RunRestore(const Args& a) {
   for (const ManifestEntry& e : entries) {
     const std::string to = target + "/" + e.rel;
     if (rename((to + ".restoring").c_str(), to.c_str()) != 0) throw SystemFailure{errno, to, "renaming"};
-    SyncPath(Parent(to), true);
+    SyncPath(ParentDir(to), true);
   }
   if (a.Has("json"))
     std::printf("{\"source\": %s, \"target\": %s, \"restored\": %zu}\n", JsonString(src).c_str(),

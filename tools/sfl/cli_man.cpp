@@ -66,6 +66,16 @@ const Extra kExtras[] = {
      "stamp 1795520547000000000 (sfl backup --since 1795520547000000000 copies what changed "
      "after this backup)\n"
      "$ sfl backup /backup/tue --since 1795520547000000000\n"},
+    {"import",
+     "$ sfl import Maildir --map mail.map\n"
+     "sfl import: 3 files: 3 stored now, 0 by an earlier run\n"
+     "$ cat mail.map\n2.17.4120:1 cur/1700000000.1.host:2,S\n"
+     "2.17.4120:2 cur/1700000001.2.host:2,S\n2.17.4120:3 new/1700000002.3.host\n"},
+    {"export",
+     "$ sfl export --all out --names mail.map --manifest out.manifest\n"
+     "sfl export: 3 files, 5120 bytes\n$ diff -r Maildir out\n"
+     "$ sfl export 2.17.4120:2 one\n"
+     "2.17.4120:2 1706 3b5d...e1 2.17.4120/2\n"},
     {"restore", "$ sfl restore /backup/mon --beside ./restored\n1 container restored into ./restored\n"},
 };
 

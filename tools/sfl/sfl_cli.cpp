@@ -46,7 +46,7 @@ std::vector<const Command*> AllCommands() {
   for (const auto* table : {&cli::ItemCommands(), &cli::StreamCommands(), &cli::BlockCommands(),
                             &cli::ServiceCommands(), &cli::CheckCommands(),
                             &cli::CompactCommands(), &cli::DumpCommands(), &cli::StatsCommands(),
-                            &cli::BackupCommands()})
+                            &cli::BackupCommands(), &cli::ImportCommands()})
     for (const Command& c : *table) all.push_back(&c);
   return all;
 }
