@@ -442,8 +442,7 @@ int RunBackup(const Args& a) {
     for (const std::string& g : gone) std::printf("%s  removed before it was copied\n", g.c_str());
     std::printf("%zu container%s copied, %zu unchanged, %llu bytes, all checked clean\n", copied.size(),
                 copied.size() == 1 ? "" : "s", unchanged.size(), static_cast<unsigned long long>(bytes));
-    std::printf("stamp %lld (sfl backup --since %lld copies what changed after this backup)\n",
-                static_cast<long long>(stamp), static_cast<long long>(stamp));
+    std::printf("stamp %lld: give it to --since for the next backup\n", static_cast<long long>(stamp));
   }
   return kExitOk;
 }

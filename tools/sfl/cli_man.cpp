@@ -63,8 +63,7 @@ const Extra kExtras[] = {
     {"backup",
      "$ sfl backup /backup/mon\n2.17.4113  4152 bytes, writers kept out 0.2 ms\n"
      "1 container copied, 0 unchanged, 4152 bytes, all checked clean\n"
-     "stamp 1795520547000000000 (sfl backup --since 1795520547000000000 copies what changed "
-     "after this backup)\n"
+     "stamp 1795520547000000000: give it to --since for the next backup\n"
      "$ sfl backup /backup/tue --since 1795520547000000000\n"},
     {"import",
      "$ sfl import Maildir --map mail.map\n"
@@ -74,8 +73,8 @@ const Extra kExtras[] = {
     {"export",
      "$ sfl export --all out --names mail.map --manifest out.manifest\n"
      "sfl export: 3 files, 5120 bytes\n$ diff -r Maildir out\n"
-     "$ sfl export 2.17.4120:2 one\n"
-     "2.17.4120:2 1706 3b5d...e1 2.17.4120/2\n"},
+     "$ sfl export 2.17.4120:2 one --manifest one.manifest\n"
+     "sfl export: 1 files, 1706 bytes\n"},
     {"restore", "$ sfl restore /backup/mon --beside ./restored\n1 container restored into ./restored\n"},
 };
 
