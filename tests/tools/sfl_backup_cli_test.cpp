@@ -434,3 +434,19 @@ TEST(SflBackupTool, AWriterWaitsForTheCopyOfItsContainerAndNoLonger) {
   // The lock is gone with the copy.
   EXPECT_TRUE(sfltest::LockableElsewhere(bigPath, 0, 128));
 }
+
+TEST(SflBackupTool, NeitherABackupNorARestoreBesideGoesInsideTheStoreRoot) {
+  MakeContainers(1);
+  const Outcome in = Sfl({"backup", sfltest::StoreRoot() + "/copy"});
+  EXPECT_EQ(in.status, 2);
+  EXPECT_NE(in.err.find("cannot go inside the store root"), std::string::npos) << in.err;
+  struct stat st;
+  EXPECT_NE(::stat((sfltest::StoreRoot() + "/copy").c_str(), &st), 0);
+  const std::string dest = sfltest::TestDir() + "/b";
+  ASSERT_EQ(Sfl({"backup", dest}).status, 0);
+  EXPECT_EQ(Sfl({"restore", dest, "--beside", sfltest::StoreRoot()}).status, 2);
+  // A second backup into the same directory is refused: its manifest is there.
+  const Outcome again = Sfl({"backup", dest});
+  EXPECT_EQ(again.status, 1);
+  EXPECT_NE(again.err.find("holds a backup already"), std::string::npos) << again.err;
+}

@@ -114,6 +114,15 @@ int RunSelf(const std::vector<std::string>& args, const std::map<std::string, st
 
 namespace {
 
+// Whether `path` is `dir` or lies under it (the parts that do not exist yet
+// taken as written).
+bool Within(const std::string& path, const std::string& dir) {
+  std::error_code ec;
+  const std::string p = fs::weakly_canonical(path, ec).string();
+  const std::string d = fs::weakly_canonical(dir, ec).string();
+  return p == d || p.compare(0, d.size() + 1, d + "/") == 0;
+}
+
 std::string Trimmed(std::string s) {
   while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
   return s;
@@ -332,6 +341,7 @@ int RunBackup(const Args& a) {
       entries.push_back({RefText(e.ref), e.path});
     }
   }
+  if (Within(dest, root)) throw UsageError{"the backup cannot go inside the store root " + root};
   struct stat st;
   if (stat((dest + "/" + kManifest).c_str(), &st) == 0)
     throw Failure{dest + " holds a backup already; give a new directory"};
@@ -506,6 +516,8 @@ int RunRestore(const Args& a) {
 
   const bool beside = a.Has("beside");
   const std::string target = beside ? a.Get("beside") : StoreRootText();
+  if (beside && Within(target, StoreRootText()))
+    throw UsageError{"--beside names the store root or a directory in it; restore in place without --beside"};
   if (!beside) {
     // Only a store no process holds is replaced. The service knows; a
     // service that holds no interest is stopped (the library starts one
