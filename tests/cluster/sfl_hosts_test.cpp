@@ -867,7 +867,9 @@ TEST_P(Hosts, LossOfQuorumStopsReleasesUntilItComesBack) {
   ASSERT_TRUE(WaitStep(sh_, 5, 60)) << "stuck at step " << sh_->step.load() << " in " << sfltest::TestDir();
   EXPECT_EQ(sh_->got[1].load(), ER_GROUP_MONIT * 100000 + ML_R_NOT_AVAILABLE);
   EXPECT_LT(sh_->got[2].load(), 8000) << "a record waited past its bound";
-  EXPECT_LT(sh_->got[5].load(), 1000) << "closes without a quorum waited for etcd";
+  // Waiting on etcd costs two seconds and more (its timeout); a busy
+  // machine may slow the answer itself past one.
+  EXPECT_LT(sh_->got[5].load(), 1800) << "closes without a quorum waited for etcd";
   EXPECT_NE(U32At(path, 20) & ITEM_PEND_DEL, 0u) << "released without a quorum";
   EXPECT_NE(InodeOf(path), ino_t{0});
   etcd_->Start(1);
