@@ -262,11 +262,9 @@ bool ml_ReadState(const std::string& runDir, ml_State* out) {
   return ok && ml_ParseState(text, out);
 }
 
-int ml_PublishState(const std::string& runDir, const ml_State& st, mode_t mode) {
-  const std::string path = ml_StatePath(runDir);
-  const std::string tmp = path + "." + std::to_string(os_getpid()) + ".tmp";
-  const std::string text = ml_FormatState(st);
-  int fd = os_open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode);
+int ml_ReplaceFile(const std::string& path, const std::string& tmp, const std::string& text,
+                   mode_t mode) {
+  int fd = os_open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd < 0) return -1;
   size_t done = 0;
   while (done < text.size()) {
@@ -283,6 +281,12 @@ int ml_PublishState(const std::string& runDir, const ml_State& st, mode_t mode) 
     return -1;
   }
   return 0;
+}
+
+int ml_PublishState(const std::string& runDir, const ml_State& st, mode_t mode) {
+  const std::string path = ml_StatePath(runDir);
+  return ml_ReplaceFile(path, path + "." + std::to_string(os_getpid()) + ".tmp", ml_FormatState(st),
+                        mode);
 }
 
 // ---- the service lock -------------------------------------------------------------------

@@ -117,24 +117,7 @@ int ml_WriteMetrics(const std::string& runDir, const ml_MetricsTotals& t, mode_t
   const std::string path = ml_MetricsPath(runDir);
   // Not "*.prom": a collector reading the directory must not take it.
   const std::string tmp = runDir + "/.sfl-monitor.prom." + std::to_string(os_getpid()) + ".tmp";
-  const std::string text = ml_FormatMetrics(t);
-  int fd = os_open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
-  if (fd < 0) return -1;
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = os_write(fd, text.data() + done, text.size() - done);
-    if (n <= 0) {
-      os_close(fd);
-      os_unlink(tmp.c_str());
-      return -1;
-    }
-    done += static_cast<size_t>(n);
-  }
-  if (os_close(fd) != 0 || os_rename(tmp.c_str(), path.c_str()) != 0) {
-    os_unlink(tmp.c_str());
-    return -1;
-  }
-  return 0;
+  return ml_ReplaceFile(path, tmp, ml_FormatMetrics(t), mode);
 }
 
 int ml_MetricsSeconds() {

@@ -81,6 +81,10 @@ bool ml_ParseState(const std::string& text, ml_State* out);
 // false when absent, malformed, or not to be trusted (not a regular file, a
 // symbolic link, another owner's, writable by its group or others).
 bool ml_ReadState(const std::string& runDir, ml_State* out);
+// Writes `text` as the whole of `path` at once: into `tmp` (in the same
+// directory), then renamed over `path`; a failure removes `tmp`. 0 or -1.
+int ml_ReplaceFile(const std::string& path, const std::string& tmp, const std::string& text,
+                   mode_t mode);
 // Writes the state file atomically (temporary file, then rename). 0 or -1.
 int ml_PublishState(const std::string& runDir, const ml_State& st, mode_t mode);
 
