@@ -432,3 +432,35 @@ TEST(MlConfig, GroupKeyGivesTheOnDemandServiceItsGroup) {
 }
 
 }  // namespace
+
+TEST(MlRunDir, AnEmptySettingCountsAsNoSetting) {
+  setenv("SFL_RUN_DIR", "", 1);
+  setenv("XDG_RUNTIME_DIR", "/run/user/42", 1);
+  EXPECT_EQ("/run/user/42/sfl", ml_RunDir());
+  setenv("XDG_RUNTIME_DIR", "", 1);
+  EXPECT_EQ("/tmp/sfl-run-" + std::to_string(getuid()), ml_RunDir());
+  unsetenv("XDG_RUNTIME_DIR");
+  setenv("SFL_RUN_DIR", RunDir().c_str(), 1);
+}
+
+TEST(MlTrust, AnEmptyOrImpossibleServiceAccountTrustsNoOtherUser) {
+  setenv("SFL_SERVICE_USER", "4242", 1);
+  EXPECT_TRUE(ml_TrustedOwner(4242));  // the account itself
+  setenv("SFL_SERVICE_USER", "", 1);
+  EXPECT_FALSE(ml_TrustedOwner(4242));
+  // The highest number is no account's (it stands for "no user" in the
+  // system's calls), so a setting of it trusts nobody, that number included.
+  setenv("SFL_SERVICE_USER", std::to_string(static_cast<uid_t>(-1)).c_str(), 1);
+  EXPECT_FALSE(ml_TrustedOwner(static_cast<uid_t>(-1)));
+  unsetenv("SFL_SERVICE_USER");
+}
+
+TEST(MlState, AStateFileThatIsADirectoryIsNotReadAndSaysWhy) {
+  const std::string dir = RunDir() + "/state-dir";
+  ASSERT_EQ(0, ml_PrepareRunDir(dir, 0700));
+  std::filesystem::create_directory(ml_StatePath(dir));
+  ml_State st;
+  EXPECT_FALSE(ml_ReadState(dir, &st));
+  EXPECT_TRUE(Mentions(ml_TrustProblem(), ml_StatePath(dir) + " is not a regular file")) << ml_TrustProblem();
+  std::filesystem::remove_all(dir);
+}
