@@ -62,6 +62,39 @@ TEST(StoreEdges, MappingRaisesWhenTheStatusOrTheMappingFails) {
   sfl_CloseFile(c.bh);
 }
 
+TEST(StoreEdges, AMappingThatCouldNotHoldTheWholeItemIsRefused) {
+  // A file past what the mapping's 32-bit length can report (sparse: no
+  // space is used).
+  const std::string big = sfltest::TestDir() + "/big-sparse";
+  const int fd = ::open(big.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::ftruncate(fd, off_t{5} << 30), 0);
+  sfl_ItemMap map{};
+  EXPECT_EQ(sfltest::EscapeCodeOf([&] { sfl_mapItem(fd, &map); }),
+            sfltest::EscapeCode(ER_GROUP_SFL, SFL_R_RANGE));
+  EXPECT_EQ(map.Base, nullptr);
+  ::close(fd);
+  ::unlink(big.c_str());
+
+  // An item whose file was cut short under it: a mapping of the file
+  // would end inside the item, and a read of its last bytes would fault.
+  sfltest::OpenContainer c = sfltest::NewContainer();
+  sfl_ItemRef ref{};
+  const int32_t h = sfl_StoreBasicItem(c.bh, nullptr, 1000, &ref, 0);
+  ASSERT_GE(h, SFL_ITEM_HANDLE_FIRST);
+  sfl_ItemRec* item = sfl_ItemHandle2Record(h);
+  const off_t cut = static_cast<off_t>(item->Offset + 10);
+  ASSERT_EQ(::ftruncate(item->BaseRecord->FileDes, cut), 0);
+  EXPECT_EQ(sfltest::EscapeCodeOf([&] { sfl_mapItem(h, &map); }),
+            sfltest::EscapeCode(ER_GROUP_SFL, SFL_R_RANGE));
+  EXPECT_EQ(map.Base, nullptr);
+  struct stat st {};
+  ASSERT_EQ(::fstat(item->BaseRecord->FileDes, &st), 0);
+  EXPECT_EQ(st.st_size, cut);  // the refusal changed nothing
+  sfl_CloseItem(h);
+  sfl_CloseFile(c.bh);
+}
+
 TEST(StoreEdges, AnAppendRaisesWhenTheStatusFailsAndChangesNothing) {
   sfltest::OpenContainer c = sfltest::NewContainer();
   sfl_ItemRef ref{};
