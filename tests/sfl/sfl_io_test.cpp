@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <functional>
 #include <string>
 #include <unistd.h>
@@ -367,6 +368,31 @@ TEST_F(IoTest, FreeMapWithoutPlaceIsRefused) {
   EXPECT_EQ(RaisedBy([&] { sfl_WriteFreeMap(&rec_, map, fm); }).reason, SFL_R_BAD_MAP);
   EXPECT_EQ(RaisedBy([&] { sfl_WritePartialFreeMap(&rec_, map, 0, 8, fm); }).reason,
             SFL_R_BAD_MAP);
+}
+
+TEST_F(IoTest, FreeMapSizesFromDamageAreRefusedBeforeAnyAllocationOrRead) {
+  std::vector<uint8_t> back(3, 0xAB);
+  // Larger than any map a file of 32-bit offsets needs.
+  EXPECT_EQ(RaisedBy([&] { sfl_ReadFreeMap(&rec_, &back, MapHeader(640, 64u << 20)); }).reason,
+            SFL_R_BAD_MAP);
+  // A place whose end lies past what 32-bit offsets reach.
+  EXPECT_EQ(RaisedBy([&] { sfl_ReadFreeMap(&rec_, &back, MapHeader(0xFFFFFF00u, 512)); }).reason,
+            SFL_R_BAD_MAP);
+  EXPECT_EQ(back, std::vector<uint8_t>(3, 0xAB));  // the caller's buffer is left as it was
+}
+
+TEST_F(IoTest, APartialMapWriteOfBytesTheBufferDoesNotHoldWritesNothing) {
+  std::vector<uint8_t> map(256, 0x11);
+  sfl_ItemHeader fm = MapHeader(640, 256);
+  sfl_WriteFreeMap(&rec_, map, fm);
+  // Bits of the byte one past the map (the range check lets it through),
+  // with a buffer that ends before it: nothing to write.
+  const std::vector<uint8_t> shortBuffer(8, 0x22);
+  sfl_WritePartialFreeMap(&rec_, shortBuffer, 256 * 8, 8, fm);
+  EXPECT_EQ(Bytes(256, 640), map);
+  struct stat st {};
+  ASSERT_EQ(::fstat(fd_, &st), 0);
+  EXPECT_EQ(st.st_size, 640 + 256);  // nothing written past the map
 }
 
 TEST_F(IoTest, ShortFreeMapTransfers) {
