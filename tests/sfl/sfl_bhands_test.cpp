@@ -5,6 +5,7 @@
 
 #include <climits>
 #include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <functional>
@@ -632,6 +633,33 @@ TEST_F(ColdStoreFilesTest, ShortFileAndWrongVersionAreRefusedOnOpen) {
     EXPECT_EQ(r.reason, variant == 0 ? SFL_R_SHORT_READ : SFL_R_BAD_FILE);
     EXPECT_EQ(sfl_OpenFiles().InUseCount(), files);
     EXPECT_FALSE(HeaderLockedElsewhere(path));
+  }
+}
+
+}  // namespace
+
+namespace {
+
+// One file is named by Domain, SubDomain, FileId and name tag together (the
+// item number is not part of it): two references that differ in any one of
+// them name different files.
+TEST(SameFile, EveryPartOfTheNameCountsAndTheItemNumberDoesNot) {
+  sfl_ItemRef a{};
+  a.Domain = 2;
+  a.SubDomain = 17;
+  a.FileId = 4113;
+  std::memcpy(a.Name, "abc", 3);
+  sfl_ItemRef b = a;
+  b.Flags = 5;  // item 5 of the file
+  EXPECT_TRUE(sfl_SameFile(a, b));
+  for (int part = 0; part < 4; ++part) {
+    sfl_ItemRef c = a;
+    if (part == 0) c.Domain = 3;
+    if (part == 1) c.SubDomain = 18;
+    if (part == 2) c.FileId = 4114;
+    if (part == 3) c.Name[2] = 'd';
+    EXPECT_FALSE(sfl_SameFile(a, c)) << part;
+    EXPECT_FALSE(sfl_SameFile(c, a)) << part;
   }
 }
 
