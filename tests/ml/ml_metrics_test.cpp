@@ -463,8 +463,11 @@ TEST(MetricsService, CountsMoveAsClientsAskAndNoIncrementIsLost) {
   // A message that is no request is counted, not answered.
   ml_State st;
   ASSERT_TRUE(ml_ReadState(sfltest::RunDir(), &st));
-  uint8_t junk[4 + 5] = {10, 0, 0, 0, 1, 2, 3, 4, 5};
-  ASSERT_EQ(msgsnd(st.Context[2], junk, 5, 0), 0);
+  struct {
+    long mtype;
+    uint8_t body[5];
+  } junk = {10, {1, 2, 3, 4, 5}};
+  ASSERT_EQ(msgsnd(st.Context[2], &junk, sizeof junk.body, 0), 0);
   expectPublished("sfl_monitor_malformed_messages_total", 1);
 
   for (auto& g : release) g.Open();

@@ -150,9 +150,10 @@ TEST(SflImportTool, AnImportKilledAtManyPointsStoresEveryFileOnce) {
     pid_t pid = 0;
     ASSERT_EQ(posix_spawn(&pid, sfl.c_str(), &fa, nullptr, argv.data(), environ), 0);
     posix_spawn_file_actions_destroy(&fa);
-    // Short enough that a whole import (a few hundred ms on an idle
-    // machine) is cut several times before one finishes.
-    usleep(static_cast<useconds_t>(rnd() % 15000));
+    // Short at first, so that a whole import (a few hundred ms on an idle
+    // machine) is cut several times, then longer each round, so that a slow
+    // build (the sanitizers) still gets far enough to finish.
+    usleep(static_cast<useconds_t>(rnd() % (15000 + 1000 * static_cast<uint64_t>(rounds))));
     kill(pid, SIGKILL);
     int status = 0;
     waitpid(pid, &status, 0);
