@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace bench {
@@ -28,7 +29,18 @@ struct Sizes {
   int readers = 4;          // W3 processes
   int readsPerReader = 5000;
   bool measureDisk = true;  // off in traced runs: the walk makes calls of its own
+  int w5Rounds = 150;        // W5: rounds per process (a store, two reads, a delete)
+  int w5Shared = 200;       // W5: messages every process reads besides its own
+  // W6 at a twentieth of PostMark's usual 20,000 items and 200,000
+  // transactions (--scale 20 runs those).
+  int w6Items = 1000;          // the starting pool (PostMark's "number")
+  int w6Transactions = 10000;  // PostMark's "transactions"
 };
+
+constexpr int kW5Processes = 8;
+// W6 item sizes, PostMark's defaults: 500 bytes to 9.77 KiB.
+constexpr uint32_t kW6MinSize = 500;
+constexpr uint32_t kW6MaxSize = 10000;
 
 constexpr int kPartsPerMessage = 5;
 constexpr uint32_t kPartSizes[kPartsPerMessage] = {300, 1024, 4096, 16384, 65536};
@@ -107,11 +119,36 @@ class BlockLog {
   virtual int64_t OwnCallCount() { return -1; }
 };
 
+// W6: a pool of items of 500 B to 9.77 KiB, created, read whole, appended
+// to and deleted by a number the workload chose.
+class ItemPool {
+ public:
+  virtual ~ItemPool() = default;
+  virtual void Create(uint32_t id, const uint8_t* data, uint32_t size) = 0;
+  // Reads the whole item (`size` bytes, its current size) into buf.
+  virtual void Read(uint32_t id, uint8_t* buf, uint32_t size) = 0;
+  // Appends `n` bytes to an item now `size` bytes long.
+  virtual void Append(uint32_t id, uint32_t size, const uint8_t* data, uint32_t n) = 0;
+  virtual void Delete(uint32_t id) = 0;
+  virtual int64_t OwnCallCount() { return -1; }
+};
+
 // Factories. `create` true builds a new store in dir; false opens an
 // existing one for reading (W3 readers).
 std::unique_ptr<MessageStore> NewFilesStore(const std::string& dir, Durability d, bool create);
 std::unique_ptr<MessageStore> NewSqliteStore(const std::string& dir, Durability d, bool create);
 std::unique_ptr<MessageStore> NewSflStore(const std::string& dir, Durability d, bool create);
+std::unique_ptr<ItemPool> NewFilesPool(const std::string& dir, Durability d);
+std::unique_ptr<ItemPool> NewSqlitePool(const std::string& dir, Durability d);
+std::unique_ptr<ItemPool> NewSflPool(const std::string& dir, Durability d);
+// A store of one of the systems above ("sfl", "sfl-qos", "files", ...), with
+// the setup its name asks for.
+std::unique_ptr<MessageStore> OpenMessageStore(const std::string& system, const std::string& dir,
+                                               Durability d, bool create);
+// Gives an sfl run a service of its own in SFL_RUN_DIR + suffix, started
+// with the given keys when the run first needs it.
+void OwnService(const std::string& dir, const std::string& suffix,
+                const std::vector<std::pair<std::string, std::string>>& keys);
 std::unique_ptr<BlockLog> NewSqliteLog(const std::string& dir, Durability d);
 std::unique_ptr<BlockLog> NewSflLog(const std::string& dir, Durability d);
 
@@ -134,6 +171,10 @@ void AddSflCallFigures(Figures& f, const std::vector<uint64_t>& before);
 // in `dir`, and returns its figures.
 Figures RunWorkload(const std::string& workload, const std::string& system, Durability d,
                     const std::string& dir, const Sizes& sizes);
+// W5 (eight processes at once) and W6 (the mail-server mix), and W6 as
+// PostMark runs it ("postmark" system).
+Figures RunW5(const std::string& system, Durability d, const std::string& dir, const Sizes& s);
+Figures RunW6(const std::string& system, Durability d, const std::string& dir, const Sizes& s);
 // C1: the rebuild of one blocked item of `sizes.blocks` blocks (sfl only).
 Figures RunSflRebuild(Durability d, const std::string& dir, const Sizes& sizes);
 // The `limit` row: the machine's own floor ("msgq", "msgq-poll", "file").

@@ -93,7 +93,62 @@ class FilesStore : public MessageStore {
   bool sync_;
 };
 
+// W6: a file per item in one of 100 directories, as PostMark spreads its
+// files over subdirectories; an append opens the file for appending.
+class FilesPool : public ItemPool {
+ public:
+  FilesPool(const std::string& dir, Durability d) : root_(dir + "/items"), sync_(d == Durability::Sync) {
+    for (int i = 0; i < kFanOut; ++i) MakeDirs(root_ + "/" + std::to_string(i));
+  }
+
+  void Create(uint32_t id, const uint8_t* data, uint32_t size) override {
+    Write(Path(id), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, data, size);
+  }
+  void Read(uint32_t id, uint8_t* buf, uint32_t size) override {
+    const std::string path = Path(id);
+    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) Fail("open %s", path.c_str());
+    uint32_t done = 0;
+    while (done < size) {
+      ssize_t n = read(fd, buf + done, size - done);
+      if (n <= 0) Fail("short read of %s", path.c_str());
+      done += static_cast<uint32_t>(n);
+    }
+    close(fd);
+  }
+  void Append(uint32_t id, uint32_t, const uint8_t* data, uint32_t n) override {
+    Write(Path(id), O_WRONLY | O_APPEND | O_CLOEXEC, data, n);
+  }
+  void Delete(uint32_t id) override {
+    if (unlink(Path(id).c_str()) != 0) Fail("unlink");
+  }
+
+ private:
+  std::string Path(uint32_t id) const {
+    return root_ + "/" + std::to_string(id % kFanOut) + "/" + std::to_string(id);
+  }
+  void Write(const std::string& path, int flags, const uint8_t* data, uint32_t size) {
+    int fd = open(path.c_str(), flags, 0644);
+    if (fd < 0) Fail("open %s", path.c_str());
+    uint32_t done = 0;
+    while (done < size) {
+      ssize_t n = write(fd, data + done, size - done);
+      if (n <= 0) Fail("write");
+      done += static_cast<uint32_t>(n);
+    }
+    if (sync_ && fdatasync(fd) != 0) Fail("fdatasync");
+    close(fd);
+  }
+
+  std::string root_;
+  bool sync_;
+};
+
 }  // namespace
+
+std::unique_ptr<ItemPool> NewFilesPool(const std::string& dir, Durability d) {
+  return std::make_unique<FilesPool>(dir, d);
+}
 
 std::unique_ptr<MessageStore> NewFilesStore(const std::string& dir, Durability d, bool create) {
   return std::make_unique<FilesStore>(dir, d, create);

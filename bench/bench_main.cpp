@@ -4,7 +4,7 @@
 //
 //   sfl_bench [--out FILE] [--reps N] [--dir DIR] [--scale F] [--sync-scale F]
 //             [--sync-block-scale F] [--strace-scale F] [--no-strace]
-//             [--workloads limit,W1,W2,W3,W4,C1]
+//             [--workloads limit,W1,W2,W3,W4,W5,W6,C1]
 //
 // A flush costs milliseconds on an ordinary disk, so the flushing runs
 // use fewer messages (--sync-scale, default 0.1) and blocks
@@ -47,7 +47,7 @@ struct Options {
   double syncBlockScale = 0.04;  // W2 blocks when flushing
   double straceScale = 0.1;
   bool strace = true;
-  std::vector<std::string> workloads = {"limit", "W1", "W2", "W3", "W4", "C1"};
+  std::vector<std::string> workloads = {"limit", "W1", "W2", "W3", "W4", "W5", "W6", "C1"};
 };
 
 struct Run {
@@ -76,6 +76,11 @@ std::vector<std::string> SystemsFor(const std::string& w) {
   // sfl-qos, its service holding a CPU latency request.
   if (w == "W1" || w == "W4") return {"sfl", "sfl-qos", "sfl-pool", "files", "sqlite"};
   if (w == "W2") return {"sfl", "sqlite"};
+  // W5: the service with one queue pair (sfl), two and four.
+  if (w == "W5") return {"sfl", "sfl-2pairs", "sfl-4pairs", "sfl-qos", "files", "sqlite"};
+  // W6 makes containers after others emptied: the pool's own case. PostMark
+  // runs it on files (its non-flushing run only; see Driver).
+  if (w == "W6") return {"sfl", "sfl-qos", "sfl-pool", "files", "sqlite", "postmark"};
   return {"sfl", "sfl-qos", "files", "sqlite"};
 }
 
@@ -89,6 +94,12 @@ Sizes SizesFor(const Options& o, const std::string& w, Durability d) {
   s.messages = std::max(10, static_cast<int>(std::lround(s.messages * k)));
   s.blocks = std::max(100, static_cast<int>(std::lround(s.blocks * kb)));
   s.readsPerReader = std::max(50, static_cast<int>(std::lround(s.readsPerReader * o.scale)));
+  s.w5Rounds = std::max(5, static_cast<int>(std::lround(s.w5Rounds * k)));
+  s.w5Shared = std::max(20, static_cast<int>(std::lround(s.w5Shared * o.scale)));
+  // W6 flushes at every creation and append: half W1's share again.
+  const double k6 = shrink ? k * 0.5 : k;
+  s.w6Items = std::max(50, static_cast<int>(std::lround(s.w6Items * k6)));
+  s.w6Transactions = std::max(500, static_cast<int>(std::lround(s.w6Transactions * k6)));
   // C1 rebuilds a 40,000-block item; only the rebuild is timed.
   if (w == "C1") s.blocks = std::max(100, static_cast<int>(std::lround(40000 * o.scale)));
   return s;
@@ -111,7 +122,9 @@ std::vector<std::string> RunArgs(const std::string& w, const std::string& sys, D
                                  const std::string& dir, const Sizes& s) {
   return {"--run", w, sys, DurabilityName(d), "--dir", dir,
           "--messages", std::to_string(s.messages), "--blocks", std::to_string(s.blocks),
-          "--reads", std::to_string(s.readsPerReader), "--disk", s.measureDisk ? "1" : "0"};
+          "--reads", std::to_string(s.readsPerReader), "--disk", s.measureDisk ? "1" : "0",
+          "--w5-rounds", std::to_string(s.w5Rounds), "--w5-shared", std::to_string(s.w5Shared),
+          "--w6-items", std::to_string(s.w6Items), "--w6-transactions", std::to_string(s.w6Transactions)};
 }
 
 // Starts argv with stdout to a pipe; returns the child's output, exit status
@@ -214,6 +227,11 @@ double StraceCalls(const std::string& w, const std::string& sys, Durability d,
   return calls;
 }
 
+bool HavePostmark() {
+  std::string out;
+  return Spawn({"sh", "-c", "command -v postmark"}, &out, nullptr);
+}
+
 bool HaveStrace() {
   std::string out;
   return Spawn({"strace", "-V"}, &out, nullptr);
@@ -300,6 +318,7 @@ int Driver(const Options& o) {
   setenv("SFL_RUN_DIR", runDir.c_str(), 1);
   if (std::getenv("SFL_MONITOR_IDLE_SECONDS") == nullptr) setenv("SFL_MONITOR_IDLE_SECONDS", "300", 1);
   bool strace = o.strace && HaveStrace();
+  const bool havePostmark = HavePostmark();
   std::vector<Run> runs;
   std::vector<StraceRun> straces;
   std::vector<Summary> summaries;
@@ -312,19 +331,26 @@ int Driver(const Options& o) {
       // append flushed would only take long.
       if ((w == "C1" || w == "limit") && d == Durability::Sync) continue;
       std::vector<std::string> systems = SystemsFor(w);
+      // PostMark never flushes; without it installed its row is left out.
+      if (w == "W6" && (d == Durability::Sync || !havePostmark))
+        systems.erase(std::remove(systems.begin(), systems.end(), "postmark"), systems.end());
+      // W3 and W5 work on a store built once per system and kept between
+      // repetitions (W5's processes delete what they add).
+      const bool shared = w == "W3" || w == "W5";
+      const std::string sharedPrefix = base + (w == "W3" ? "/w3-" : "/w5-");
       Sizes s = SizesFor(o, w, d);
       std::fprintf(stderr, "%s %s: messages %d, blocks %d, reads/reader %d\n", w.c_str(),
                    DurabilityName(d), s.messages, s.blocks, s.readsPerReader);
       // W3 reads a store built once per system (untimed, not flushed).
       // A system whose store cannot be built is still run, and fails.
-      if (w == "W3") {
+      if (shared) {
         for (const auto& sys : systems) {
-          std::string dir = base + "/w3-" + sys + "-" + DurabilityName(d);
+          std::string dir = sharedPrefix + sys + "-" + DurabilityName(d);
           std::vector<std::string> argv = {Self()};
-          for (auto& a : RunArgs("W3build", sys, Durability::Async, dir, s)) argv.push_back(a);
+          for (auto& a : RunArgs(w + "build", sys, Durability::Async, dir, s)) argv.push_back(a);
           std::string out;
           if (!Spawn(argv, &out, nullptr)) {
-            std::fprintf(stderr, "building the W3 store for %s failed\n", sys.c_str());
+            std::fprintf(stderr, "building the %s store for %s failed\n", w.c_str(), sys.c_str());
           }
         }
       }
@@ -332,13 +358,15 @@ int Driver(const Options& o) {
         std::vector<std::string> order = systems;
         if (rep % 2 == 1) std::reverse(order.begin(), order.end());
         for (const auto& sys : order) {
-          std::string dir = w == "W3" ? base + "/w3-" + sys + "-" + DurabilityName(d)
-                                      : base + "/run-" + std::to_string(counter++);
+          std::string dir = shared ? sharedPrefix + sys + "-" + DurabilityName(d)
+                                   : base + "/run-" + std::to_string(counter++);
           runs.push_back(MeasureOnce(w, sys, d, dir, s, rep));
-          if (w != "W3") RemoveTree(dir);
+          if (!shared) RemoveTree(dir);
         }
       }
-      if (strace && w != "C1" && w != "limit") {
+      // Not traced: C1 and limit, and W5 and W6, whose services of their
+      // own (and PostMark) strace -f would wait for.
+      if (strace && w != "C1" && w != "limit" && w != "W5" && w != "W6") {
         // A service started under strace -f would be traced (and waited
         // for) too: make sure one is running first.
         if (ml_EnsureService(ml_OnDemandOptions()) != 0) Fail("no interest service");
@@ -428,11 +456,15 @@ int Driver(const Options& o) {
   // idle time).
   ml_State st;
   if (ml_ReadState(runDir, &st) && st.MainPid > 0) kill(st.MainPid, SIGTERM);
-  if (ml_ReadState(runDir + "-qos", &st) && st.MainPid > 0) kill(st.MainPid, SIGTERM);
+  for (const char* own : {"-qos", "-2pairs", "-4pairs"})
+    if (ml_ReadState(runDir + own, &st) && st.MainPid > 0) kill(st.MainPid, SIGTERM);
   if (ownBase) {
     RemoveTree(base);
   } else {
-    for (const auto& sm : summaries) RemoveTree(base + "/w3-" + sm.system + "-" + sm.mode);
+    for (const auto& sm : summaries) {
+      RemoveTree(base + "/w3-" + sm.system + "-" + sm.mode);
+      RemoveTree(base + "/w5-" + sm.system + "-" + sm.mode);
+    }
   }
 
   // Table.
@@ -483,7 +515,7 @@ int Driver(const Options& o) {
     bool any = false;
     for (const auto& sm : summaries) {
       if (sm.latency.empty()) continue;
-      if (!any) std::printf("\nLatency in microseconds, p50 / p99 / p99.9 (W1: per message of five parts;\nW3: per part read by reference; median of the runs):\n");
+      if (!any) std::printf("\nLatency in microseconds, p50 / p99 / p99.9 (W1 and W5: per message of five\nparts, W5 over all eight processes; W3: per part read by reference; median of\nthe runs):\n");
       any = true;
       std::printf("%-3s %-5s %-10s", sm.workload.c_str(), sm.mode.c_str(), sm.system.c_str());
       for (const char* op : {"store", "read", "delete"}) {
@@ -518,6 +550,19 @@ int Driver(const Options& o) {
     std::printf("\n%s %s, container pool on (sfl-pool: SFL_CONTAINER_POOL=4): %.0f ops/s; without\n"
                 "it (sfl, the default): %.0f ops/s, %.2f times as many\n",
                 sm.workload.c_str(), sm.mode.c_str(), sm.opsPerSec, plain, sm.opsPerSec / plain);
+  }
+  {
+    bool any = false;
+    for (const auto& sm : summaries) {
+      if (sm.workload != "W6") continue;
+      if (!any) std::printf("\nW6 transactions per second (the transaction phase alone; postmark: its own\nfigure, whose clock counts whole seconds):\n");
+      any = true;
+      std::vector<double> tx;
+      for (const auto& r : runs)
+        if (r.ok && r.workload == "W6" && r.system == sm.system && r.mode == sm.mode)
+          tx.push_back(r.f.count("tx_per_s") ? r.f.at("tx_per_s") : r.f.count("pm_tx_per_s") ? r.f.at("pm_tx_per_s") : NAN);
+      std::printf("  %-5s %-10s %.0f\n", sm.mode.c_str(), sm.system.c_str(), Median(tx));
+    }
   }
   {
     double imNew = NAN, imPool = NAN;
@@ -660,6 +705,10 @@ int Child(int argc, char** argv) {
     else if (k == "--blocks") s.blocks = std::atoi(argv[i + 1]);
     else if (k == "--reads") s.readsPerReader = std::atoi(argv[i + 1]);
     else if (k == "--disk") s.measureDisk = std::atoi(argv[i + 1]) != 0;
+    else if (k == "--w5-rounds") s.w5Rounds = std::atoi(argv[i + 1]);
+    else if (k == "--w5-shared") s.w5Shared = std::atoi(argv[i + 1]);
+    else if (k == "--w6-items") s.w6Items = std::atoi(argv[i + 1]);
+    else if (k == "--w6-transactions") s.w6Transactions = std::atoi(argv[i + 1]);
   }
   if (dir.empty()) Fail("--run needs --dir");
   Durability d = mode == "sync" ? Durability::Sync : Durability::Async;

@@ -41,7 +41,8 @@ struct MessageRefs {
 class SflStore : public MessageStore {
  public:
   SflStore(const std::string& dir, bool create) : refsPath_(dir + "/sfl-refs.bin") {
-    if (!create) LoadRefs();
+    // W5's processes open a store another process built, to add to it.
+    if (!create || access(refsPath_.c_str(), F_OK) == 0) LoadRefs();
   }
 
   void Store(int msg, const uint8_t* const parts[kPartsPerMessage]) override {
@@ -160,6 +161,87 @@ class SflLog : public BlockLog {
   sfl_ItemRef ref_{};
 };
 
+// W6: items go, in the order they are made, into containers of seven
+// (a container's most: its item table has eight slots, one of them its
+// own free map), as messages into mailbox files; the process keeps
+// every container open while it holds items, as a server keeps the
+// mailboxes it serves open, and closes it, which removes it, when its last
+// item goes. An item is made with room for the largest size (its blocks
+// reserved, its size then cut to what was written), so an append stays in
+// place.
+class SflPool : public ItemPool {
+ public:
+  explicit SflPool(Durability d) : sync_(d == Durability::Sync) {}
+  ~SflPool() override {
+    for (Box& b : boxes_)
+      if (b.base >= 0) sfl_CloseFile(b.base);
+  }
+
+  void Create(uint32_t id, const uint8_t* data, uint32_t size) override {
+    if (id >= items_.size()) items_.resize(id + 1);
+    if (boxes_.empty() || boxes_.back().used == kSlots) {
+      Box b;
+      b.base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+      if (b.base < 0) Fail("no container for item %u", id);
+      boxes_.push_back(b);
+    }
+    Box& b = boxes_.back();
+    Item& it = items_[id];
+    it.box = static_cast<int32_t>(boxes_.size() - 1);
+    int32_t h = sfl_StoreBasicItem(b.base, nullptr, kW6MaxSize, &it.ref, 1);
+    if (h < 0) Fail("container full at item %u", id);
+    if (sfl_WriteSimpleData(h, 0, size, data) != static_cast<int32_t>(size)) Fail("short item write");
+    sfl_TruncateSimItem(h, size);
+    sfl_CloseItem(h);
+    ++b.used;
+    ++b.live;
+  }
+
+  void Read(uint32_t id, uint8_t* buf, uint32_t size) override {
+    int32_t h = sfl_OpenItem(&items_[id].ref, 0);
+    if (sfl_ReadSimpleData(h, 0, size, buf) != static_cast<int32_t>(size)) Fail("short read of item %u", id);
+    sfl_CloseItem(h);
+  }
+
+  // The append does not count as a flushing event of its own: the
+  // flushing runs flush the item's data after it, as the files do.
+  void Append(uint32_t id, uint32_t, const uint8_t* data, uint32_t n) override {
+    int32_t h = sfl_OpenItem(&items_[id].ref, 0);
+    sfl_AppendToSimpleItem(sfl_ItemHandle2Record(h), n, data);
+    if (sync_) sfl_SyncData(h);
+    sfl_CloseItem(h);
+  }
+
+  void Delete(uint32_t id) override {
+    Item& it = items_[id];
+    int32_t h = sfl_OpenItem(&it.ref, 0);
+    sfl_DetachOpenItem(h);
+    sfl_CloseItem(h);
+    Box& b = boxes_[it.box];
+    if (--b.live == 0 && b.used == kSlots) {
+      sfl_CloseFile(b.base);
+      b.base = -1;
+    }
+  }
+
+  int64_t OwnCallCount() override { return SflCallCount(); }
+
+ private:
+  static constexpr int kSlots = 7;
+  struct Box {
+    int32_t base = -1;
+    int used = 0;
+    int live = 0;
+  };
+  struct Item {
+    sfl_ItemRef ref{};
+    int32_t box = -1;
+  };
+  bool sync_;
+  std::vector<Box> boxes_;
+  std::vector<Item> items_;
+};
+
 }  // namespace
 
 std::vector<uint64_t> SflCallSnapshot() {
@@ -239,6 +321,17 @@ void TuneColdStore() {
 std::unique_ptr<MessageStore> NewSflStore(const std::string& dir, Durability d, bool create) {
   PrepareSfl(dir, d);
   return std::make_unique<SflStore>(dir, create);
+}
+
+std::unique_ptr<ItemPool> NewSflPool(const std::string& dir, Durability d) {
+  PrepareSfl(dir, d);
+  // One descriptor per open container.
+  rlimit lim{};
+  if (getrlimit(RLIMIT_NOFILE, &lim) == 0 && lim.rlim_cur < lim.rlim_max) {
+    lim.rlim_cur = lim.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &lim);
+  }
+  return std::make_unique<SflPool>(d);
 }
 
 std::unique_ptr<BlockLog> NewSflLog(const std::string& dir, Durability d) {

@@ -81,7 +81,9 @@ class SqliteStore : public MessageStore {
       insert_ = db_.Prepare("INSERT INTO parts(id, data) VALUES(?, ?)");
       delete_ = db_.Prepare("DELETE FROM parts WHERE id BETWEEN ? AND ?");
       deletePart_ = db_.Prepare("DELETE FROM parts WHERE id = ?");
-      begin_ = db_.Prepare("BEGIN");
+      // Immediate: with several writing processes (W5) a deferred
+      // transaction could not wait for the write lock.
+      begin_ = db_.Prepare("BEGIN IMMEDIATE");
       commit_ = db_.Prepare("COMMIT");
     }
   }
@@ -164,7 +166,49 @@ class SqliteLog : public BlockLog {
   sqlite3_stmt* delete_ = nullptr;
 };
 
+// W6: one row per item; an append rewrites the row with the bytes added.
+class SqlitePool : public ItemPool {
+ public:
+  SqlitePool(const std::string& dir, Durability d) : db_(dir + "/items.db", d, false) {
+    db_.Exec("CREATE TABLE IF NOT EXISTS items(id INTEGER PRIMARY KEY, data BLOB)");
+    insert_ = db_.Prepare("INSERT INTO items(id, data) VALUES(?, ?)");
+    append_ = db_.Prepare("UPDATE items SET data = data || ? WHERE id = ?");
+    delete_ = db_.Prepare("DELETE FROM items WHERE id = ?");
+  }
+
+  void Create(uint32_t id, const uint8_t* data, uint32_t size) override {
+    db_.CloseBlob();
+    sqlite3_bind_int64(insert_, 1, id);
+    sqlite3_bind_blob(insert_, 2, data, static_cast<int>(size), SQLITE_STATIC);
+    db_.Step(insert_);
+  }
+  void Read(uint32_t id, uint8_t* buf, uint32_t size) override {
+    if (db_.ReadBlob("items", id, buf, size) != size) Fail("short read of item %u", id);
+  }
+  void Append(uint32_t id, uint32_t, const uint8_t* data, uint32_t n) override {
+    db_.CloseBlob();
+    sqlite3_bind_blob(append_, 1, data, static_cast<int>(n), SQLITE_STATIC);
+    sqlite3_bind_int64(append_, 2, id);
+    db_.Step(append_);
+  }
+  void Delete(uint32_t id) override {
+    db_.CloseBlob();
+    sqlite3_bind_int64(delete_, 1, id);
+    db_.Step(delete_);
+  }
+
+ private:
+  Db db_;
+  sqlite3_stmt* insert_ = nullptr;
+  sqlite3_stmt* append_ = nullptr;
+  sqlite3_stmt* delete_ = nullptr;
+};
+
 }  // namespace
+
+std::unique_ptr<ItemPool> NewSqlitePool(const std::string& dir, Durability d) {
+  return std::make_unique<SqlitePool>(dir, d);
+}
 
 std::unique_ptr<MessageStore> NewSqliteStore(const std::string& dir, Durability d, bool create) {
   return std::make_unique<SqliteStore>(dir, d, create);

@@ -17,29 +17,7 @@ namespace {
 
 std::unique_ptr<MessageStore> OpenStore(const std::string& system, const std::string& dir,
                                         Durability d, bool create) {
-  if (system == "sfl") return NewSflStore(dir, d, create);
-  if (system == "sfl-cold") {
-    TuneColdStore();
-    return NewSflStore(dir, d, create);
-  }
-  if (system == "sfl-qos") {
-    // A service of its own that holds a CPU latency request of 0 while
-    // it has clients (the driver's service runs without one).
-    const char* run = std::getenv("SFL_RUN_DIR");
-    const std::string qosRun = (run != nullptr ? std::string(run) : dir + "/run") + "-qos";
-    MakeDirs(qosRun);
-    ::setenv("SFL_RUN_DIR", qosRun.c_str(), 1);
-    ::setenv("SFL_MONITOR_CPU_LATENCY_US", "0", 1);
-    return NewSflStore(dir, d, create);
-  }
-  if (system == "sfl-pool") {
-    // Emptied containers are kept, four per directory, and reused.
-    ::setenv("SFL_CONTAINER_POOL", "4", 1);
-    return NewSflStore(dir, d, create);
-  }
-  if (system == "files") return NewFilesStore(dir, d, create);
-  if (system == "sqlite") return NewSqliteStore(dir, d, create);
-  Fail("unknown system %s", system.c_str());
+  return OpenMessageStore(system, dir, d, create);
 }
 
 std::unique_ptr<BlockLog> OpenLog(const std::string& system, const std::string& dir, Durability d) {
@@ -363,12 +341,57 @@ Figures RunIdle(const std::string& system, Durability d, const std::string& dir,
 
 }  // namespace
 
+void OwnService(const std::string& dir, const std::string& suffix,
+                const std::vector<std::pair<std::string, std::string>>& keys) {
+  const char* run = std::getenv("SFL_RUN_DIR");
+  const std::string own = (run != nullptr ? std::string(run) : dir + "/run") + suffix;
+  MakeDirs(own);
+  ::setenv("SFL_RUN_DIR", own.c_str(), 1);
+  for (const auto& [k, v] : keys) ::setenv(k.c_str(), v.c_str(), 1);
+}
+
+std::unique_ptr<MessageStore> OpenMessageStore(const std::string& system, const std::string& dir,
+                                               Durability d, bool create) {
+  if (system == "sfl") return NewSflStore(dir, d, create);
+  if (system == "sfl-cold") {
+    TuneColdStore();
+    return NewSflStore(dir, d, create);
+  }
+  if (system == "sfl-qos") {
+    // A service of its own that holds a CPU latency request of 0 while
+    // it has clients (the driver's service runs without one).
+    OwnService(dir, "-qos", {{"SFL_MONITOR_CPU_LATENCY_US", "0"}});
+    return NewSflStore(dir, d, create);
+  }
+  if (system == "sfl-2pairs" || system == "sfl-4pairs") {
+    // A service of its own serving two or four queue pairs.
+    const std::string n = system.substr(4, 1);
+    OwnService(dir, "-" + n + "pairs", {{"SFL_MONITOR_PAIRS", n}});
+    return NewSflStore(dir, d, create);
+  }
+  if (system == "sfl-pool") {
+    // Emptied containers are kept, four per directory, and reused.
+    ::setenv("SFL_CONTAINER_POOL", "4", 1);
+    return NewSflStore(dir, d, create);
+  }
+  if (system == "files") return NewFilesStore(dir, d, create);
+  if (system == "sqlite") return NewSqliteStore(dir, d, create);
+  Fail("unknown system %s", system.c_str());
+}
+
 Figures RunWorkload(const std::string& workload, const std::string& system, Durability d,
                     const std::string& dir, const Sizes& sizes) {
   MakeDirs(dir);
   if (workload == "W1") return RunW1(system, d, dir, sizes);
   if (workload == "W2") return RunW2(system, d, dir, sizes);
   if (workload == "W3build") return RunW3Build(system, d, dir, sizes);
+  if (workload == "W5build") {
+    Sizes shared = sizes;
+    shared.messages = sizes.w5Shared;
+    return RunW3Build(system, d, dir, shared);
+  }
+  if (workload == "W5") return RunW5(system, d, dir, sizes);
+  if (workload == "W6") return RunW6(system, d, dir, sizes);
   if (workload == "W3") return RunW3(system, d, dir, sizes);
   if (workload == "W4") return RunW4(system, d, dir, sizes);
   if (workload == "C1") {

@@ -55,3 +55,6 @@ if [ -n "$need" ]; then
     install $need
   fi
 fi
+
+# The benchmark's mail-server mix is checked against PostMark (W6).
+require postmark
