@@ -94,13 +94,19 @@ TEST(ContainerPool, AnEmptiedFileComesBackEmptyUnderAFreshName) {
   ::close(fd);
   EXPECT_EQ(InodeAt(PathOf(old)), 0u) << "the old name must be gone at once";
   EXPECT_EQ(HashNames(DirOf(old)), std::vector<std::string>{"#pool.0"});
+  // Emptied on its way in, so that the take need not truncate it (on ext4
+  // a truncation makes the next close write the file back).
+  EXPECT_EQ(InodeAt(DirOf(old) + "/#pool.0"), ino);
+  EXPECT_EQ(sfltest::FileBytes(DirOf(old) + "/#pool.0").size(), 0u) << "a pooled file is empty";
   // A pool name is no reference: the listing and the check never see it.
   sfl_ItemRef parsed{};
   EXPECT_NE(sfltest::EscapeCodeOf([&] { im_FName2ItemRef((DirOf(old) + "/#pool.0").c_str(), &parsed); }),
             0);
 
   sfl_ItemRef fresh{};
+  os_ResetCallCounts();
   const int again = im_GetNewDataItem(&fresh);
+  EXPECT_EQ(os_CallCount(os_Op::Ftruncate), 0u) << "an empty pooled file is taken as it is";
   EXPECT_EQ(InodeOf(again), ino) << "the pooled file is reused";
   EXPECT_NE(fresh.FileId, old.FileId);
   EXPECT_EQ(fresh.SubDomain, fresh.FileId % 256);
@@ -109,6 +115,21 @@ TEST(ContainerPool, AnEmptiedFileComesBackEmptyUnderAFreshName) {
   EXPECT_EQ(InodeAt(PathOf(fresh)), ino) << "the new name leads to the descriptor's file";
   EXPECT_EQ(InodeAt(PathOf(old)), 0u);
   EXPECT_TRUE(HashNames(DirOf(old)).empty());
+  ::close(again);
+}
+
+TEST(ContainerPool, ATakerEmptiesAPooledFileThatIsNotEmpty) {
+  // As a power cut may leave one: the truncation undone, the rename kept.
+  sfl_ItemRef old{};
+  const int fd = im_GetNewDataItem(&old);
+  ASSERT_EQ(im_RetireItem(&old, fd, false), 0);
+  ASSERT_EQ(::pwrite(fd, "old bytes", 9, 0), 9);
+  const ino_t ino = InodeOf(fd);
+  ::close(fd);
+  sfl_ItemRef fresh{};
+  const int again = im_GetNewDataItem(&fresh);
+  EXPECT_EQ(InodeOf(again), ino);
+  EXPECT_EQ(SizeOf(again), 0) << "nothing of the old container comes along";
   ::close(again);
 }
 

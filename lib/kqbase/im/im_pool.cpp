@@ -17,9 +17,14 @@
 // with a rename that never replaces (EEXIST: try the next slot; all taken:
 // the file is removed as before), and emptied by renaming it to the
 // taker's private name: of two processes racing for one slot one wins, the
-// other finds it gone. Only the taker, holding the file under its private
-// name, truncates it, and it names it with a fresh FileId, again without
-// replacing anything. A process killed on the way leaves the file under
+// other finds it gone. The emptier empties the file (truncates it to 0)
+// under its private name, before the file enters a pool: a truncation on
+// ext4 makes the next close write the file back (its guard for programs
+// that rewrite a file in place), which at the take would fall on the new
+// container's first close, and here falls on a file with nothing to write.
+// The taker, holding the file under its private name, names it with a
+// fresh FileId, again without replacing anything; it truncates only a file
+// that is not empty (a truncation a power cut undid). A process killed on the way leaves the file under
 // its private name; the next process with the same pid renames over it.
 //
 // Old references. A file leaves its container name under the file-header
@@ -50,10 +55,9 @@
 
 namespace {
 
-// Off unless asked for: on ext4 a reused file costs more than a new one as
-// the take stands (its truncate to 0 makes the close write the file back),
-// and a store that never flushes may, after a power cut, see an emptied
-// container's old name again on a file that another reference reuses.
+// Off unless asked for: a store that never flushes may, after a power cut,
+// see an emptied container's old name again on a file that another
+// reference reuses.
 constexpr int kDefaultSlots = 0;
 constexpr int kMaxSlots = 64;
 constexpr off_t kPoolMaxBytes = 1 << 20;
@@ -115,6 +119,15 @@ bool IntoSlot(const std::string& from, const std::string& dir, int slots) {
     if (os_RenameNoReplace(from.c_str(), SlotPath(dir, i).c_str()) == 0) return true;
     if (errno != EEXIST) return false;
   }
+  return false;
+}
+
+// Empties the file held under the private name `mine` and moves it into a
+// pool of `dir`; the file is removed when it cannot be emptied or no slot
+// is free. Nobody else can reach the file meanwhile: it has no other name.
+bool EmptyIntoSlot(int fd, const std::string& mine, const std::string& dir, int slots) {
+  if (os_ftruncate(fd, 0) == 0 && IntoSlot(mine, dir, slots)) return true;
+  os_unlink(mine.c_str());
   return false;
 }
 
@@ -185,26 +198,18 @@ int im_RetireItem(const sfl_ItemRef* ref, int fd, bool flush) {
   const std::string dir = im_DirPath(*ref);
   const int slots = PoolSlots();
   if (slots > 0 && Poolable(fd)) {
-    if (!flush) {
-      if (IntoSlot(path, dir, slots)) {
-        Remember(ref->Domain, ref->SubDomain);
-        return 0;
+    // The file leaves its container name for a private one first, so that
+    // it is emptied where no reference leads.
+    const std::string mine = PrivatePath(dir, "retire");
+    if (os_rename(path.c_str(), mine.c_str()) == 0) {
+      if (flush && os_FsyncDir(dir.c_str()) != 0) {
+        // The removal may not last: such a file never enters a pool.
+        const int err = errno;
+        os_unlink(mine.c_str());
+        return err;
       }
-    } else {
-      const std::string mine = PrivatePath(dir, "retire");
-      if (os_rename(path.c_str(), mine.c_str()) == 0) {
-        if (os_FsyncDir(dir.c_str()) != 0) {
-          // The removal may not last: such a file never enters a pool.
-          const int err = errno;
-          os_unlink(mine.c_str());
-          return err;
-        }
-        if (IntoSlot(mine, dir, slots))
-          Remember(ref->Domain, ref->SubDomain);
-        else
-          os_unlink(mine.c_str());
-        return 0;
-      }
+      if (EmptyIntoSlot(fd, mine, dir, slots)) Remember(ref->Domain, ref->SubDomain);
+      return 0;
     }
   }
   if (os_unlink(path.c_str()) != 0) ER_RAISE_MSG(ER_GROUP_OS, errno, path.c_str());
