@@ -43,6 +43,7 @@
 #include "sfl_int.h"
 #include "test_env.h"
 #include "test_util.h"
+#include "tool_run.h"
 
 namespace {
 
@@ -242,14 +243,17 @@ class Gluster {
   // kernel's page cache and without its cache of names and attributes (a
   // name another client renamed over must lead to the new file at once);
   // its pid, or -1.
-  pid_t Mount(const std::string& at) const {
+  // `kernelCaches`: mounted with the client's defaults instead.
+  pid_t Mount(const std::string& at, bool kernelCaches = false) const {
     mkdir(at.c_str(), 0755);
     struct stat was {};
     ::stat(at.c_str(), &was);  // a mount inherited from the namespace this one was copied from
-    const pid_t p = Spawn({kGlusterClient, "-N", "--direct-io-mode=enable", "--entry-timeout=0",
-                           "--attribute-timeout=0", "--negative-timeout=0", "--volfile-server=127.0.0.1",
-                           "--volfile-id=" + volume_, at},
-                          dir_ + "/client.log");
+    std::vector<std::string> args = {kGlusterClient, "-N"};
+    if (!kernelCaches)
+      args.insert(args.end(),
+                  {"--direct-io-mode=enable", "--entry-timeout=0", "--attribute-timeout=0", "--negative-timeout=0"});
+    args.insert(args.end(), {"--volfile-server=127.0.0.1", "--volfile-id=" + volume_, at});
+    const pid_t p = Spawn(args, dir_ + "/client.log");
     if (!Eventually(
             [&] {
               struct stat now {};
@@ -427,6 +431,89 @@ TEST_F(GlusterVolume, WithTheDefaultCachesAReadMissesTheOtherClientsWrite) {
   if (IsSkipped() || HasFatalFailure()) return;
   const TwoClients r = WriteThenRead();
   EXPECT_TRUE(r.staleReads > 0 || !r.sizeSeen) << "the default caches did not show";
+}
+
+// ---- the service refuses a volume that lacks what sfl needs ----------------------------
+
+const char* kNoEtcd = "http://127.0.0.1:9";  // the file system is judged before etcd is asked
+
+// sfl-monitor serving several hosts, its store under `root`, started as an
+// operator starts it (it returns once the service serves, or at once when
+// it refuses).
+sfltest::Outcome MonitorFor(const std::string& root, const std::string& runDir) {
+  return sfltest::Exec({sfltest::MonitorBinary(), "--run-dir", runDir}, "", "",
+                       {{"SFL_CLUSTER_ETCD", kNoEtcd}, {"SFL_STORE_ROOT", root}}, {"SFL_CLUSTER_TRUST_FS"});
+}
+
+// Stops, on every path, a service that should not have started.
+struct StopsService {
+  std::string runDir;
+  ~StopsService() { sfltest::Exec({sfltest::MonitorBinary(), "--stop", "--force", "--run-dir", runDir}); }
+};
+
+bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// The volume's defaults load four caching translators; the service names
+// each and does not start, and a process that would start it on demand is
+// told the service cannot start.
+TEST_F(GlusterVolume, TheServiceRefusesTheDefaultCaches) {
+  Start({});
+  if (IsSkipped() || HasFatalFailure()) return;
+  const std::string root = at_[0] + "/store", run = sfltest::TestDir() + "/run-refused";
+  const StopsService stops{run};
+  const sfltest::Outcome r = MonitorFor(root, run);
+  EXPECT_EQ(r.status, 1) << r.out;
+  EXPECT_TRUE(Has(r.err, "sfl-monitor: refused to serve several hosts: store root " + root + " (GlusterFS): "))
+      << r.err;
+  for (const char* m : {"performance.write-behind is on", "performance.open-behind is on",
+                        "performance.quick-read is on", "performance.stat-prefetch is on"})
+    EXPECT_TRUE(Has(r.err, m)) << m << " not in: " << r.err;
+  EXPECT_FALSE(Has(r.err, "mount lacks")) << r.err;  // mounted as sfl needs
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+  ml_State st;
+  EXPECT_FALSE(ml_ReadState(run, &st)) << "the service published a state";
+
+  // On demand: the library's start fails, with the reason for a service
+  // that is not there, in a bounded time; the service's log says why.
+  const std::string lib = sfltest::TestDir() + "/run-lib";
+  const StopsService stopsLib{lib};
+  const auto began = std::chrono::steady_clock::now();
+  EXPECT_EQ(0, sfltest::RunInChild([&] {
+    setenv("SFL_CLUSTER_ETCD", kNoEtcd, 1);
+    setenv("SFL_STORE_ROOT", root.c_str(), 1);
+    setenv("SFL_RUN_DIR", lib.c_str(), 1);
+    setenv("SFL_MONITOR_AUTOSTART", "1", 1);
+    const auto got = sfltest::GroupAndReasonOf([] { sfl_GetQueue(nullptr, nullptr, nullptr, nullptr, nullptr); });
+    return got == std::make_pair(116, 380) ? 0 : 1;
+  }));
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(30));
+  EXPECT_TRUE(Has(sfltest::ReadWholeFile(ml_LogPath(lib)), "performance.write-behind is on"));
+}
+
+// With the working set the service starts; a mount that keeps the kernel's
+// caches is refused, naming each option it lacks.
+TEST_F(GlusterVolume, TheServiceAcceptsTheWorkingSetAndNamesWhatAMountLacks) {
+  Start(kVolumeOptionsOff);
+  if (IsSkipped() || HasFatalFailure()) return;
+  const std::string run = sfltest::TestDir() + "/run-accepted";
+  {
+    const StopsService stops{run};
+    const sfltest::Outcome r = MonitorFor(at_[0] + "/store", run);
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_TRUE(Has(r.out, "serving")) << r.out;
+    EXPECT_TRUE(
+        Has(sfltest::ReadWholeFile(ml_LogPath(run)), "store root " + at_[0] + "/store (GlusterFS) accepted"));
+  }
+  const std::string bare = sfltest::TestDir() + "/bare";
+  const pid_t client = volume_->Mount(bare, true);
+  ASSERT_GT(client, 0);
+  const StopsService stops{run};
+  const sfltest::Outcome b = MonitorFor(bare + "/store", run);
+  Unmount(bare, client);
+  EXPECT_EQ(b.status, 1) << b.out;
+  EXPECT_EQ(b.err, "sfl-monitor: refused to serve several hosts: store root " + bare +
+                       "/store (GlusterFS): mount lacks direct-io-mode=enable; mount lacks entry-timeout=0; "
+                       "mount lacks attribute-timeout=0; mount lacks negative-timeout=0\n");
 }
 
 // ---- hosts ----------------------------------------------------------------------------

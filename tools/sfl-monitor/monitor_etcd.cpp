@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <thread>
 #include <unistd.h>
@@ -127,6 +128,14 @@ bool ReadClusterConfig(ClusterConfig* out, std::string* why) {
   // same process must not be held up long enough to lose the lease.
   c.RecordWaitMs = c.LeaseSeconds * 1000 / 3;
   if (c.RecordWaitMs > 3000) c.RecordWaitMs = 3000;
+  if (const char* v = cust_GetCustomiseInfo("SFL_CLUSTER_TRUST_FS"); v != nullptr && *v != '\0') {
+    if (std::strcmp(v, "0") != 0 && std::strcmp(v, "1") != 0) {
+      *why = "SFL_CLUSTER_TRUST_FS must be 0 or 1";
+      return false;
+    }
+    c.TrustFs = *v == '1';
+  }
+  if (const char* v = cust_GetCustomiseInfo("SFL_STORE_ROOT"); v != nullptr && *v != '\0') c.StoreRoot = v;
   *out = c;
   return true;
 }

@@ -30,10 +30,13 @@ struct ClusterConfig {
   std::string Host;
   int LeaseSeconds = 10;
   int RecordWaitMs = 3000;  // how long a record waits for etcd before it is refused
+  std::string StoreRoot = "./sfl-store";  // whose file system must suit a shared store
+  bool TrustFs = false;  // the operator vouches for a file system that cannot be examined
 };
 
-// Reads SFL_CLUSTER_ETCD, SFL_CLUSTER_NAME, SFL_CLUSTER_HOST and
-// SFL_CLUSTER_LEASE_SECONDS; false (with `why`) when one is unusable.
+// Reads SFL_CLUSTER_ETCD, SFL_CLUSTER_NAME, SFL_CLUSTER_HOST,
+// SFL_CLUSTER_LEASE_SECONDS, SFL_CLUSTER_TRUST_FS and SFL_STORE_ROOT; false
+// (with `why`) when one is unusable.
 bool ReadClusterConfig(ClusterConfig* out, std::string* why);
 
 class EtcdCluster : public ml_Cluster {

@@ -19,6 +19,7 @@
 
 #include "ml.h"
 #include "ml_cluster.h"
+#include "ml_fscheck.h"
 #include "ml_keep.h"
 #include "monitor_etcd.h"
 
@@ -50,7 +51,10 @@ void usage(std::FILE* out) {
                "\n"
                "Several hosts sharing a store: SFL_CLUSTER_ETCD (comma-separated etcd client\n"
                "URLs), SFL_CLUSTER_NAME (key prefix, default sfl), SFL_CLUSTER_HOST (default\n"
-               "the host name), SFL_CLUSTER_LEASE_SECONDS (default 10).\n");
+               "the host name), SFL_CLUSTER_LEASE_SECONDS (default 10). The service then\n"
+               "refuses to start (exit status 1) when the file system of SFL_STORE_ROOT lacks\n"
+               "what hosts sharing it need; SFL_CLUSTER_TRUST_FS=1 accepts one that cannot\n"
+               "be examined (not GlusterFS, not local).\n");
 }
 
 bool number(const char* text, long lo, long hi, long* out) {
@@ -178,6 +182,17 @@ int main(int argc, char** argv) {
   if (!ReadClusterConfig(&cluster, &why)) {
     std::fprintf(stderr, "sfl-monitor: %s\n", why.c_str());
     return 2;
+  }
+  if (!cluster.Urls.empty()) {
+    // A store shared between hosts is only as safe as its file system:
+    // refuse before serving, in the program an operator runs as in the
+    // service it detaches.
+    const ml_FsVerdict fs = ml_CheckStoreFs(cluster.StoreRoot, cluster.TrustFs);
+    if (fs.Refused) {
+      std::fprintf(stderr, "sfl-monitor: refused to serve several hosts: %s\n", fs.Line().c_str());
+      return 1;
+    }
+    if (foreground) std::fprintf(stderr, "sfl-monitor: %s accepted\n", fs.Line().c_str());
   }
   if (foreground) {
     if (cluster.Urls.empty()) return ml_RunService(opts);

@@ -282,6 +282,11 @@ int os_stat(const char* path, struct stat* st) {
   return ::stat(path, st);
 }
 
+int os_statfs(const char* path, struct statfs* fs) {
+  if (enter(os_Op::Stat)) return -1;
+  return ::statfs(path, fs);
+}
+
 int os_fdatasync(int fd) {
   if (enter(os_Op::Fdatasync)) return -1;
   if (os_pcArmed && os_PcBeforeFlush(fd)) return 0;

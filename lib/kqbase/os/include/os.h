@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <sys/vfs.h>
 
 enum class os_Op : int {
   Open, Close, Read, Write, Pread, Pwrite, Lseek, Fstat, Stat, Fdatasync, Fsync, Ftruncate,
@@ -121,6 +122,8 @@ ssize_t os_pwrite(int fd, const void* buf, size_t len, off_t off);
 off_t os_lseek(int fd, off_t off, int whence);
 int os_fstat(int fd, struct stat* st);
 int os_stat(const char* path, struct stat* st);
+// statfs(2): what file system holds `path`; counted as Stat.
+int os_statfs(const char* path, struct statfs* fs);
 int os_fdatasync(int fd);
 int os_fsync(int fd);
 int os_ftruncate(int fd, off_t len);
