@@ -9,7 +9,7 @@ CTEST_ARGS ?=
 JOBS       ?= $(shell nproc)
 PREFIX     ?= /usr/local
 
-.PHONY: all deps configure build test install deb deb-test run bench soak soak-ci asan coverage fuzz clean
+.PHONY: all deps configure build test install deb deb-test deb-chroot-test run bench soak soak-ci asan coverage fuzz clean
 
 all: build
 
@@ -40,6 +40,11 @@ deb:
 
 deb-test: deb
 	sh tests/install/deb_root_test.sh build-deb
+
+# As root: the packages installed and configured by apt in a fresh root made
+# by debootstrap from this machine's apt source, and the consumers run there.
+deb-chroot-test: deb
+	sh tools/deb-chroot-test.sh build-deb
 
 run: build
 	sh tools/demo.sh $(BUILD)
