@@ -1,7 +1,9 @@
 // The C++ interface with ownership (sfl.hpp): what each type closes and
 // when, what a destructor does with a close that fails, byte and text I/O,
 // references in text form, and an item stored here read in another process.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
@@ -9,6 +11,8 @@
 #include <vector>
 
 #include "sfl.hpp"
+#include "sfl_coding.h"
+#include "sfl_records.h"
 #include "test_env.h"
 #include "test_util.h"
 
@@ -272,6 +276,46 @@ TEST(Hpp, CheckAndCompactByReference) {
   sfl::Container again = sfl::Container::Open(file);
   EXPECT_EQ(again.Flags() & NEED_COMPACTION, 0u);
   again.Sync();
+}
+
+}  // namespace
+
+namespace {
+
+// Writes the slot count of a container file's header in place.
+void PutSlotCount(const std::string& path, uint16_t count) {
+  const int fd = ::open(path.c_str(), O_RDWR);
+  ASSERT_GE(fd, 0);
+  uint8_t b[2];
+  sfl_PutU16(b, count);
+  ASSERT_EQ(::pwrite(fd, b, sizeof b, sfl_fh::MaxItems), static_cast<ssize_t>(sizeof b));
+  ::close(fd);
+}
+
+TEST(Hpp, TheItemTableHasAsManyEntriesAsTheHeaderNamesSlots) {
+  sfl::Container c = sfl::Container::Create();
+  sfl::Item a = c.Store("first");
+  sfl::Item b = c.Store(std::string(3000, 'b'));
+  std::vector<sfl::ItemInfo> slots = c.Items();
+  ASSERT_EQ(slots.size(), 8u);
+  for (uint32_t i = 0; i < slots.size(); ++i) EXPECT_EQ(slots[i].ItemNum, i);
+  EXPECT_EQ(slots[b.Reference().ItemNumber()].FileSize, 3000u);
+
+  // A header naming more slots than eight (written under the open file)
+  // is listed whole, not cut at the eighth.
+  const std::string path = sfltest::ItemPath(c.Reference().Raw());
+  PutSlotCount(path, 9);
+  slots = c.Items();
+  ASSERT_EQ(slots.size(), 9u);
+  EXPECT_EQ(slots[8].ItemNum, 8u);
+  EXPECT_EQ(slots[8].InUse, 0u);  // the in-use map has eight bits
+  EXPECT_EQ(slots[a.Reference().ItemNumber()].FileSize, 5u);
+
+  // And one naming fewer lists fewer.
+  PutSlotCount(path, 2);
+  EXPECT_EQ(c.Items().size(), 2u);
+  PutSlotCount(path, 8);
+  EXPECT_EQ(c.Items().size(), 8u);
 }
 
 }  // namespace

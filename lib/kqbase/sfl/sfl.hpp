@@ -329,11 +329,19 @@ class Container {
     sfl_FormatBlockedRoot(b.Handle());
     return b;
   }
-  // The item table, one entry per slot.
+  // The item table, one entry per slot, as many as the file's header
+  // names now (read afresh each call, so a header changed since the open
+  // is reported as it is).
   std::vector<ItemInfo> Items() const {
-    std::vector<ItemInfo> slots(8);
-    const int32_t n = sfl_ListItems(h_.Handle(), slots.data(), static_cast<int32_t>(slots.size()));
-    if (n >= 0 && static_cast<size_t>(n) < slots.size()) slots.resize(static_cast<size_t>(n));
+    std::vector<ItemInfo> slots;
+    int32_t n = sfl_ListItems(h_.Handle(), nullptr, 0);
+    // The count is read again with the slots; should it have grown
+    // between the two reads, ask again with room for it.
+    while (n > static_cast<int32_t>(slots.size())) {
+      slots.resize(static_cast<size_t>(n));
+      n = sfl_ListItems(h_.Handle(), slots.data(), static_cast<int32_t>(slots.size()));
+    }
+    slots.resize(static_cast<size_t>(n > 0 ? n : 0));
     return slots;
   }
   uint32_t Flags() const { return sfl_GetFileFlags(h_.Handle()); }
