@@ -319,3 +319,69 @@ TEST(Hpp, TheItemTableHasAsManyEntriesAsTheHeaderNamesSlots) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(Hpp, ItemStatusAndTheCountsReadsAndWritesReturn) {
+  sfl::Container c = sfl::Container::Create();
+  sfl::Item item = c.Store("0123456789");
+  const struct stat st = item.Stat();
+  EXPECT_EQ(st.st_size, 10);
+  EXPECT_GE(st.st_nlink, 1u);
+  EXPECT_GT(st.st_mtime, 0);
+  EXPECT_EQ(item.Write(4, "abc"), 3u);
+  std::vector<std::byte> out(6);
+  EXPECT_EQ(item.Read(2, out), 6u);
+  EXPECT_EQ(out, B("23abc7"));
+  EXPECT_EQ(item.Write(0, std::span<const std::byte>()), 0u);
+}
+
+TEST(Hpp, ANewItemLeftUnfilledAndNoItemFromAFullContainer) {
+  sfl::Container c = sfl::Container::Create();
+  // Left unfilled, the item is the caller's to write whole.
+  sfl::Item item = c.NewItem(6, /*zeroFill=*/false);
+  ASSERT_TRUE(item.IsOpen());
+  EXPECT_EQ(item.Size(), 6u);
+  EXPECT_EQ(item.Write(0, "filled"), 6u);
+  EXPECT_EQ(item.ReadText(), "filled");
+
+  // Slot 0 holds the free map: seven items fill the table.
+  std::vector<sfl::Item> held;
+  for (int i = 0; i < 6; ++i) held.push_back(c.Store("x"));
+  for (const sfl::Item& h : held) EXPECT_TRUE(h.IsOpen());
+  sfl::Item none = c.NewItem(4);
+  EXPECT_FALSE(none.IsOpen());
+  EXPECT_EQ(none.Handle(), -1);
+  sfl::Item alsoNone = c.Store("more");
+  EXPECT_FALSE(alsoNone.IsOpen());
+}
+
+TEST(Hpp, BlocksAppendedReadInPartAndWholeHoweverLong) {
+  sfl::Container c = sfl::Container::Create();
+  sfl::BlockedItem b = c.NewBlockedItem();
+  EXPECT_TRUE(b.Empty());
+  EXPECT_EQ(b.AppendBlock("first"), std::optional<uint32_t>(0));
+  std::string big(200 * 1024, '\0');
+  for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>('a' + i % 23);
+  EXPECT_EQ(b.AppendBlock(big), std::optional<uint32_t>(1));
+  EXPECT_EQ(b.AppendBlock(std::span<const std::byte>(B("third"))), std::optional<uint32_t>(2));
+  EXPECT_FALSE(b.Empty());
+
+  std::vector<std::byte> part(3);
+  EXPECT_EQ(b.Read(0, part), 3u);
+  EXPECT_EQ(part, B("fir"));
+  std::vector<std::byte> room(64);
+  EXPECT_EQ(b.Read(2, room), 5u);
+  EXPECT_EQ(b.ReadBlock(1), B(big));
+  EXPECT_EQ(b.ReadBlock(2), B("third"));
+
+  const std::vector<sfl::Block> blocks = b.Blocks(1);
+  ASSERT_EQ(blocks.size(), 2u);
+  EXPECT_EQ(blocks[0].size, big.size());
+  b.FreeBlock(0);
+  b.FreeBlock(1);
+  b.FreeBlock(2);
+  EXPECT_TRUE(b.Empty());
+}
+
+}  // namespace

@@ -190,14 +190,19 @@ class Item {
   bool IsOpen() const { return h_.IsOpen(); }
   const Ref& Reference() const { return ref_; }
 
-  uint64_t Size() const {
+  // The item's status: st_size its length, st_nlink its attach count,
+  // st_mtime when it last changed.
+  struct stat Stat() const {
     struct stat st {};
     sfl_FStatItem(h_.Handle(), &st);
-    return static_cast<uint64_t>(st.st_size);
+    return st;
   }
+  uint64_t Size() const { return static_cast<uint64_t>(Stat().st_size); }
   // Reads into `out` from `position`; the whole span must lie in the item.
-  void Read(uint32_t position, std::span<std::byte> out) const {
-    sfl_ReadSimpleData(h_.Handle(), position, detail::Length(out.size()), out.data());
+  // Returns the bytes read.
+  size_t Read(uint32_t position, std::span<std::byte> out) const {
+    const int32_t n = sfl_ReadSimpleData(h_.Handle(), position, detail::Length(out.size()), out.data());
+    return n > 0 ? static_cast<size_t>(n) : 0;
   }
   Bytes ReadAll() const {
     Bytes b(static_cast<size_t>(Size()));
@@ -208,10 +213,12 @@ class Item {
     Bytes b = ReadAll();
     return std::string(reinterpret_cast<const char*>(b.data()), b.size());
   }
-  void Write(uint32_t position, std::span<const std::byte> data) {
-    sfl_WriteSimpleData(h_.Handle(), position, detail::Length(data.size()), data.data());
+  // Writes `data` from `position` on; returns the bytes written.
+  size_t Write(uint32_t position, std::span<const std::byte> data) {
+    const int32_t n = sfl_WriteSimpleData(h_.Handle(), position, detail::Length(data.size()), data.data());
+    return n > 0 ? static_cast<size_t>(n) : 0;
   }
-  void Write(uint32_t position, std::string_view text) { Write(position, detail::AsBytes(text)); }
+  size_t Write(uint32_t position, std::string_view text) { return Write(position, detail::AsBytes(text)); }
   void Truncate(uint32_t size) { sfl_TruncateSimItem(h_.Handle(), size); }
   void Sync() { sfl_SyncData(h_.Handle()); }
   // Deletes the item (at once when no one else holds its file, else when
@@ -247,24 +254,59 @@ class BlockedItem {
   bool IsOpen() const { return h_.IsOpen(); }
   const Ref& Reference() const { return ref_; }
 
-  // The item's blocks numbered `first` to `last`, in ascending order.
+  // The item's blocks numbered `first` to `last`, in ascending order;
+  // freed and never-written numbers are not listed.
   std::vector<Block> Blocks(uint32_t first = 0, uint32_t last = UINT32_MAX) const {
-    const uint32_t n = sfl_ListBlocks(h_.Handle(), first, last, nullptr, 0);
-    std::vector<sfl_BlockInfo> raw(n);
-    const uint32_t got = sfl_ListBlocks(h_.Handle(), first, last, raw.data(), n);
+    // The count comes first; blocks another process adds between the two
+    // calls are picked up by asking again with the larger count.
+    std::vector<sfl_BlockInfo> raw;
+    uint32_t n = sfl_ListBlocks(h_.Handle(), first, last, nullptr, 0);
+    for (;;) {
+      raw.resize(n);
+      const uint32_t now = sfl_ListBlocks(h_.Handle(), first, last, raw.data(), n);
+      if (now <= n) {
+        raw.resize(now);
+        break;
+      }
+      n = now;
+    }
     std::vector<Block> out;
-    for (uint32_t i = 0; i < got && i < n; ++i) out.push_back({raw[i].Block, raw[i].Size});
+    out.reserve(raw.size());
+    for (const sfl_BlockInfo& b : raw) out.push_back({b.Block, b.Size});
     return out;
   }
-  // A whole block.
+  // Whether the item holds no blocks at all.
+  bool Empty() const { return sfl_ListBlocks(h_.Handle(), 0, UINT32_MAX, nullptr, 0) == 0; }
+  // Reads the start of a block into `out`: the smaller of the block's
+  // length and the span's. Returns the bytes read.
+  size_t Read(uint32_t block, std::span<std::byte> out) const {
+    return sfl_ReadBlockedData(h_.Handle(), block, detail::Length(out.size()), out.data());
+  }
+  // A whole block, however long (an absent block raises the library's own
+  // reason for it).
   Bytes ReadBlock(uint32_t block) const {
     const std::vector<Block> found = Blocks(block, block);
-    // An absent block: the read raises the library's own reason for it.
-    Bytes data(found.empty() ? 1 : found[0].size);
-    const uint32_t got = sfl_ReadBlockedData(h_.Handle(), block, detail::Length(data.size()), data.data());
-    data.resize(found.empty() ? 0 : got);
-    return data;
+    // One byte more than listed, so a block grown since the listing shows
+    // by filling the buffer; the read is then repeated with a larger one.
+    Bytes data(found.empty() ? 1 : size_t{found[0].size} + 1);
+    for (;;) {
+      const size_t got = Read(block, data);
+      if (got < data.size() || data.size() >= (size_t{1} << 31)) {
+        data.resize(got);
+        return data;
+      }
+      data.resize(data.size() * 2);
+    }
   }
+  // Appends a block after the last one; returns its number, or nothing
+  // when the item's index has no room for another block.
+  std::optional<uint32_t> AppendBlock(std::span<const std::byte> data) {
+    const int32_t n = sfl_GetNewBlock(h_.Handle(), static_cast<int32_t>(detail::Length(data.size())),
+                                      /*append=*/1, data.data());
+    if (n < 0) return std::nullopt;
+    return static_cast<uint32_t>(n);
+  }
+  std::optional<uint32_t> AppendBlock(std::string_view text) { return AppendBlock(detail::AsBytes(text)); }
   void WriteBlock(uint32_t block, std::span<const std::byte> data) {
     sfl_WriteBlockedData(h_.Handle(), block, detail::Length(data.size()), data.data());
   }
@@ -308,16 +350,18 @@ class Container {
     return Ref(raw);
   }
 
-  // A new item of `size` bytes (zero-filled), open.
-  Item NewItem(uint32_t size) {
+  // A new item of `size` bytes, open; zero-filled unless `zeroFill` is
+  // false (for a caller that writes every byte itself). Not open (IsOpen()
+  // false) when the container has no free slot.
+  Item NewItem(uint32_t size, bool zeroFill = true) {
     sfl_ItemRef raw{};
-    const int32_t h = sfl_StoreBasicItem(h_.Handle(), nullptr, size, &raw, 0);
-    return Item(h, Ref(raw));
+    const int32_t h = sfl_StoreBasicItem(h_.Handle(), nullptr, size, &raw, zeroFill ? 0 : 1);
+    return h < 0 ? Item() : Item(h, Ref(raw));
   }
-  // A new item holding `data`, open.
+  // A new item holding `data`, open (not open when the container is full).
   Item Store(std::span<const std::byte> data) {
     Item item = NewItem(detail::Length(data.size()));
-    if (!data.empty()) item.Write(0, data);
+    if (item.IsOpen() && !data.empty()) item.Write(0, data);
     return item;
   }
   Item Store(std::string_view text) { return Store(detail::AsBytes(text)); }
