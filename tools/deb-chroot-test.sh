@@ -35,8 +35,15 @@ trap cleanup EXIT INT TERM
 debootstrap --variant=minbase "$suite" "$root" "$mirror" >"$work/debootstrap.log" 2>&1 ||
   { tail -20 "$work/debootstrap.log" >&2; fail "debootstrap $suite from $mirror"; }
 mkdir -p "$root/srv/sfl/debs"
-cp "$debs"/libsfl1_*.deb "$debs"/libsfl-dev_*.deb "$debs"/sfl-tools_*.deb "$debs"/python3-sfl_*.deb \
-  "$root/srv/sfl/debs/"
+# The packages by their names inside the root (a glob would be expanded
+# here, against this machine's paths, not the root's).
+inroot=""
+for p in libsfl1 libsfl-dev sfl-tools python3-sfl; do
+  set -- "$debs"/${p}_*.deb
+  [ -f "$1" ] || fail "no ${p} package in $debs (make deb)"
+  cp "$1" "$root/srv/sfl/debs/"
+  inroot="$inroot /srv/sfl/debs/$(basename "$1")"
+done
 cp -r "$src/tests/install" "$root/srv/sfl/install"
 mount -t proc proc "$root/proc"
 in_root() {
@@ -47,9 +54,9 @@ in_root() {
 # apt resolves the packages' dependencies from the mirror and configures
 # them: what a Debian administrator's "apt install" does.
 in_root apt-get update -qq >"$work/apt.log" 2>&1 || { cat "$work/apt.log" >&2; fail "apt-get update"; }
+# shellcheck disable=SC2086 # one word per package
 in_root apt-get install -y -qq --no-install-recommends gcc g++ cmake ninja-build pkg-config \
-  /srv/sfl/debs/libsfl1_*.deb /srv/sfl/debs/libsfl-dev_*.deb /srv/sfl/debs/sfl-tools_*.deb \
-  /srv/sfl/debs/python3-sfl_*.deb >>"$work/apt.log" 2>&1 || { tail -30 "$work/apt.log" >&2; fail "apt-get install"; }
+  $inroot >>"$work/apt.log" 2>&1 || { tail -30 "$work/apt.log" >&2; fail "apt-get install"; }
 for p in libsfl1 libsfl-dev sfl-tools python3-sfl; do
   in_root dpkg -s "$p" 2>/dev/null | grep -q '^Status: install ok installed' || fail "$p is not configured"
 done
