@@ -329,11 +329,11 @@ TEST(Hpp, ItemStatusAndTheCountsReadsAndWritesReturn) {
   EXPECT_EQ(st.st_size, 10);
   EXPECT_GE(st.st_nlink, 1u);
   EXPECT_GT(st.st_mtime, 0);
-  EXPECT_EQ(item.Write(4, "abc"), 3u);
+  EXPECT_EQ(item.Write(4, "abc"), 3);
   std::vector<std::byte> out(6);
-  EXPECT_EQ(item.Read(2, out), 6u);
+  EXPECT_EQ(item.Read(2, out), 6);
   EXPECT_EQ(out, B("23abc7"));
-  EXPECT_EQ(item.Write(0, std::span<const std::byte>()), 0u);
+  EXPECT_EQ(item.Write(0, std::span<const std::byte>()), 0);
 }
 
 TEST(Hpp, ANewItemLeftUnfilledAndNoItemFromAFullContainer) {
@@ -342,7 +342,7 @@ TEST(Hpp, ANewItemLeftUnfilledAndNoItemFromAFullContainer) {
   sfl::Item item = c.NewItem(6, /*zeroFill=*/false);
   ASSERT_TRUE(item.IsOpen());
   EXPECT_EQ(item.Size(), 6u);
-  EXPECT_EQ(item.Write(0, "filled"), 6u);
+  EXPECT_EQ(item.Write(0, "filled"), 6);
   EXPECT_EQ(item.ReadText(), "filled");
 
   // Slot 0 holds the free map: seven items fill the table.
@@ -354,6 +354,19 @@ TEST(Hpp, ANewItemLeftUnfilledAndNoItemFromAFullContainer) {
   EXPECT_EQ(none.Handle(), -1);
   sfl::Item alsoNone = c.Store("more");
   EXPECT_FALSE(alsoNone.IsOpen());
+}
+
+TEST(Hpp, ANewItemInAChosenSlotAndNoneWhenTheSlotIsTaken) {
+  sfl::Container c = sfl::Container::Create();
+  sfl::Item five = c.NewItemAt(5, 4);
+  ASSERT_TRUE(five.IsOpen());
+  EXPECT_EQ(five.Reference().ItemNumber(), 5u);
+  EXPECT_EQ(five.ReadAll(), sfl::Bytes(4));  // zero-filled
+  EXPECT_EQ(c.Items()[5].InUse, 1u);
+  sfl::Item again = c.NewItemAt(5, 4, /*zeroFill=*/false);
+  EXPECT_FALSE(again.IsOpen());
+  // The next free slot is still handed out as before.
+  EXPECT_EQ(c.Store("one").Reference().ItemNumber(), 1u);
 }
 
 TEST(Hpp, BlocksAppendedReadInPartAndWholeHoweverLong) {

@@ -199,10 +199,10 @@ class Item {
   }
   uint64_t Size() const { return static_cast<uint64_t>(Stat().st_size); }
   // Reads into `out` from `position`; the whole span must lie in the item.
-  // Returns the bytes read.
-  size_t Read(uint32_t position, std::span<std::byte> out) const {
-    const int32_t n = sfl_ReadSimpleData(h_.Handle(), position, detail::Length(out.size()), out.data());
-    return n > 0 ? static_cast<size_t>(n) : 0;
+  // Returns the bytes read (fewer when the system moved fewer), or -1 with
+  // errno set when the system refused the transfer.
+  int32_t Read(uint32_t position, std::span<std::byte> out) const {
+    return sfl_ReadSimpleData(h_.Handle(), position, detail::Length(out.size()), out.data());
   }
   Bytes ReadAll() const {
     Bytes b(static_cast<size_t>(Size()));
@@ -213,12 +213,12 @@ class Item {
     Bytes b = ReadAll();
     return std::string(reinterpret_cast<const char*>(b.data()), b.size());
   }
-  // Writes `data` from `position` on; returns the bytes written.
-  size_t Write(uint32_t position, std::span<const std::byte> data) {
-    const int32_t n = sfl_WriteSimpleData(h_.Handle(), position, detail::Length(data.size()), data.data());
-    return n > 0 ? static_cast<size_t>(n) : 0;
+  // Writes `data` from `position` on; the whole span must fit in the item.
+  // Returns what Read returns, for the bytes written.
+  int32_t Write(uint32_t position, std::span<const std::byte> data) {
+    return sfl_WriteSimpleData(h_.Handle(), position, detail::Length(data.size()), data.data());
   }
-  size_t Write(uint32_t position, std::string_view text) { return Write(position, detail::AsBytes(text)); }
+  int32_t Write(uint32_t position, std::string_view text) { return Write(position, detail::AsBytes(text)); }
   void Truncate(uint32_t size) { sfl_TruncateSimItem(h_.Handle(), size); }
   void Sync() { sfl_SyncData(h_.Handle()); }
   // Deletes the item (at once when no one else holds its file, else when
@@ -356,6 +356,13 @@ class Container {
   Item NewItem(uint32_t size, bool zeroFill = true) {
     sfl_ItemRef raw{};
     const int32_t h = sfl_StoreBasicItem(h_.Handle(), nullptr, size, &raw, zeroFill ? 0 : 1);
+    return h < 0 ? Item() : Item(h, Ref(raw));
+  }
+  // As NewItem, in slot `slot` (1 to 7); not open when that slot is taken.
+  Item NewItemAt(uint32_t slot, uint32_t size, bool zeroFill = true) {
+    sfl_ItemRef raw{};
+    const int32_t h = sfl_StoreItemAtPosition(h_.Handle(), nullptr, size, &raw, zeroFill ? 0 : 1,
+                                              static_cast<int32_t>(slot));
     return h < 0 ? Item() : Item(h, Ref(raw));
   }
   // A new item holding `data`, open (not open when the container is full).
