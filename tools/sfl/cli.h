@@ -1,7 +1,8 @@
 // Shared pieces of the `sfl` command-line tool: the command table, argument
 // parsing, the two kinds of user-facing failure, naming items by reference
 // or path, scoped container and item handles, and small output helpers.
-// The tool uses the library's public interface only (sfl.h, er.h).
+// The tool uses the library's public interface only: its C++ form (sfl.hpp)
+// for what it opens, reads, writes and closes, and sfl.h and er.h besides.
 #ifndef SFL_TOOL_CLI_H
 #define SFL_TOOL_CLI_H
 
@@ -9,10 +10,12 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "er.h"
 #include "sfl.h"
+#include "sfl.hpp"
 
 namespace cli {
 
@@ -162,61 +165,77 @@ uint64_t HoleBytes(uint64_t fileSize, const std::vector<sfl_ItemInfo>& slots);
 std::string PendingNote();
 
 // ---- scoped handles --------------------------------------------------------
+// Items, blocked items and streams are the library's own owners (sfl.hpp).
+// Their destructors run while an earlier error is on its way out; the tool
+// has them drop a close that fails there without a word (see
+// ForgetFailedClose), so that the one error line is the first error's.
+void ForgetFailedClose(const sfl::Escape& failure, const char* what, int32_t handle);
+
+// Closes now. A close that fails is reported (raised) once and the handle
+// given up, not tried again: the command ends with that failure.
+template <class Owner>
+void CloseOnce(Owner& owner) {
+  try {
+    owner.Close();
+  } catch (...) {
+    owner.Release();
+    throw;
+  }
+}
+
 // An open container. Close() closes it and reports errors; the destructor
-// closes what is still open and swallows errors (it runs while an earlier
-// error is on its way out). The library removes a container that holds no
-// item at its last close; a container that held none when the tool opened
-// it and holds none still is left unclosed (the process ends soon after),
-// so that looking at an empty container never removes it.
+// closes what is still open and swallows errors. The library removes a
+// container that holds no item at its last close; a container that held
+// none when the tool opened it and holds none still is left unclosed (the
+// process ends soon after), so that looking at an empty container never
+// removes it.
 class Container {
  public:
   explicit Container(const sfl_ItemRef& ref);
   // Takes over a container the library already opened (creation).
-  Container(const sfl_ItemRef& ref, int32_t adoptedBase)
-      : ref_(ContainerOf(ref)), base_(adoptedBase) {}
+  Container(const sfl_ItemRef& ref, sfl::Container adopted)
+      : ref_(ContainerOf(ref)), base_(std::move(adopted)) {}
   ~Container();
   Container(const Container&) = delete;
   Container& operator=(const Container&) = delete;
 
-  int32_t handle() const { return base_; }
+  int32_t handle() const { return base_.Handle(); }
   const sfl_ItemRef& ref() const { return ref_; }
   void Close();
   // Every slot of the item table, slot 0 (the free map) included.
-  std::vector<sfl_ItemInfo> Slots() const;
+  std::vector<sfl_ItemInfo> Slots() const { return base_.Items(); }
   // One slot; throws Failure when the container has no such slot, it is
   // free (the item was deleted, or never stored) or its item is deleted and
   // waits for the last close of the container.
   sfl_ItemInfo UsedSlot(uint32_t item) const;
   // Whether any of slots 1 to 7 holds an item (a deleted one included).
   bool HoldsItems() const;
+  // The container's own flags (its file header's).
+  uint32_t Flags() const { return base_.Flags(); }
+  // A new simple item of `size` bytes, left for the caller to fill; not
+  // open when the container has no free slot.
+  sfl::Item NewItem(uint32_t size) { return base_.NewItem(size, /*zeroFill=*/false); }
+  // The same in slot `slot`; not open when the slot is taken.
+  sfl::Item NewItemAt(uint32_t slot, uint32_t size) {
+    return base_.NewItemAt(slot, size, /*zeroFill=*/false);
+  }
+  sfl::BlockedItem NewBlockedItem() { return base_.NewBlockedItem(); }
 
  private:
-  // Closes the container unless it stays open for being empty.
-  void Finish();
+  // Gives the handle up unclosed when the container stays open for being
+  // empty; returns whether it did.
+  bool KeptOpenForBeingEmpty();
 
   sfl_ItemRef ref_;
-  int32_t base_ = -1;
+  sfl::Container base_;
   bool emptyAtOpen_ = false;
 };
 
-// An open item handle.
-class Item {
- public:
-  explicit Item(const sfl_ItemRef& ref);
-  // Takes over a handle the library already opened (store, create).
-  static Item Adopt(int32_t handle);
-  Item(Item&& other) noexcept : handle_(other.handle_) { other.handle_ = -1; }
-  ~Item();
-  Item(const Item&) = delete;
-  Item& operator=(const Item&) = delete;
-
-  int32_t handle() const { return handle_; }
-  void Close();
-
- private:
-  Item() = default;
-  int32_t handle_ = -1;
-};
+// Opens an item or a blocked item by its reference.
+inline sfl::Item OpenItem(const sfl_ItemRef& ref) { return sfl::Item::Open(sfl::Ref(ref)); }
+inline sfl::BlockedItem OpenBlockedItem(const sfl_ItemRef& ref) {
+  return sfl::BlockedItem::Open(sfl::Ref(ref));
+}
 
 // ---- output -----------------------------------------------------------------
 std::string FormatTime(uint32_t seconds);  // ISO 8601, UTC
@@ -280,21 +299,11 @@ int RunSelf(const std::vector<std::string>& args, const std::map<std::string, st
             std::string* output);
 
 // ---- blocked items ------------------------------------------------------------
-// Whether the blocked item holds no blocks at all.
-bool HoldsNoBlocks(int32_t item);
-// Reads one block whole, however long it is.
-std::string ReadWholeBlock(int32_t item, uint32_t block);
-// The blocks of a blocked item numbered `first` to `last`, in order, with
-// their lengths; freed and never-written numbers are not listed.
-struct BlockEntry {
-  uint32_t number;
-  uint32_t size;
-};
-std::vector<BlockEntry> ListBlocks(int32_t item, uint32_t first = 0, uint32_t last = UINT32_MAX);
 // Calls `fn` for every block of a blocked item numbered `first` to `last`, in
 // order, skipping freed and never-written numbers.
-void ForEachBlock(int32_t item, const std::function<void(uint32_t, const std::string&)>& fn,
-                  uint32_t first = 0, uint32_t last = UINT32_MAX);
+void ForEachBlock(const sfl::BlockedItem& item,
+                  const std::function<void(uint32_t, const std::string&)>& fn, uint32_t first = 0,
+                  uint32_t last = UINT32_MAX);
 
 }  // namespace cli
 

@@ -15,15 +15,15 @@ struct BlockedItem {
   sfl_ItemRef ref;
   Container container;
   sfl_ItemInfo info;
-  Item item;
+  sfl::BlockedItem item;
 
   explicit BlockedItem(const sfl_ItemRef& r,
                        const char* refusal = "not a blocked item (use 'sfl get' for simple items)")
-      : ref(r), container(r), info(container.UsedSlot(ItemNumber(r))), item(r) {
+      : ref(r), container(r), info(container.UsedSlot(ItemNumber(r))), item(OpenBlockedItem(r)) {
     if (!(info.Flags & BLOCKED_ITEM)) throw Failure{refusal};
   }
   void Close() {
-    item.Close();
+    CloseOnce(item);
     container.Close();
   }
 };
@@ -100,28 +100,28 @@ int RunAppend(const Args& a) {
   const std::vector<std::string> blocks = SplitInput(data, lines, chunk);
 
   Container c(ref);
-  sfl_ItemRef itemRef = ref;
-  int32_t handle;
+  sfl::BlockedItem item;
   if (ItemNumber(ref) == 0) {
-    handle = sfl_CreateBlockedItem(c.handle(), &itemRef);
+    // A new blocked item's root is laid down blank and becomes an empty
+    // leaf before the first block goes in.
+    item = c.NewBlockedItem();
   } else {
     if (!(c.UsedSlot(ItemNumber(ref)).Flags & BLOCKED_ITEM))
       throw Failure{"not a blocked item; blocks go into a blocked item or a new one"};
-    handle = sfl_OpenItem(&ref, 0);
+    item = OpenBlockedItem(ref);
+    // An existing root is left as it is.
+    sfl_FormatBlockedRoot(item.Handle());
   }
-  Item item = Item::Adopt(handle);
+  const sfl_ItemRef itemRef = item.Reference().Raw();
   SetSubjectRef(itemRef);
-  // A new blocked item's root is laid down blank; it becomes an empty leaf
-  // before the first block goes in (an existing root is left as it is).
-  sfl_FormatBlockedRoot(handle);
   int64_t first = -1, last = -1;
   for (const std::string& b : blocks) {
-    int32_t n = sfl_GetNewBlock(handle, static_cast<int32_t>(b.size()), /*append=*/1, b.data());
-    if (n < 0) throw Failure{"no room for another block in the item's index"};
-    if (first < 0) first = n;
-    last = n;
+    const std::optional<uint32_t> n = item.AppendBlock(b);
+    if (!n) throw Failure{"no room for another block in the item's index"};
+    if (first < 0) first = *n;
+    last = *n;
   }
-  item.Close();
+  CloseOnce(item);
   c.Close();
   std::printf("%s\n", RefText(itemRef).c_str());
   if (first >= 0)
@@ -138,13 +138,13 @@ int RunRead(const Args& a) {
   BlockedItem b(ref);
   Output out(a.Get("output"));
   if (range.single) {
-    if (HoldsNoBlocks(b.item.handle()))
+    if (b.item.Empty())
       throw Failure{"no block " + std::to_string(range.first) + ": the item holds no blocks yet"};
-    const std::string data = ReadWholeBlock(b.item.handle(), range.first);
+    const sfl::Bytes data = b.item.ReadBlock(range.first);
     out.Write(data.data(), data.size());
   } else {
     ForEachBlock(
-        b.item.handle(),
+        b.item,
         [&](uint32_t, const std::string& data) { out.Write(data.data(), data.size()); },
         range.first, range.last);
   }
@@ -156,10 +156,10 @@ int RunRead(const Args& a) {
 int RunList(const Args& a) {
   sfl_ItemRef ref = ParseItemRef(a.positional[0]);
   BlockedItem b(ref);
-  const std::vector<BlockEntry> blocks = ListBlocks(b.item.handle());
+  const std::vector<sfl::Block> blocks = b.item.Blocks();
   b.Close();
   uint64_t total = 0;
-  for (const BlockEntry& e : blocks) total += e.size;
+  for (const sfl::Block& e : blocks) total += e.size;
   if (a.Has("json")) {
     std::string s = "{\"item\": " + JsonString(RefText(ref)) +
                     ", \"index_depth\": " + std::to_string(b.info.IndexDepth) +
@@ -172,7 +172,7 @@ int RunList(const Args& a) {
     return kExitOk;
   }
   std::printf("%8s %10s\n", "BLOCK", "SIZE");
-  for (const BlockEntry& e : blocks) std::printf("%8u %10u\n", e.number, e.size);
+  for (const sfl::Block& e : blocks) std::printf("%8u %10u\n", e.number, e.size);
   std::printf("%zu blocks, %llu bytes, index depth %u\n", blocks.size(),
               static_cast<unsigned long long>(total), b.info.IndexDepth);
   return kExitOk;
@@ -185,7 +185,7 @@ int RunFree(const Args& a) {
     numbers.push_back(
         static_cast<uint32_t>(ParseNumber(a.positional[i], "block number", UINT32_MAX)));
   BlockedItem b(ref);
-  for (uint32_t n : numbers) sfl_FreeBlock(b.item.handle(), n, 0);
+  for (uint32_t n : numbers) b.item.FreeBlock(n);
   b.Close();
   return kExitOk;
 }
@@ -193,19 +193,19 @@ int RunFree(const Args& a) {
 // ---- compact, move ------------------------------------------------------------------------
 
 // The highest block number in use, or "none".
-std::string LastBlockText(int32_t item) {
-  const std::vector<BlockEntry> blocks = ListBlocks(item);
+std::string LastBlockText(const sfl::BlockedItem& item) {
+  const std::vector<sfl::Block> blocks = item.Blocks();
   return blocks.empty() ? "none" : std::to_string(blocks.back().number);
 }
 
 int RunCompact(const Args& a) {
   sfl_ItemRef ref = ParseItemRef(a.positional[0]);
   BlockedItem b(ref, "not a blocked item: a simple item has no blocks to renumber");
-  const std::string before = LastBlockText(b.item.handle());
-  sfl_CompactBlockedItem(b.item.handle());
+  const std::string before = LastBlockText(b.item);
+  b.item.Compact();
   // The result is 0 for an item without blocks as well as for one block:
   // the listing tells them apart.
-  const std::string after = LastBlockText(b.item.handle());
+  const std::string after = LastBlockText(b.item);
   b.Close();
   std::printf("last block before: %s\nlast block after: %s\n", before.c_str(), after.c_str());
   return kExitOk;
@@ -217,7 +217,7 @@ int RunMove(const Args& a) {
       static_cast<uint32_t>(ParseNumber(a.positional[1], "block number", UINT32_MAX));
   const uint32_t to = static_cast<uint32_t>(ParseNumber(a.positional[2], "block number", UINT32_MAX));
   BlockedItem b(ref, "not a blocked item: a simple item has no blocks to move");
-  sfl_ReorderIndex(b.item.handle(), from, to);
+  b.item.Reorder(from, to);
   b.Close();
   return kExitOk;
 }

@@ -268,37 +268,35 @@ std::vector<StoreEntry> StoreContainers() {
 
 // ---- scoped handles -------------------------------------------------------------------
 
+void ForgetFailedClose(const sfl::Escape&, const char*, int32_t) {}
+
 // The tool opens containers with the implicit-open mark clear: closing the
 // last item handle then leaves the container open, and the tool closes it
 // itself, so that every close is done (and every close error reported) once.
 Container::Container(const sfl_ItemRef& ref) : ref_(ContainerOf(ref)) {
-  base_ = sfl_OpenSfl(&ref_, 0);
-  try {
-    emptyAtOpen_ = !HoldsItems();
-  } catch (...) {
-    sfl_CloseFile(base_);
-    throw;
-  }
+  base_ = sfl::Container::Open(sfl::Ref(ref_));
+  emptyAtOpen_ = !HoldsItems();  // a failure here closes what was opened
 }
 
 Container::~Container() {
-  if (base_ < 0) return;
+  // What is still open after this is closed by base_'s own destructor.
   try {
-    Finish();
+    KeptOpenForBeingEmpty();
   } catch (const er_Escape&) {
     er_Clear();
+    base_.Release();
   }
 }
 
 void Container::Close() {
-  if (base_ >= 0) Finish();
+  if (!base_.IsOpen() || KeptOpenForBeingEmpty()) return;
+  CloseOnce(base_);
 }
 
-void Container::Finish() {
-  int32_t b = base_;
-  if (emptyAtOpen_ && !HoldsItems()) return;  // stays open until the process ends
-  base_ = -1;
-  sfl_CloseFile(b);
+bool Container::KeptOpenForBeingEmpty() {
+  if (!base_.IsOpen() || !emptyAtOpen_ || HoldsItems()) return false;
+  base_.Release();  // stays open until the process ends
+  return true;
 }
 
 bool Container::HoldsItems() const {
@@ -306,13 +304,6 @@ bool Container::HoldsItems() const {
   for (size_t i = 1; i < slots.size(); ++i)
     if (slots[i].InUse) return true;
   return false;
-}
-
-std::vector<sfl_ItemInfo> Container::Slots() const {
-  std::vector<sfl_ItemInfo> slots(SFL_ITEM_NUM_MASK + 1);
-  int32_t n = sfl_ListItems(base_, slots.data(), static_cast<int32_t>(slots.size()));
-  slots.resize(static_cast<size_t>(n) < slots.size() ? static_cast<size_t>(n) : slots.size());
-  return slots;
 }
 
 // Bytes of the file that neither the header, the item table nor any item
@@ -339,29 +330,6 @@ sfl_ItemInfo Container::UsedSlot(uint32_t item) const {
   if (slots[item].Flags & DELETED)
     throw Failure{"item " + std::to_string(item) + " is deleted; " + PendingNote()};
   return slots[item];
-}
-
-Item::Item(const sfl_ItemRef& ref) { handle_ = sfl_OpenItem(&ref, 0); }
-
-Item Item::Adopt(int32_t handle) {
-  Item it;
-  it.handle_ = handle;
-  return it;
-}
-
-Item::~Item() {
-  if (handle_ < 0) return;
-  try {
-    sfl_CloseItem(handle_);
-  } catch (const er_Escape&) {
-    er_Clear();
-  }
-}
-
-void Item::Close() {
-  int32_t h = handle_;
-  handle_ = -1;
-  if (h >= 0) sfl_CloseItem(h);
 }
 
 // ---- output ----------------------------------------------------------------------------

@@ -23,7 +23,7 @@ bool CompactOne(const std::string& text) {
   const sfl_ItemRef ref = ParseContainerRef(text);
   const std::string path = RefPath(ref);
   const uint64_t before = FileSize(path);
-  switch (sfl_CompactContainer(&ref)) {
+  switch (sfl::Compact(sfl::Ref(ref))) {
     case SFL_COMPACT_DONE: {
       const uint64_t after = FileSize(path);
       std::printf("%s  %llu -> %llu bytes (%lld freed)\n", RefText(ref).c_str(),

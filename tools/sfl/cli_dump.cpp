@@ -27,9 +27,9 @@ int RunDump(const Args& a) {
     SetSubjectRef(itemRef);
     if ((c.UsedSlot(static_cast<uint32_t>(tree)).Flags & BLOCKED_ITEM) == 0)
       throw Failure{"not a blocked item; --tree lists the blocks of a blocked item"};
-    Item it(itemRef);
-    sfl_ListIndexTree(stdout, it.handle());
-    it.Close();
+    sfl::BlockedItem it = OpenBlockedItem(itemRef);
+    sfl_ListIndexTree(stdout, it.Handle());
+    CloseOnce(it);
   } else {
     if (item >= 0) c.UsedSlot(static_cast<uint32_t>(item));
     sfl_DumpContainer(stdout, c.handle(), static_cast<int32_t>(item));

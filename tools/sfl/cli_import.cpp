@@ -211,10 +211,10 @@ void OpenJournal(Journal* j, const std::string& path, const std::string& root) {
 // ---- storing ----------------------------------------------------------------------------
 
 // Writes the file's bytes into the item from `from` on.
-void WriteFileInto(int32_t item, const std::string& file, uint32_t size) {
+void WriteFileInto(sfl::Item& item, const std::string& file, uint32_t size) {
   const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) throw SystemFailure{errno, file, "opening"};
-  std::vector<char> buf(kChunk);
+  std::vector<std::byte> buf(kChunk);
   uint32_t pos = 0;
   try {
     while (pos < size) {
@@ -223,7 +223,8 @@ void WriteFileInto(int32_t item, const std::string& file, uint32_t size) {
       if (n < 0) throw SystemFailure{errno, file, "reading"};
       if (n == 0) throw Failure{file + ": ended before its size was reached (file changed?)"};
       for (ssize_t done = 0; done < n;) {
-        const int32_t w = sfl_WriteSimpleData(item, pos, static_cast<uint32_t>(n - done), buf.data() + done);
+        const int32_t w =
+            item.Write(pos, std::span<const std::byte>(buf).subspan(static_cast<size_t>(done), static_cast<size_t>(n - done)));
         if (w <= 0) throw Failure{file + ": could not be written into its item"};
         done += w;
         pos += static_cast<uint32_t>(w);
@@ -276,9 +277,9 @@ class Importer {
     if (slot < slots.size() && slots[slot].InUse && slots[slot].Valid && !(slots[slot].Flags & DELETED)) {
       if (slots[slot].FileSize != SizeOfFile(file))
         throw Failure{j_->pendingItem + " does not have the size of " + file + " (was the file changed?)"};
-      Item h(item);
-      WriteFileInto(h.handle(), file, slots[slot].FileSize);
-      h.Close();
+      sfl::Item h = OpenItem(item);
+      WriteFileInto(h, file, slots[slot].FileSize);
+      CloseOnce(h);
     } else {
       StoreAt(slot, file);
     }
@@ -327,9 +328,9 @@ class Importer {
   void NewContainer() {
     if (c_ != nullptr) c_->Close();
     c_.reset();
-    const int32_t base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
-    sfl_GetSerFileItem(base, &ref_);
-    c_ = std::make_unique<Container>(ref_, base);
+    sfl::Container base = sfl::Container::Create(SFL_TYPE_DATA_ITEM, 0);
+    ref_ = base.Reference().Raw();
+    c_ = std::make_unique<Container>(ref_, std::move(base));
     j_->container = RefText(ref_);
     j_->nextSlot = 1;
     j_->Append("C " + j_->container);
@@ -337,13 +338,10 @@ class Importer {
 
   void StoreAt(uint32_t slot, const std::string& file) {
     const uint32_t size = SizeOfFile(file);
-    sfl_ItemRef out{};
-    const int32_t h = sfl_StoreItemAtPosition(c_->handle(), nullptr, size, &out, /*noZeroFill=*/1,
-                                              static_cast<int32_t>(slot));
-    if (h < 0) throw Failure{RefText(ItemAt(c_->ref(), slot)) + ": the slot is taken by another process's item"};
-    Item item = Item::Adopt(h);
-    WriteFileInto(h, file, size);
-    item.Close();
+    sfl::Item item = c_->NewItemAt(slot, size);
+    if (!item.IsOpen()) throw Failure{RefText(ItemAt(c_->ref(), slot)) + ": the slot is taken by another process's item"};
+    WriteFileInto(item, file, size);
+    CloseOnce(item);
   }
 
   Journal* j_;
@@ -439,7 +437,13 @@ void ExportContainer(const sfl_ItemRef& cref, uint32_t only, Export* e) {
     } else {
       rel = RefText(cref) + "/" + std::to_string(n);
     }
-    Item item(ItemAt(cref, n));
+    const bool blocked = (slots[n].Flags & BLOCKED_ITEM) != 0;
+    sfl::BlockedItem blockedItem;
+    sfl::Item item;
+    if (blocked)
+      blockedItem = OpenBlockedItem(ItemAt(cref, n));
+    else
+      item = OpenItem(ItemAt(cref, n));
     Sha256 sum;
     uint64_t size = 0;
     WriteNewFile(e->dest + "/" + rel, [&](int fd) {
@@ -448,20 +452,23 @@ void ExportContainer(const sfl_ItemRef& cref, uint32_t only, Export* e) {
         sum.Add(data, len);
         size += len;
       };
-      if (slots[n].Flags & BLOCKED_ITEM) {
-        ForEachBlock(item.handle(), [&](uint32_t, const std::string& d) { put(d.data(), d.size()); });
+      if (blocked) {
+        ForEachBlock(blockedItem, [&](uint32_t, const std::string& d) { put(d.data(), d.size()); });
       } else {
-        std::vector<char> buf(kChunk);
+        std::vector<std::byte> buf(kChunk);
         for (uint32_t pos = 0; pos < slots[n].FileSize;) {
           const uint32_t want = std::min<uint32_t>(kChunk, slots[n].FileSize - pos);
-          const int32_t got = sfl_ReadSimpleData(item.handle(), pos, want, buf.data());
+          const int32_t got = item.Read(pos, std::span<std::byte>(buf).first(want));
           if (got <= 0) throw Failure{refText + ": short read at offset " + std::to_string(pos)};
-          put(buf.data(), static_cast<size_t>(got));
+          put(reinterpret_cast<const char*>(buf.data()), static_cast<size_t>(got));
           pos += static_cast<uint32_t>(got);
         }
       }
     });
-    item.Close();
+    if (blocked)
+      CloseOnce(blockedItem);
+    else
+      CloseOnce(item);
     e->manifest += refText + " " + std::to_string(size) + " " + sum.Hex() + " " + Escape(rel) + "\n";
     ++e->files;
     e->bytes += size;

@@ -117,9 +117,9 @@ std::string FullText(const Container& c) {
 bool StoreItem(Container& c, Source& src, const std::string& what, sfl_ItemRef* out) {
   if (src.size() > UINT32_MAX) throw Failure{what + ": too large for an item (4 GiB at most)"};
   const uint32_t size = static_cast<uint32_t>(src.size());
-  int32_t h = sfl_StoreBasicItem(c.handle(), nullptr, size, out, /*noZeroFill=*/1);
-  if (h < 0) return false;
-  Item item = Item::Adopt(h);
+  sfl::Item item = c.NewItem(size);
+  if (!item.IsOpen()) return false;
+  *out = item.Reference().Raw();
   try {
     char buf[kChunk];
     uint32_t pos = 0;
@@ -130,7 +130,7 @@ bool StoreItem(Container& c, Source& src, const std::string& what, sfl_ItemRef* 
       if (got == 0) throw Failure{what + ": ended before its size was reached (file changed?)"};
       size_t done = 0;
       while (done < got) {
-        int32_t n = sfl_WriteSimpleData(h, pos, static_cast<uint32_t>(got - done), buf + done);
+        const int32_t n = item.Write(pos, std::as_bytes(std::span<const char>(buf + done, got - done)));
         if (n <= 0) throw SystemFailure{n < 0 ? errno : EIO, RefPath(c.ref()), "writing into", true};
         done += static_cast<size_t>(n);
         pos += static_cast<uint32_t>(n);
@@ -138,13 +138,13 @@ bool StoreItem(Container& c, Source& src, const std::string& what, sfl_ItemRef* 
     }
   } catch (...) {
     try {
-      sfl_DeleteItem(h);
+      item.Delete();
     } catch (const er_Escape&) {
       er_Clear();
     }
     throw;
   }
-  item.Close();
+  CloseOnce(item);
   return true;
 }
 
@@ -172,19 +172,19 @@ int RunCreate(const Args& a) {
   // leaves nothing behind.
   std::vector<std::unique_ptr<Source>> sources;
   for (const std::string& path : a.positional) sources.push_back(std::make_unique<Source>(path));
-  int32_t base = sfl_CreateSfl(0, type, flags);
-  sfl_ItemRef ref{};
-  sfl_GetSerFileItem(base, &ref);
+  sfl::Container base = sfl::Container::Create(type, flags);
+  const sfl_ItemRef ref = base.Reference().Raw();
   SetSubjectRef(ref);
   if (sources.empty()) {
     // The library removes a container that holds no items when its last
     // user closes it, so an empty new container is left open here: the
     // process ends without the final close and the file stays for `put`
     // (the tool's other commands leave an empty container as they find it).
+    base.Release();
     PrintLine(RefText(ref) + " " + RefPath(ref));
     return kExitOk;
   }
-  Container c(ref, base);
+  Container c(ref, std::move(base));
   // Each reference is printed as soon as its item is stored, the container
   // line with the first: whatever fails later, what was stored is named.
   for (size_t i = 0; i < sources.size(); ++i) {
@@ -204,11 +204,10 @@ int RunCreate(const Args& a) {
 // same kind) for the items that did not fit.
 std::unique_ptr<Container> NewContainerLike(const sfl_ItemRef& full) {
   const int32_t type = full.Domain == 4 ? SFL_TYPE_TEMP_ITEM : SFL_TYPE_DATA_ITEM;
-  int32_t base = sfl_CreateSfl(0, type, 0);
-  sfl_ItemRef ref{};
-  sfl_GetSerFileItem(base, &ref);
+  sfl::Container base = sfl::Container::Create(type, 0);
+  const sfl_ItemRef ref = base.Reference().Raw();
   SetSubjectRef(ref);
-  return std::make_unique<Container>(ref, base);
+  return std::make_unique<Container>(ref, std::move(base));
 }
 
 int RunPut(const Args& a) {
@@ -242,27 +241,32 @@ int RunGet(const Args& a) {
   sfl_ItemRef ref = ParseItemRef(a.positional[0]);
   Container c(ref);
   const sfl_ItemInfo info = c.UsedSlot(ItemNumber(ref));
-  Item item(ref);
+  const bool blocked = (info.Flags & BLOCKED_ITEM) != 0;
+  sfl::BlockedItem blockedItem;
+  sfl::Item item;
+  if (blocked)
+    blockedItem = OpenBlockedItem(ref);
+  else
+    item = OpenItem(ref);
   Output out(a.Get("output"));
-  if (info.Flags & BLOCKED_ITEM) {
-    ForEachBlock(item.handle(),
+  if (blocked) {
+    ForEachBlock(blockedItem,
                  [&](uint32_t, const std::string& data) { out.Write(data.data(), data.size()); });
+    CloseOnce(blockedItem);
   } else {
-    struct stat st;
-    sfl_FStatItem(item.handle(), &st);
-    const uint32_t size = static_cast<uint32_t>(st.st_size);
-    char buf[kChunk];
+    const uint32_t size = static_cast<uint32_t>(item.Size());
+    std::byte buf[kChunk];
     TransferProgress progress("reading", size);
     for (uint32_t pos = 0; pos < size;) {
       progress.Show(pos);
-      uint32_t want = std::min<uint32_t>(kChunk, size - pos);
-      int32_t n = sfl_ReadSimpleData(item.handle(), pos, want, buf);
+      const uint32_t want = std::min<uint32_t>(kChunk, size - pos);
+      const int32_t n = item.Read(pos, std::span<std::byte>(buf, want));
       if (n <= 0) throw Failure{"short read from the item at offset " + std::to_string(pos)};
       out.Write(buf, static_cast<size_t>(n));
       pos += static_cast<uint32_t>(n);
     }
+    CloseOnce(item);
   }
-  item.Close();
   c.Close();
   out.Finish();
   return kExitOk;
@@ -347,7 +351,7 @@ int RunLs(const Args& a) {
   sfl_ItemRef ref = ParseContainerRef(a.positional[0]);
   Container c(ref);
   const std::vector<sfl_ItemInfo> slots = c.Slots();
-  const std::vector<std::string> fileFlags = FileFlagNames(sfl_GetFileFlags(c.handle()));
+  const std::vector<std::string> fileFlags = FileFlagNames(c.Flags());
   c.Close();
   const bool all = a.Has("all");
   size_t used = 0;
@@ -410,10 +414,9 @@ int RunStat(const Args& a) {
   sfl_ItemRef ref = ParseItemRef(a.positional[0]);
   Container c(ref);
   const sfl_ItemInfo info = c.UsedSlot(ItemNumber(ref));
-  Item item(ref);
-  struct stat st;
-  sfl_FStatItem(item.handle(), &st);
-  item.Close();
+  sfl::Item item = OpenItem(ref);
+  const struct stat st = item.Stat();
+  CloseOnce(item);
   c.Close();
   const bool blocked = (info.Flags & BLOCKED_ITEM) != 0;
   const uint32_t changed = static_cast<uint32_t>(st.st_mtime);
@@ -459,9 +462,8 @@ int RunRm(const Args& a) {
       c.Close();
       continue;
     }
-    Item item(ref);
-    sfl_DeleteItem(item.handle());
-    item.Close();
+    sfl::Item item = OpenItem(ref);
+    item.Delete();
     c.Close();
   }
   return kExitOk;
@@ -492,9 +494,9 @@ int RunTruncate(const Args& a) {
   const uint32_t size = static_cast<uint32_t>(ParseNumber(a.positional[1], "size", UINT32_MAX));
   Container c(ref);
   c.UsedSlot(ItemNumber(ref));
-  Item item(ref);
-  sfl_TruncateSimItem(item.handle(), size);
-  item.Close();
+  sfl::Item item = OpenItem(ref);
+  item.Truncate(size);
+  CloseOnce(item);
   c.Close();
   return kExitOk;
 }

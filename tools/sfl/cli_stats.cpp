@@ -33,7 +33,7 @@ void AddContainer(const StoreEntry& e, Totals* t) {
   Container c(e.ref);
   const std::vector<sfl_ItemInfo> slots = c.Slots();
   const bool over = sfl_AnalyseFreeMap(sfl_Handle2Record(c.handle())) != 0 ||
-                    (sfl_GetFileFlags(c.handle()) & NEED_COMPACTION) != 0;
+                    (c.Flags() & NEED_COMPACTION) != 0;
   c.Close();
   ++t->containers;
   for (size_t i = 1; i < slots.size(); ++i) {

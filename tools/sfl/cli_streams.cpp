@@ -3,42 +3,18 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <optional>
 
 #include "cli.h"
 
 namespace cli {
 namespace {
 
-// An open stream, closed on every path.
-class Stream {
- public:
-  explicit Stream(int32_t handle) : handle_(handle) {}
-  ~Stream() {
-    if (handle_ < 0) return;
-    try {
-      sfl_fClose(handle_);
-    } catch (const er_Escape&) {
-      er_Clear();
-    }
-  }
-  Stream(const Stream&) = delete;
-  Stream& operator=(const Stream&) = delete;
-  int32_t handle() const { return handle_; }
-  void Close() {
-    int32_t h = handle_;
-    handle_ = -1;
-    if (h >= 0) sfl_fClose(h);
-  }
-
- private:
-  int32_t handle_;
-};
-
 // What a stream command reads: an item (whose container stays open around
 // the stream, so the item's kind can be checked first) or a plain file.
 struct Readable {
   std::unique_ptr<Container> container;
-  std::unique_ptr<Stream> stream;
+  sfl::Stream stream;
 
   Readable(const std::string& operand, const char* mode) {
     sfl_ItemRef ref{};
@@ -46,15 +22,15 @@ struct Readable {
       container = std::make_unique<Container>(ref);
       if (container->UsedSlot(ItemNumber(ref)).Flags & BLOCKED_ITEM)
         throw Failure{"a blocked item has no byte stream (use 'sfl blocks read')"};
-      stream = std::make_unique<Stream>(sfl_fOpenItem(&ref, mode));
+      stream = sfl::Stream::Open(sfl::Ref(ref), mode);
     } else {
       SetSubject(operand);
       ForgetSubjectRef();
-      stream = std::make_unique<Stream>(sfl_fOpen(operand.c_str(), mode));
+      stream = sfl::Stream::OpenFile(operand, mode);
     }
   }
   void Close() {
-    stream->Close();
+    CloseOnce(stream);
     if (container) container->Close();
   }
 };
@@ -62,9 +38,9 @@ struct Readable {
 int RunCat(const Args& a) {
   for (const std::string& operand : a.positional) {
     Readable r(operand, "r");
-    char buf[8192];
+    std::byte buf[8192];
     for (;;) {
-      size_t n = sfl_fRead(buf, 1, sizeof buf, r.stream->handle());
+      const size_t n = r.stream.Read(buf);
       if (n == 0) break;
       WriteAll(1, buf, n);
     }
@@ -79,9 +55,9 @@ int RunLines(const Args& a) {
   uint64_t lines = 0;
   bool atLineStart = true;
   std::string out;
-  char buf[4096];
-  while (sfl_fgets(buf, sizeof buf, r.stream->handle()) != nullptr) {
-    const size_t len = std::strlen(buf);
+  while (const std::optional<std::string> line = r.stream.GetLine(4095)) {
+    const std::string& buf = *line;
+    const size_t len = buf.size();
     if (len == 0) break;  // nothing more fits the item
     if (atLineStart) {
       ++lines;
@@ -91,7 +67,7 @@ int RunLines(const Args& a) {
         out += num;
       }
     }
-    if (!countOnly) out.append(buf, len);
+    if (!countOnly) out += buf;
     atLineStart = buf[len - 1] == '\n';
     if (out.size() >= 65536) {
       WriteAll(1, out.data(), out.size());
@@ -114,14 +90,14 @@ int RunWrite(const Args& a) {
   Container c(ref);
   const sfl_ItemInfo info = c.UsedSlot(ItemNumber(ref));
   if (info.Flags & BLOCKED_ITEM) throw Failure{"a blocked item has no byte stream"};
-  Stream s(sfl_fOpenItem(&ref, "rw"));
-  sfl_fSeek(s.handle(), static_cast<int32_t>(offset), SEEK_SET);
+  sfl::Stream s = sfl::Stream::Open(sfl::Ref(ref), "rw");
+  s.Seek(static_cast<int32_t>(offset), SEEK_SET);
   if (!data.empty()) {
-    size_t n = sfl_fWrite(data.data(), 1, data.size(), s.handle());
+    const size_t n = s.Write(data);
     if (n != data.size())
       throw Failure{"wrote " + std::to_string(n) + " of " + std::to_string(data.size()) + " bytes"};
   }
-  s.Close();
+  CloseOnce(s);
   c.Close();
   return kExitOk;
 }

@@ -148,6 +148,7 @@ int Main(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  sfl::SetCloseFailureHandler(cli::ForgetFailedClose);
   int rc = cli::Report("", [&] { return Main(argc, argv); });
   if (std::fflush(stdout) != 0)
     return cli::Report("", [] () -> int { throw cli::SystemFailure{errno, "standard output", "writing"}; });
