@@ -34,7 +34,7 @@ require() {
 
 require cmake ninja-build g++ make libgtest-dev libgmock-dev libbenchmark-dev libsqlite3-dev \
   strace util-linux procps pkg-config gcovr clang libclang-rt-dev python3 python3-pytest \
-  debhelper dh-python lintian
+  debhelper dh-python lintian debootstrap
 
 # Serving several hosts: the service's etcd client (libcurl, nlohmann-json)
 # and, for the multi-host test, etcd itself.
