@@ -43,16 +43,27 @@ std::vector<std::string> Lines(const std::string& s) {
 
 std::string Tool() { return sfltest::BinDir() + "/bin/sfl"; }
 
-// A directory anyone may write, made once: where runs as the other user
-// leave a coverage build's counts.
+// A directory anyone may write, made afresh for this test process and removed
+// when it ends: where runs as the other user leave a coverage build's counts.
+// A shared, lasting directory would hold counts of an earlier build, over
+// which the runtime complains on standard error ("Merge mismatch").
+struct OtherCounts {
+  std::string dir;
+  OtherCounts() {
+    char tmpl[] = "/tmp/sfl-other-counts-XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) std::abort();
+    dir = tmpl;
+    ::chmod(dir.c_str(), 01777);
+  }
+  ~OtherCounts() {
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+  }
+};
+
 const std::string& OtherCountsDir() {
-  static const std::string dir = [] {
-    const std::string d = "/tmp/sfl-other-user-counts";
-    ::mkdir(d.c_str(), 01777);
-    ::chmod(d.c_str(), 01777);
-    return d;
-  }();
-  return dir;
+  static const OtherCounts counts;
+  return counts.dir;
 }
 
 
@@ -114,6 +125,8 @@ Outcome RunAs(const std::vector<std::string>& args, const As& as, const std::str
     EXPECT_EQ(unlockpt(master), 0);
     slave = ptsname(master);
   }
+  // Made here, not in the child, so that this process removes it.
+  const std::string counts = as.other ? OtherCountsDir() : std::string();
   std::fflush(nullptr);
   const pid_t pid = fork();
   if (pid == 0) {
@@ -137,7 +150,7 @@ Outcome RunAs(const std::vector<std::string>& args, const As& as, const std::str
       // A coverage build writes its counts at exit beside the objects, which
       // the other user may not: send them where it may, so that nothing but
       // the tool speaks on standard error.
-      setenv("GCOV_PREFIX", OtherCountsDir().c_str(), 1);
+      setenv("GCOV_PREFIX", counts.c_str(), 1);
       if (setgid(65534) != 0 || setuid(65534) != 0) _exit(126);
     }
     std::vector<std::string> argv = {Tool()};
