@@ -77,7 +77,7 @@ soak: build
 	$(SOAK_STEP) stress SFL_STRESS_PROCS=16 SFL_STRESS_OPS=20000 $(BUILD)/tests/stress_test
 	$(SOAK_STEP) faults SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
 	$(SOAK_STEP) crashes SFL_CRASH_KILLS=1000 SFL_POWERCUT_ROUNDS=1000 $(BUILD)/tests/sfl_crashloop_test
-	$(SOAK_STEP) powercuts SFL_POWERCUT_DRAWS=40 $(BUILD)/tests/sfl_powercut_test
+	$(SOAK_STEP) powercuts SFL_POWERCUT_DRAWS=40 SFL_POWERCUT_GARBAGE_DRAWS=10 $(BUILD)/tests/sfl_powercut_test
 	$(SOAK_STEP) interleavings SFL_INTERLEAVE_SOAK=1 $(BUILD)/tests/sfl_interleave_test
 	@sh tools/soak-summary.sh $(SOAK_LOGS)
 
@@ -86,7 +86,7 @@ soak-ci: build
 	$(SOAK_STEP) stress SFL_STRESS_PROCS=16 SFL_STRESS_OPS=5000 $(BUILD)/tests/stress_test
 	$(SOAK_STEP) faults SFL_FAULT_SOAK=1 $(BUILD)/tests/sfl_faultloop_test
 	$(SOAK_STEP) crashes SFL_CRASH_KILLS=300 SFL_POWERCUT_ROUNDS=200 $(BUILD)/tests/sfl_crashloop_test
-	$(SOAK_STEP) powercuts SFL_POWERCUT_DRAWS=10 $(BUILD)/tests/sfl_powercut_test
+	$(SOAK_STEP) powercuts SFL_POWERCUT_DRAWS=10 SFL_POWERCUT_GARBAGE_DRAWS=3 $(BUILD)/tests/sfl_powercut_test
 	$(SOAK_STEP) interleavings SFL_INTERLEAVE_SOAK=1 GTEST_TOTAL_SHARDS=4 GTEST_SHARD_INDEX=$(SOAK_CI_SHARD) \
 	  GTEST_FILTER='-*/service_restart' $(BUILD)/tests/sfl_interleave_test
 	@sh tools/soak-summary.sh $(SOAK_LOGS)

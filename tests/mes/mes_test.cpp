@@ -89,6 +89,8 @@ constexpr Expected kFindings[] = {
     {1046, ""},
     {1047, ""},
     {1048, "u"},    // header location
+    {1049, "u"},    // header location
+    {1050, "u"},    // header location
 };
 // Raised as escapes and shown by cl_DisplayError, which has no arguments.
 constexpr int kEscapes[] = {1026, 1032, 1033, 1042};

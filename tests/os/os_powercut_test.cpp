@@ -244,6 +244,35 @@ TEST(OsPowerCut, SectorsNotKeptPastTheEndAreZerosOrWhenAskedGarbage) {
   }
 }
 
+// Over old bytes, a sector not kept keeps them; when asked, from a given
+// offset on it may hold garbage instead (neither old nor new), and never
+// before that offset.
+TEST(OsPowerCut, SectorsNotKeptOverOldBytesHoldGarbageOnlyPastTheGivenOffset) {
+  Scene s("garbage-over");
+  for (const uint64_t from : {uint64_t{0}, uint64_t{1024}}) {
+    bool sawGarbage = false;
+    for (uint64_t seed = 2; seed < 40; ++seed) {
+      PutFile(s.At("f"), Fill(2048, 'a'));
+      CutInChild(s, seed, [&] {
+        os_PowerCutGarbageFrom(from);
+        Overwrite(s.At("f"), Fill(2048, 'b'), 0, false);
+        os_PowerCutNow();
+      });
+      const Bytes got = sfltest::FileBytes(s.At("f"));
+      ASSERT_EQ(2048u, got.size());
+      for (size_t at = 0; at < got.size(); at += 512) {
+        const Bytes part(got.begin() + at, got.begin() + at + 512);
+        const bool garbage = part != Fill(512, 'a') && part != Fill(512, 'b');
+        if (at < 1024 || from == 0) {
+          ASSERT_FALSE(garbage) << "seed " << seed << " at " << at;
+        }
+        sawGarbage = sawGarbage || garbage;
+      }
+    }
+    EXPECT_EQ(from != 0, sawGarbage);
+  }
+}
+
 // The other calls that change a directory or a file: a link, a removed
 // directory, a stream that creates its file, a write at the descriptor's
 // position, a rename into another directory.

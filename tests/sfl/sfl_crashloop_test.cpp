@@ -161,13 +161,13 @@ class Tracker {
     switch (r.op) {
       case kStoreSimple: {
         if (!placed_) return;  // no reference yet: nothing the model can name
+        // A store cut short before its handle closed leaves, once repaired,
+        // no item; one cut later, the whole item. Never the zeros it was
+        // stored with, nor part of its data.
         Item it;
         it.ref = placedRef_;
-        Bytes zeros(r.a, 0);
-        Bytes data = Data(r.a, r.seed);
-        it.simple.candidates = done ? std::vector<Bytes>{data} : std::vector<Bytes>{zeros, data};
+        it.simple.candidates = {Data(r.a, r.seed)};
         it.mayBeGone = !done;
-        it.unknownContent = !done;
         ContainerOf(placedRef_).items[sfl_ItemNumOf(placedRef_)] = it;
         return;
       }

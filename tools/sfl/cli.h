@@ -154,7 +154,9 @@ struct StoreEntry {
 // Every container file under the store root, in path order, with the
 // directories that could not be read. Throws Failure (kExitUnreadable) when
 // the store root itself is missing or no directory.
-std::vector<StoreEntry> StoreContainers();
+// `leftovers`, when given, receives the scratch files of rebuilds that did
+// not finish ("<container path>#.new", plain files) found on the way.
+std::vector<StoreEntry> StoreContainers(std::vector<std::string>* leftovers = nullptr);
 inline uint32_t ItemNumber(const sfl_ItemRef& ref) { return ref.Flags & SFL_ITEM_NUM_MASK; }
 
 // Bytes of a container file that neither the header, the item table nor any

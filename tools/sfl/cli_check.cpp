@@ -257,6 +257,22 @@ std::vector<std::string> Repaired(const StoreEntry& t, const Outcome& before, bo
   return fixed;
 }
 
+// A rebuild writes its new file under the scratch name and renames it over
+// the container; one that did not finish (a crash, a power cut) leaves the
+// scratch file, which holds nothing the container needs. It is not checked
+// as a container: it is reported with what to do about it.
+void ReportLeftover(const std::string& path, bool json) {
+  const std::string container = path.substr(0, path.size() - std::string("#.new").size());
+  const std::string advice = "`sfl compact` of the container removes it as it rebuilds, or remove it "
+                             "yourself once no process has " + container + " open";
+  if (json)
+    std::printf("{\"path\": %s, \"leftover_of\": %s, \"advice\": %s}\n", JsonString(path).c_str(),
+                JsonString(container).c_str(), JsonString(advice).c_str());
+  else
+    std::printf("%s: leftover of a rebuild of %s that did not finish: %s\n", path.c_str(),
+                container.c_str(), advice.c_str());
+}
+
 int RunCheck(const Args& args) {
   const bool all = args.Has("all");
   const bool repair = args.Has("repair");
@@ -267,12 +283,17 @@ int RunCheck(const Args& args) {
   if (!all && args.positional.empty()) throw UsageError{"name a container, or give --all"};
 
   std::vector<StoreEntry> targets;
+  std::vector<std::string> leftovers;
   if (all) {
-    targets = StoreContainers();
+    targets = StoreContainers(&leftovers);
   } else {
     for (const std::string& text : args.positional) {
       const sfl_ItemRef ref = ParseContainerRef(text);
       targets.push_back(StoreEntry{RefPath(ref), ref, ""});
+      // A rebuild's scratch name: the container's path and "#.new".
+      const std::string scratch = RefPath(ref) + "#.new";
+      struct stat st;
+      if (lstat(scratch.c_str(), &st) == 0 && S_ISREG(st.st_mode)) leftovers.push_back(scratch);
     }
     SetSubject("");
     ForgetSubjectRef();
@@ -311,6 +332,7 @@ int RunCheck(const Args& args) {
   }
   progress.Show(targets.size(), faulty);
   progress.Clear();
+  for (const std::string& l : leftovers) ReportLeftover(l, json);
   if (!json && (all || targets.size() > 1)) {
     std::printf("%zu container%s checked, %zu with faults", targets.size() - unreadable,
                 targets.size() - unreadable == 1 ? "" : "s", faulty);
@@ -342,6 +364,8 @@ const std::vector<Command>& CheckCommands() {
        "With --all every container under the store root is checked, with a progress\n"
        "line on a terminal and a summary at the end; a directory under the root that\n"
        "cannot be read counts as a container that could not be read.\n"
+       "A rebuild that did not finish leaves '<container path>#.new' behind: it is\n"
+       "not checked but reported, with what to do, on one line of its own.\n"
        "Exit status: 0 when no container has a fault, 1 when any has or a check\n"
        "failed, 3 when any could not be read, 2 for bad usage.\n",
        {{"repair", 0, false, "repair what can be repaired (only when the file is not in use)"},

@@ -227,7 +227,7 @@ sfl_ItemRef ContainerOf(const sfl_ItemRef& ref) {
   return c;
 }
 
-std::vector<StoreEntry> StoreContainers() {
+std::vector<StoreEntry> StoreContainers(std::vector<std::string>* leftovers) {
   namespace fs = std::filesystem;
   const std::string root = StoreRootText();
   struct stat st;
@@ -254,7 +254,16 @@ std::vector<StoreEntry> StoreContainers() {
       // Only names the store itself gives its containers count; anything
       // else under the root (a file being rebuilt, say) does not.
       sfl_ItemRef ref{};
-      if (!Accepts([&] { im_FName2ItemRef(path.c_str(), &ref); }) || ItemNumber(ref) != 0) continue;
+      if (!Accepts([&] { im_FName2ItemRef(path.c_str(), &ref); }) || ItemNumber(ref) != 0) {
+        const std::string scratchTail = "#.new";
+        const bool scratch = path.size() > scratchTail.size() &&
+                             path.compare(path.size() - scratchTail.size(), scratchTail.size(), scratchTail) == 0;
+        const std::string container = scratch ? path.substr(0, path.size() - scratchTail.size()) : "";
+        if (leftovers != nullptr && scratch && !it->is_symlink(tec) &&
+            Accepts([&] { im_FName2ItemRef(container.c_str(), &ref); }) && ItemNumber(ref) == 0)
+          leftovers->push_back(path);
+        continue;
+      }
       found.push_back(StoreEntry{path, ref, ""});
     }
     if (ec)
@@ -263,6 +272,7 @@ std::vector<StoreEntry> StoreContainers() {
   }
   std::sort(found.begin(), found.end(),
             [](const StoreEntry& a, const StoreEntry& b) { return a.path < b.path; });
+  if (leftovers != nullptr) std::sort(leftovers->begin(), leftovers->end());
   return found;
 }
 

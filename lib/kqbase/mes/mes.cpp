@@ -86,6 +86,8 @@ constexpr Message kMaint[] = {
            "written (the storing process stopped first)"},
     {1049, "the item header at file offset %u is marked deleted but the file header does not "
            "say a release is pending: its slot would never be released"},
+    {1050, "the item at file offset %u was stored without its data and never completed (its "
+           "storing process stopped before closing it): its data cannot be trusted"},
 };
 
 // The storage library's own reasons (group 100, and group 3 for the

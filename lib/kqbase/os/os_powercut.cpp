@@ -10,7 +10,8 @@
 // replays the changes the draw keeps, in their order; a torn write keeps
 // some of its 512-byte sectors and not others, and a sector it did not keep
 // that lay past the old end of the file reads as zeros (or, when asked,
-// zeros or garbage). Directory
+// zeros or garbage), and one over old bytes keeps them (or, when asked and
+// past a given offset, holds garbage). Directory
 // changes are then undone in any combination, newest first. A removed name
 // can come back because its file was linked into the stash directory
 // before the removal.
@@ -58,6 +59,7 @@ struct State {
   std::string stashDir;
   uint64_t seed = 0;
   bool garbage = false;
+  uint64_t garbageFrom = 0;  // 0: no garbage over old bytes
   uint64_t flushCountdown = 0, callCountdown = 0, skipCountdown = 0;
   uint64_t flushes = 0;
   unsigned stashes = 0;
@@ -182,6 +184,12 @@ void ReplayWrite(const Change& c, Verdict v, uint64_t& rng) {
       if (Next(rng) % 2 == 0)
         for (uint8_t& b : junk) b = static_cast<uint8_t>(Next(rng));
       WriteAt(c.jfd, junk.data(), len, pos);
+    } else if (g.garbageFrom != 0 && static_cast<uint64_t>(pos) >= g.garbageFrom && Next(rng) % 2 == 0) {
+      // Over old bytes: what the drive was writing there holds neither
+      // (the write's own bytes of the sector).
+      std::vector<uint8_t> junk(len);
+      for (uint8_t& b : junk) b = static_cast<uint8_t>(Next(rng) | 1);
+      WriteAt(c.jfd, junk.data(), len, pos);
     }
     pos = sectorEnd;
   }
@@ -284,6 +292,8 @@ void os_PowerCutDisarm() {
 void os_PowerCutAtFlush(uint64_t nth) { g.flushCountdown = nth; }
 
 void os_PowerCutGarbage(bool on) { g.garbage = on; }
+
+void os_PowerCutGarbageFrom(uint64_t offset) { g.garbageFrom = offset; }
 
 void os_PowerCutAtCall(uint64_t nth) { g.callCountdown = nth; }
 

@@ -73,7 +73,7 @@ class FdGuard {
 // on the file and writes the item's first full header under its lock.
 void OpenNewItem(sfl_NewItemRecord& item, sfl_BaseRec* rec, int32_t baseHandle,
                  const sfl_ItemRef* ref, uint32_t itemNum, uint32_t headerOff, uint32_t offset,
-                 uint32_t size, uint32_t blocks) {
+                 uint32_t size, uint32_t blocks, uint32_t headerFlags) {
   sfl_BindItem(item.get(), baseHandle, rec);
   if (ref != nullptr) sfl_SetRef(*item.get(), *ref);
   item->ItemNum = itemNum;
@@ -82,6 +82,7 @@ void OpenNewItem(sfl_NewItemRecord& item, sfl_BaseRec* rec, int32_t baseHandle,
   item->Offset = offset;
   item->Size = size;
   item->Flags = 0;
+  item->Incomplete = (headerFlags & INCOMPLETE) != 0 ? 1 : 0;
   item.Count(baseHandle);
 
   sfl_ItemHeader h = sfl_NewItemHeader();
@@ -90,12 +91,23 @@ void OpenNewItem(sfl_NewItemRecord& item, sfl_BaseRec* rec, int32_t baseHandle,
   h.UsedBlocks = blocks;
   h.ChangeDate = mdc_time();
   h.FileOffset = offset;
+  h.Flags = headerFlags;
   sfl_Held lock;
   lock.ItemHeader(item.get(), SFL_LOCK_EXCL);
   sfl_WriteItemHeader(item.get(), h);
 }
 
 }  // namespace
+
+void sfl_FinishStore(sfl_ItemRec* item) {
+  // The data first: the header that says the item is whole must not reach
+  // the disk before it.
+  sfl_FlushBeforeMark(item->BaseRecord, item);
+  sfl_UpdateItemHeader(item, [](sfl_ItemHeader& h) { h.Flags &= ~static_cast<uint32_t>(INCOMPLETE); });
+  item->Incomplete = 0;
+  // A structural change: the close's own sync event flushes it.
+  item->BaseRecord->StructUnsynced = 1;
+}
 
 int32_t sfl_StoreBasicItem(int32_t baseHandle, const sfl_ItemRef* source, uint32_t size,
                            sfl_ItemRef* out, uint32_t noZeroFill) {
@@ -135,9 +147,15 @@ int32_t sfl_StoreItemAtPosition(int32_t baseHandle, const sfl_ItemRef* source, u
   if (noZeroFill == 0) ZeroFill(rec, buf, offset, done, size);
   sfl_ConsiderSync(rec, nullptr, SFL_EV_STORED);
 
+  // Without a source the item's data is still to come from its storer's
+  // writes: until the storing handle's last close flushes them, the header
+  // says INCOMPLETE, and a power cut or a crash before then leaves an item
+  // the check takes for a store cut short (1050), never one that passes
+  // for whole with the zeros (or older bytes) it was stored with.
   sfl_NewItemRecord item;
   OpenNewItem(item, rec, baseHandle, &ref, slotNum,
-              rec->ITableOff + slotNum * SFL_ITEM_HEADER_SIZE, offset, size, run.Blocks());
+              rec->ITableOff + slotNum * SFL_ITEM_HEADER_SIZE, offset, size, run.Blocks(),
+              srcFd >= 0 ? 0u : static_cast<uint32_t>(INCOMPLETE));
   rec->NewlyCreated = 0;
   sfl_ConsiderSync(rec, item.get(), SFL_EV_NEW_ITEM);
   // The item exists and is open: nothing is given back any more.
@@ -242,7 +260,7 @@ int32_t sfl_CopySimpleItem(int32_t baseHandle, uint32_t headerOffset, int32_t so
   sfl_FlushBeforeMark(rec, nullptr);
 
   sfl_NewItemRecord item;
-  OpenNewItem(item, rec, baseHandle, nullptr, 0, headerOffset, offset, size, run.Blocks());
+  OpenNewItem(item, rec, baseHandle, nullptr, 0, headerOffset, offset, size, run.Blocks(), 0);
   run.Commit();
   rec->NewlyCreated = 0;
   return item.Commit();

@@ -223,6 +223,7 @@ void sfl_CloseItem(int32_t itemHandle) {
   const int32_t baseHandle = item->BaseHandle;
   // What can fail comes before the handle changes: a close that escapes
   // here leaves the handle open, to be closed again.
+  if (item->Incomplete != 0) sfl_FinishStore(item);
   sfl_ConsiderSync(rec, item, SFL_EV_CLOSE);
   // Whatever ranges the caller locked on a simple item go in one release.
   if ((item->Flags & BLOCKED_ITEM) == 0 && item->LockedEver != 0) {

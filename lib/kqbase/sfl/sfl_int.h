@@ -145,6 +145,9 @@ struct sfl_ItemRec {
   uint32_t InUse = 0;
   uint32_t TraverseWord = 0;  // scratch word of the index code
   uint32_t DeleteOnClose = 0;
+  // Stored here without a source: the header says INCOMPLETE until this
+  // handle's last close (sfl_FinishStore).
+  uint32_t Incomplete = 0;
   int32_t LockCount = 0;
   uint32_t Offset = 0;
   uint32_t Size = 0;
@@ -689,6 +692,10 @@ sfl_ItemHeader sfl_UpdateItemHeader(sfl_ItemRec* item, Change change) {
   sfl_WriteItemHeader(item, h);
   return h;
 }
+
+// The last close of an item this process stored without a source: its data
+// is flushed, then its header loses INCOMPLETE.
+void sfl_FinishStore(sfl_ItemRec* item);
 
 // Sync events raised by the library's routines.
 enum sfl_SyncEvent : int32_t {

@@ -136,6 +136,8 @@ class Checker {
   }
 
   void SetRepair(bool on) { repair_ = on; }
+  // Whether another process holds the file, and so may still be storing.
+  void SetOthersHold(bool on) { othersHold_ = on; }
   bool repair() const { return repair_; }
   FILE* dump() const { return dump_; }
 
@@ -214,6 +216,7 @@ class Checker {
   int fd_;
   uint64_t size_;
   bool repair_;
+  bool othersHold_ = false;
   FILE* dump_;
   std::vector<uint8_t> shadow_;
   uint64_t shadowLimitBits_ = 0;
@@ -290,6 +293,16 @@ int Checker::ItemCheck(uint64_t loc, bool repair, int nesting) {
     return kWrongType;
   }
   if (h.Flags & BLOCKED_ITEM) return BlockedCheck(loc, raw, h, repair) == kSound ? kSound : kTreeFailed;
+  // Stored without a source and never closed by its storer: the data it
+  // holds may be the zeros it was stored with, or older bytes, in place of
+  // what was to be written. While another process holds the file that may
+  // be a store under way; with nobody else, it is a store cut short, which
+  // the repair deletes.
+  if ((h.Flags & INCOMPLETE) != 0 && (h.Flags & DELETED) == 0 && nesting == 0 && !othersHold_) {
+    Say(1050, U(loc));
+    MarkDeleted(loc, raw, repair);
+    return kSimpleFault;
+  }
 
   // A simple item.
   const uint64_t off = h.FileOffset;
@@ -627,6 +640,15 @@ bool Checker::WalkRecord(uint64_t at, uint32_t level, bool repair, uint64_t* hig
       found = true;
     } else {
       found = WalkRecord(off, level + 1, repair, highest, result);
+      // The reserved bytes hold no entry: a nonzero word there that leads
+      // past the end of the file is damage (a torn write, say) of this
+      // record alone. The repair zeroes the reserved bytes, as written.
+      const bool reserved = i == static_cast<int>(SFL_INDEX_ENTRIES);
+      if (reserved && repair && uint64_t{off} + SFL_INDEX_SIZE > size_) {
+        const size_t from = sfl_ix::Entries + sfl_ix::EntrySize * SFL_INDEX_ENTRIES;
+        std::fill(r.raw.begin() + static_cast<std::ptrdiff_t>(from), r.raw.end(), uint8_t{0});
+        if (WriteAt(r.raw.data(), r.raw.size(), r.at) != static_cast<ssize_t>(r.raw.size())) Say(1011, U(r.at));
+      }
     }
     if (found) {
       HoldEverUsed(r, *highest, repair, result);
@@ -881,6 +903,7 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
   }
 
   const bool othersHold = interest.rec.ProcAccCount != 1 || interest.rec.OtherInterest != 0;
+  c.SetOthersHold(othersHold);
 
   int32_t fault = 0;
   uint32_t maxItems = fh.MaxItems;

@@ -103,6 +103,11 @@ void os_PowerCutAtCall(uint64_t nth);
 // A sector not kept past the old end may hold garbage instead (what a file
 // system that shows stale disk blocks leaves).
 void os_PowerCutGarbage(bool on);
+// The part of a torn write's sector at or past `offset` that the draw does
+// not keep may hold garbage instead of its old bytes (a drive that was
+// writing it when the power went); 0 turns this off. Before the offset a
+// sector not kept keeps its old bytes.
+void os_PowerCutGarbageFrom(uint64_t offset);
 // The nth flush under the root from now is not made, though it reports
 // success: a flush left out, to show what losing it costs.
 void os_PowerCutSkipFlush(uint64_t nth);
