@@ -278,6 +278,30 @@ TEST(Durability, AStoreWithoutASourceCutBeforeItsCloseLeavesNoItemOrTheWholeOne)
   }
 }
 
+// A store under way is no store cut short: a repairing check run from the
+// storing process, or from another while the storer holds the file,
+// leaves the item alone, and it is whole once closed.
+TEST(Durability, AStoreUnderWayIsLeftAloneByTheCheck) {
+  const Bytes data = sfltest::PseudoRandomBytes(900, 13, 2);
+  const int32_t bh = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
+  sfl_ItemRef ref{}, item{};
+  sfl_GetSerFileItem(bh, &ref);
+  const int32_t h = sfl_StoreBasicItem(bh, nullptr, 900, &item, 0);
+  EXPECT_EQ(0, sfl_CheckSflIntegrity(&ref, 1));
+  const sfltest::Outcome other = Check(ref, true);
+  EXPECT_EQ(0, other.status) << other.out;
+  sfl_WriteSimpleData(h, 0, 900, data.data());
+  sfl_CloseItem(h);
+  EXPECT_EQ(0, Check(ref, false).status);
+  Bytes got(900);
+  const int32_t r = sfl_OpenItem(&item, 0);
+  sfl_ReadSimpleData(r, 0, 900, got.data());
+  sfl_CloseItem(r);
+  EXPECT_EQ(data, got);
+  sfl_CloseFile(bh);
+  sfltest::CloseColdFiles();
+}
+
 // Garbage in an index record's reserved bytes (a torn write of the record
 // whose sector the drive never finished) is read by the check's walk as a
 // 33rd entry; leading past the end of the file it is that item's fault

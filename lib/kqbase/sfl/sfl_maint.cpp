@@ -138,6 +138,8 @@ class Checker {
   void SetRepair(bool on) { repair_ = on; }
   // Whether another process holds the file, and so may still be storing.
   void SetOthersHold(bool on) { othersHold_ = on; }
+  // Item headers this process is storing into (checked from inside it).
+  void SetStoringHere(std::set<uint64_t> at) { storingHere_ = std::move(at); }
   bool repair() const { return repair_; }
   FILE* dump() const { return dump_; }
 
@@ -217,6 +219,7 @@ class Checker {
   uint64_t size_;
   bool repair_;
   bool othersHold_ = false;
+  std::set<uint64_t> storingHere_;
   FILE* dump_;
   std::vector<uint8_t> shadow_;
   uint64_t shadowLimitBits_ = 0;
@@ -298,7 +301,8 @@ int Checker::ItemCheck(uint64_t loc, bool repair, int nesting) {
   // what was to be written. While another process holds the file that may
   // be a store under way; with nobody else, it is a store cut short, which
   // the repair deletes.
-  if ((h.Flags & INCOMPLETE) != 0 && (h.Flags & DELETED) == 0 && nesting == 0 && !othersHold_) {
+  if ((h.Flags & INCOMPLETE) != 0 && (h.Flags & DELETED) == 0 && nesting == 0 && !othersHold_ &&
+      storingHere_.count(loc) == 0) {
     Say(1050, U(loc));
     MarkDeleted(loc, raw, repair);
     return kSimpleFault;
@@ -405,7 +409,14 @@ int Checker::BlockedCheck(uint64_t loc, sfl_ItemHeaderBytes& raw, const sfl_Item
   treeRecords_.clear();
   treeRecords_.insert(off);
   const RecordAnswer a = RecordCheck(root, loc, 0, repair);
-  if (a.result != kSound) return a.result;
+  if (a.result != kSound) {
+    // What the repair just mended (entries cleared, counts raised) can
+    // leave the EverUsed counts on the way to the highest block short: they
+    // are mended in the same run, or the next check would find them. The
+    // answer stays the record check's.
+    if (repair) EverUsedWalk(off, repair);
+    return a.result;
+  }
   return EverUsedWalk(off, repair);
 }
 
@@ -821,6 +832,20 @@ bool SlotBeingStored(Checker& c, uint64_t loc) {
   return whole && UnwrittenSlot(sfl_DecodeItemHeader(raw), raw);
 }
 
+// The item headers of the file `ref` names that this process has stored
+// into and not yet closed: a check run from inside the storing process
+// leaves them alone, as it does another process's.
+std::set<uint64_t> StoringHere(const sfl_ItemRef& ref) {
+  std::set<uint64_t> out;
+  sfl_ItemsTable& items = sfl_OpenItems();
+  for (size_t i = 0; i < items.HighWater(); ++i) {
+    const sfl_ItemRec* r = items.At(i);
+    if (r == nullptr || r->InUse != 1 || r->Incomplete == 0 || r->BaseRecord == nullptr) continue;
+    if (sfl_SameFile(sfl_RefOf(*r->BaseRecord), ref)) out.insert(r->HeaderOff);
+  }
+  return out;
+}
+
 // Whether the header at `loc` is an item marked deleted.
 bool DeletedItem(Checker& c, uint64_t loc) {
   sfl_ItemHeaderBytes raw{};
@@ -904,6 +929,7 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
 
   const bool othersHold = interest.rec.ProcAccCount != 1 || interest.rec.OtherInterest != 0;
   c.SetOthersHold(othersHold);
+  c.SetStoringHere(StoringHere(ref));
 
   int32_t fault = 0;
   uint32_t maxItems = fh.MaxItems;
