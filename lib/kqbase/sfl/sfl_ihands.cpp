@@ -223,7 +223,9 @@ void sfl_CloseItem(int32_t itemHandle) {
   const int32_t baseHandle = item->BaseHandle;
   // What can fail comes before the handle changes: a close that escapes
   // here leaves the handle open, to be closed again.
-  if (item->Incomplete != 0) sfl_FinishStore(item);
+  // An item detached to no owner is on its way out (its header says
+  // DELETED): it is not finished.
+  if (item->Incomplete != 0 && item->DeleteOnClose == 0) sfl_FinishStore(item);
   sfl_ConsiderSync(rec, item, SFL_EV_CLOSE);
   // Whatever ranges the caller locked on a simple item go in one release.
   if ((item->Flags & BLOCKED_ITEM) == 0 && item->LockedEver != 0) {
@@ -354,6 +356,9 @@ void sfl_DeleteItem(int32_t itemHandle) {
   ER_TRACE_PROC("sfl_DeleteItem");
   sfl_ItemRec* item = sfl_ItemHandle2Record(itemHandle);
   sfl_BaseRec* rec = item->BaseRecord;
+  // A deleted item is never finished: its header goes, or says DELETED,
+  // which the check never takes for a store cut short.
+  item->Incomplete = 0;
   {
     // Immediate only when this process alone holds the file (its own
     // interest counted) and nothing else in it holds the item; the
