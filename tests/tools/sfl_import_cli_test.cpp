@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "sfl_int.h"
 #include "test_env.h"
 #include "test_util.h"
 #include "tool_run.h"
@@ -196,6 +197,60 @@ TEST(SflImportTool, AnImportKilledAtManyPointsStoresEveryFileOnce) {
   const std::string hRef = m.substr(m.rfind('\n', h) + 1, h - m.rfind('\n', h) - 1);
   const std::string bRef = m.substr(m.rfind('\n', b) + 1, b - m.rfind('\n', b) - 1);
   EXPECT_EQ(hRef.substr(0, hRef.find(':')), bRef.substr(0, bRef.find(':')));
+}
+
+// A run stopped inside a store leaves its item saying it is incomplete (the
+// data was still to come). Run again, the import does not write into that
+// item and keep it: the repair deletes it, the journal gives it up with an
+// X line, and the file is stored once, whole, in a later slot.
+TEST(SflImportTool, AStoreThatNeverClosedIsGivenUpAndTheFileStoredOnceElsewhere) {
+  const std::string input = sfltest::TestDir() + "/in";
+  Mkdirs(input);
+  const std::string first(9000, 'x');
+  WriteFile(input + "/first", first);
+  WriteFile(input + "/second", "the second file");
+  // The stopped run: a container, and the store of "first" in its slot 1
+  // with half its data written, never closed.
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    close(fds[0]);
+    auto c = sfltest::NewContainer();
+    const int32_t h = sfl_StoreBasicItem(c.bh, nullptr, static_cast<uint32_t>(first.size()), nullptr, 1);
+    sfl_WriteSimpleData(h, 0, 4000, first.data());
+    const std::string text = sfltest::RefText(c.ref);
+    if (write(fds[1], text.data(), text.size()) != static_cast<ssize_t>(text.size())) _exit(2);
+    _exit(0);
+  }
+  close(fds[1]);
+  char buf[128];
+  const ssize_t got = read(fds[0], buf, sizeof buf);
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  ASSERT_GT(got, 0);
+  const std::string container(buf, static_cast<size_t>(got));
+  const std::string journal = sfltest::TestDir() + "/j";
+  WriteFile(journal, "sfl-import 1 " + input + "\nC " + container + "\nI " + container + ":1 first\n");
+  const Outcome before = Sfl({"check", "--quiet", container});
+  EXPECT_NE(before.out.find("SFL-204-1050"), std::string::npos) << before.out << before.err;
+
+  const std::string map = sfltest::TestDir() + "/map";
+  const Outcome imp = Sfl({"import", input, "--journal", journal, "--map", map});
+  ASSERT_EQ(imp.status, 0) << imp.err;
+  EXPECT_NE(sfltest::ReadWholeFile(journal).find("\nX " + container + ":1 first\n"), std::string::npos)
+      << sfltest::ReadWholeFile(journal);
+  const Outcome check = Sfl({"check", "--all", "--quiet"});
+  EXPECT_EQ(check.status, 0) << check.out << check.err;
+  const Outcome stats = Sfl({"stats", "--json"});
+  EXPECT_EQ(Field(stats.out, "items"), "2") << stats.out;
+  const std::string out = sfltest::TestDir() + "/out";
+  const Outcome exp = Sfl({"export", "--names", map, out});
+  ASSERT_EQ(exp.status, 0) << exp.err;
+  EXPECT_EQ(sfltest::Exec({"/usr/bin/diff", "-r", input, out}).status, 0);
 }
 
 TEST(SflImportTool, ExportOfNamedItemsWithoutAMappingUsesContainerAndNumber) {

@@ -144,11 +144,13 @@ std::vector<std::vector<std::string>> FileGroups(const std::string& root, std::v
 //   C <container>            a new container, before anything is stored in it
 //   I <item> <file>          before the file is stored as that item
 //   D <item> <file>          after it is stored completely and closed
+//   X <item> <file>          the store in that item was given up (the item
+//                            deleted as cut short); the file is stored anew
 // A run that finds an I without its D stored that file, or began to: the
 // slot it names is looked at and the item is completed there (or made
-// there), never made again elsewhere. The slot is chosen before the store
-// (the next one of the container, which only this import fills), so the I
-// line names it.
+// there), never made again elsewhere unless given up with an X first. The
+// slot is chosen before the store (the next one of the container, which
+// only this import fills), so the I line names it.
 
 struct Journal {
   std::string path;
@@ -199,6 +201,8 @@ void OpenJournal(Journal* j, const std::string& path, const std::string& root) {
       } else if (l[0] == 'D') {
         j->done.emplace_back(item, file);
         j->doneFiles.insert(file);
+        if (item == j->pendingItem) j->pendingItem.clear();
+      } else if (l[0] == 'X') {
         if (item == j->pendingItem) j->pendingItem.clear();
       }
     }
@@ -255,9 +259,11 @@ class Importer {
   Importer(Journal* j, const std::string& root) : j_(j), root_(root) {}
 
   // Finishes the store an interrupted run began, in the slot its journal
-  // names: an item there (its header written) gets its data again; a slot
-  // still free gets the item; a slot taken but never written (the run
-  // stopped inside the store) is given back by a repairing check first.
+  // names: an item there (its header written, its store closed) gets its
+  // data again; a slot still free gets the item; a slot taken but never
+  // written is given back by a repairing check first. An item whose store
+  // never closed (still INCOMPLETE: its data cannot be trusted) is deleted
+  // by that check, and the file goes to a later slot.
   void FinishPending() {
     if (j_->pendingItem.empty()) return;
     const sfl_ItemRef item = ParseItemRef(j_->pendingItem);
@@ -266,13 +272,22 @@ class Importer {
     Open(ContainerOf(item));
     const uint32_t slot = ItemNumber(item);
     std::vector<sfl_ItemInfo> slots = c_->Slots();
-    if (slot < slots.size() && slots[slot].InUse && !slots[slot].Valid) {
+    if (slot < slots.size() && slots[slot].InUse &&
+        (!slots[slot].Valid || ((slots[slot].Flags & INCOMPLETE) && !(slots[slot].Flags & DELETED)))) {
       c_.reset();
       std::string out;
       const sfl_ItemRef cref = ContainerOf(item);
       RunSelf({"check", "--repair", "--quiet", RefText(cref)}, {}, &out);
       Open(cref);
       slots = c_->Slots();
+    }
+    // The repair deleted a store that never closed (now, or in a run
+    // stopped since): its slot stays taken until a final close releases it,
+    // so the file is given up there and stored afresh in a slot after it.
+    if (slot < slots.size() && slots[slot].InUse && (slots[slot].Flags & DELETED)) {
+      j_->Append("X " + j_->pendingItem + " " + Escape(j_->pendingFile));
+      j_->pendingItem.clear();
+      return;
     }
     if (slot < slots.size() && slots[slot].InUse && slots[slot].Valid && !(slots[slot].Flags & DELETED)) {
       if (slots[slot].FileSize != SizeOfFile(file))
@@ -552,7 +567,9 @@ const std::vector<Command>& ImportCommands() {
        "Resumable: the journal (default ./sfl-import.journal) records each container\n"
        "and each file before and after it is stored. Run the same command again\n"
        "after an interruption: it completes a store that was cut short in the item\n"
-       "the journal names, stores the files not yet stored, and stores nothing twice.\n"
+       "the journal names (or, when that store never closed, deletes the item and\n"
+       "stores the file in a later one),\n"
+       "stores the files not yet stored, and stores nothing twice.\n"
        "The journal belongs to one input directory. A run cut short between creating\n"
        "a container and its journal line leaves that container empty.\n",
        {{"journal", 0, true, "the journal file (default ./sfl-import.journal)"},
