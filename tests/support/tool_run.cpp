@@ -65,6 +65,8 @@ std::string BinDir() {
   return d != nullptr ? d : ".";
 }
 
+std::string SourceRoot() { return SFL_TEST_SOURCE_ROOT; }
+
 Outcome Sfl(const std::vector<std::string>& args, const std::string& input) {
   std::vector<std::string> argv = {BinDir() + "/bin/sfl"};
   argv.insert(argv.end(), args.begin(), args.end());

@@ -31,6 +31,9 @@ Outcome Exec(const std::vector<std::string>& argv, const std::string& input = ""
 // The build directory (the tools are in its bin/).
 std::string BinDir();
 
+// The repository's root (README.md, tools/).
+std::string SourceRoot();
+
 // Runs the built `sfl` with `args`.
 Outcome Sfl(const std::vector<std::string>& args, const std::string& input = "");
 

@@ -39,24 +39,13 @@ using sfltest::BinDir;
 using sfltest::Exec;
 using sfltest::Outcome;
 using sfltest::Sfl;
+using sfltest::SourceRoot;
 
 std::string ReadFile(const std::string& path) { return sfltest::ReadWholeFile(path); }
 
 void WriteFile(const std::string& path, const std::string& data) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << data;
-}
-
-// The repository root: this file lives in <root>/tests/tools/.
-std::string SourceRoot() {
-  fs::path p = fs::path(__FILE__).parent_path().parent_path().parent_path();
-  if (fs::exists(p / "tools" / "demo.sh")) return p.string();
-  std::ifstream cache(BinDir() + "/CMakeCache.txt");
-  std::string line;
-  const std::string key = "CMAKE_HOME_DIRECTORY:INTERNAL=";
-  while (std::getline(cache, line))
-    if (line.compare(0, key.size(), key) == 0) return line.substr(key.size());
-  return p.string();
 }
 
 std::string Trim(const std::string& s) {

@@ -537,8 +537,7 @@ std::string Swap(std::string s, const std::string& from, const std::string& to) 
 
 // The repository's README.md: this file lives in <root>/tests/tools/.
 std::string Readme() {
-  return sfltest::ReadWholeFile(
-      (fs::path(__FILE__).parent_path().parent_path().parent_path() / "README.md").string());
+  return sfltest::ReadWholeFile(sfltest::SourceRoot() + "/README.md");
 }
 
 // Change times as README shows them (the run's own differ).
