@@ -159,6 +159,17 @@ TEST(GlusterMount, EachMissingOptionIsNamed) {
                    "mount lacks attribute-timeout=0", "mount lacks negative-timeout=0"}));
 }
 
+TEST(GlusterMount, EveryWayOfSayingEnableIsTakenAndAFlagLastOnTheLineHasNoValue) {
+  for (const char* on : {"enable", "on", "yes", "true"})
+    EXPECT_EQ(MountMissing("{\"Cmdlinestr\": \"glusterfs --entry-timeout=0 --attribute-timeout=0 "
+                           "--negative-timeout=0 --direct-io-mode=" + std::string(on) + "\"}"),
+              Names{})
+        << on;
+  EXPECT_EQ(MountMissing("{\"Cmdlinestr\": \"glusterfs --entry-timeout=0 --attribute-timeout=0 "
+                         "--negative-timeout=0\r\n--direct-io-mode\"}"),
+            Names{"mount lacks direct-io-mode=enable"});
+}
+
 TEST(GlusterMount, AnEscapedQuoteStaysInsideTheLine) {
   EXPECT_EQ(MountMissing("{\"Cmdlinestr\":\"glusterfs \\\"--x\\\" --direct-io-mode=enable --entry-timeout=0 "
                          "--attribute-timeout=0 --negative-timeout=0\"}"),
@@ -215,6 +226,15 @@ TEST(StoreFs, GlusterFSIsJudgedByItsClientsMeta) {
   EXPECT_EQ(v.Line(),
             "store root /s (GlusterFS): performance.write-behind is on; mount lacks direct-io-mode=enable; "
             "mount lacks attribute-timeout=0; mount lacks negative-timeout=0");
+}
+
+TEST(StoreFs, AMetaThatIsNoDirectoryIsNotGlusterFS) {
+  const std::string root = sfltest::TestDir() + "/metafile";
+  mkdir(root.c_str(), 0755);
+  Write(root + "/.meta", kGoodCmdline);
+  const ml_FsVerdict v = ml_JudgeStoreFs("/s", kFuse, root, false);
+  EXPECT_TRUE(v.Refused);
+  EXPECT_EQ(v.FsName, "FUSE");
 }
 
 TEST(StoreFs, MetaFilesThatCannotBeReadAreRefused) {
@@ -293,6 +313,9 @@ TEST(StoreFs, ARootNotMadeYetIsJudgedByTheDirectoryItWillBeMadeIn) {
   ASSERT_EQ(chdir(dir.c_str()), 0);
   EXPECT_EQ(ml_CheckStoreFs("not-made", true).FsName, here.FsName);
   EXPECT_EQ(ml_CheckStoreFs("", true).Root, ".");
+  // Up to the root directory itself.
+  const std::string top = "/sfl-not-made-" + std::to_string(getpid());
+  EXPECT_EQ(ml_CheckStoreFs(top, true).FsName, FsNameOf("/"));
 }
 
 TEST(StoreFs, ARootThatCannotBeExaminedIsRefused) {
