@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -87,6 +88,21 @@ void MakeDirs(const std::string& dir);
 // "lat_<name>_p50", "lat_<name>_p99" and "lat_<name>_p999".
 void AddPercentiles(Figures& f, const std::string& name, std::vector<double> us);
 void RemoveTree(const std::string& dir);
+// Reads the latencies a process wrote to `path` (raw doubles) onto `out`,
+// then removes the file.
+void LoadLatencies(const std::string& path, std::vector<double>* out);
+// `n` processes started together: process i runs work(i, startFd, resultFd),
+// which waits for a byte (end of file) on startFd before its timed part and
+// writes its own counted system calls (an int64_t, -1 when unknown) to
+// resultFd; its return value is its exit status. The clock runs from the
+// start to the last exit. Fails the run, naming `what`, if any process fails.
+struct Together {
+  double seconds = 0;
+  int64_t calls = 0;
+  bool callsKnown = true;
+};
+Together RunTogether(int n, const std::function<int(int i, int startFd, int resultFd)>& work,
+                     const char* what);
 [[noreturn]] void Fail(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // ---- systems ---------------------------------------------------------------------

@@ -28,14 +28,6 @@ bool SaveLatencies(const std::string& path, const std::vector<double>& us) {
   return std::fclose(f) == 0 && ok;
 }
 
-void LoadLatencies(const std::string& path, std::vector<double>* out) {
-  FILE* f = std::fopen(path.c_str(), "rb");
-  double v;
-  while (f != nullptr && std::fread(&v, sizeof v, 1, f) == 1) out->push_back(v);
-  if (f != nullptr) std::fclose(f);
-  std::remove(path.c_str());
-}
-
 // One W5 process: `rounds` times a message of its own stored, one of its
 // own and one of the shared ones read, and, past four of its own, its
 // oldest deleted; then the rest of its own deleted. Returns its exit code.
@@ -153,43 +145,10 @@ std::unique_ptr<ItemPool> OpenPool(const std::string& system, const std::string&
 }  // namespace
 
 Figures RunW5(const std::string& system, Durability d, const std::string& dir, const Sizes& s) {
-  int start[2];
-  int results[2];
-  if (pipe(start) != 0 || pipe(results) != 0) Fail("pipe");
-  std::fflush(nullptr);
-  std::vector<pid_t> pids;
-  for (int w = 0; w < kW5Processes; ++w) {
-    pid_t pid = fork();
-    if (pid < 0) Fail("fork");
-    if (pid == 0) {
-      close(start[1]);
-      close(results[0]);
-      _exit(W5Worker(system, d, dir, s, w, start[0], results[1]));
-    }
-    pids.push_back(pid);
-  }
-  close(start[0]);
-  close(results[1]);
-  usleep(200000);  // let every process finish opening before the clock starts
-  const double t0 = Now();
-  close(start[1]);
-  int failed = 0;
-  for (pid_t pid : pids) {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++failed;
-  }
-  const double t1 = Now();
-  int64_t calls = 0;
-  bool known = true;
-  for (int w = 0; w < kW5Processes; ++w) {
-    int64_t c = -1;
-    if (read(results[0], &c, sizeof c) != sizeof c || c < 0) known = false;
-    calls += c;
-  }
-  close(results[0]);
-  if (failed != 0) Fail("%d W5 process(es) failed or read wrong data", failed);
+  const Together t = RunTogether(
+      kW5Processes,
+      [&](int w, int startFd, int resultFd) { return W5Worker(system, d, dir, s, w, startFd, resultFd); },
+      "W5 process(es)");
   Figures f;
   size_t messages = 0;
   for (const char* op : {"store", "read", "delete"}) {
@@ -201,9 +160,9 @@ Figures RunW5(const std::string& system, Durability d, const std::string& dir, c
   // Every process's every message operation, five parts each.
   const size_t expected = static_cast<size_t>(kW5Processes) * s.w5Rounds * 4;
   if (messages != expected) Fail("W5 counted %zu message operations, expected %zu", messages, expected);
-  f["seconds"] = t1 - t0;
+  f["seconds"] = t.seconds;
   f["ops"] = static_cast<double>(messages) * kPartsPerMessage;
-  if (known) f["own_calls"] = static_cast<double>(calls);
+  if (t.callsKnown) f["own_calls"] = static_cast<double>(t.calls);
   return f;
 }
 

@@ -8,6 +8,10 @@
 #include <ctime>
 #include <filesystem>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "bench.h"
 
@@ -118,6 +122,56 @@ void AddPercentiles(Figures& f, const std::string& name, std::vector<double> us)
   f["lat_" + name + "_p50"] = at(0.50);
   f["lat_" + name + "_p99"] = at(0.99);
   f["lat_" + name + "_p999"] = at(0.999);
+}
+
+
+void LoadLatencies(const std::string& path, std::vector<double>* out) {
+  FILE* f = std::fopen(path.c_str(), "rb");
+  double v;
+  while (f != nullptr && std::fread(&v, sizeof v, 1, f) == 1) out->push_back(v);
+  if (f != nullptr) std::fclose(f);
+  std::remove(path.c_str());
+}
+
+Together RunTogether(int n, const std::function<int(int i, int startFd, int resultFd)>& work,
+                     const char* what) {
+  int start[2];
+  int results[2];
+  if (pipe(start) != 0 || pipe(results) != 0) Fail("pipe");
+  std::fflush(nullptr);
+  std::vector<pid_t> pids;
+  for (int i = 0; i < n; ++i) {
+    pid_t pid = fork();
+    if (pid < 0) Fail("fork");
+    if (pid == 0) {
+      close(start[1]);
+      close(results[0]);
+      _exit(work(i, start[0], results[1]));
+    }
+    pids.push_back(pid);
+  }
+  close(start[0]);
+  close(results[1]);
+  usleep(200000);  // let every process finish opening before the clock starts
+  Together t;
+  const double t0 = Now();
+  close(start[1]);
+  int failed = 0;
+  for (pid_t pid : pids) {
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++failed;
+  }
+  t.seconds = Now() - t0;
+  for (int i = 0; i < n; ++i) {
+    int64_t c = -1;
+    if (read(results[0], &c, sizeof c) != sizeof c || c < 0) t.callsKnown = false;
+    t.calls += c;
+  }
+  close(results[0]);
+  if (failed != 0) Fail("%d %s failed or read wrong data", failed, what);
+  return t;
 }
 
 }  // namespace bench

@@ -183,86 +183,49 @@ Figures RunW3Build(const std::string& system, Durability d, const std::string& d
 // Readers start together on a pipe and each reads random parts; each sends
 // back its own system-call count.
 Figures RunW3(const std::string& system, Durability d, const std::string& dir, const Sizes& s) {
-  int start[2];
-  int results[2];
-  if (pipe(start) != 0 || pipe(results) != 0) Fail("pipe");
-  std::vector<pid_t> pids;
-  for (int r = 0; r < s.readers; ++r) {
-    pid_t pid = fork();
-    if (pid < 0) Fail("fork");
-    if (pid == 0) {
-      close(start[1]);
-      close(results[0]);
-      int rc = 0;
-      int64_t calls = -1;
-      {
-        auto store = OpenStore(system, dir, d, false);
-        std::vector<uint8_t> buf(kPartSizes[kPartsPerMessage - 1]);
-        char go;
-        if (read(start[0], &go, 1) < 0) _exit(4);
-        int64_t calls0 = store->OwnCallCount();
-        Rng rng(100 + r);
-        std::vector<double> us;
-        us.reserve(static_cast<size_t>(s.readsPerReader));
-        for (int k = 0; k < s.readsPerReader; ++k) {
-          int m = static_cast<int>(rng.Below(s.messages));
-          int p = static_cast<int>(rng.Below(kPartsPerMessage));
-          const double a = Now();
-          uint32_t n = store->ReadPart(m, p, buf.data());
-          us.push_back((Now() - a) * 1e6);
-          if (n != kPartSizes[p] || !CheckPayload(buf.data(), n, m, p)) {
-            rc = 3;
-            break;
+  const Together t = RunTogether(
+      s.readers,
+      [&](int r, int startFd, int resultFd) {
+        int rc = 0;
+        int64_t calls = -1;
+        {
+          auto store = OpenStore(system, dir, d, false);
+          std::vector<uint8_t> buf(kPartSizes[kPartsPerMessage - 1]);
+          char go;
+          if (read(startFd, &go, 1) < 0) return 4;
+          int64_t calls0 = store->OwnCallCount();
+          Rng rng(100 + r);
+          std::vector<double> us;
+          us.reserve(static_cast<size_t>(s.readsPerReader));
+          for (int k = 0; k < s.readsPerReader; ++k) {
+            int m = static_cast<int>(rng.Below(s.messages));
+            int p = static_cast<int>(rng.Below(kPartsPerMessage));
+            const double a = Now();
+            uint32_t n = store->ReadPart(m, p, buf.data());
+            us.push_back((Now() - a) * 1e6);
+            if (n != kPartSizes[p] || !CheckPayload(buf.data(), n, m, p)) {
+              rc = 3;
+              break;
+            }
           }
+          if (calls0 >= 0) calls = store->OwnCallCount() - calls0;
+          // Latencies go through a file: a pipe could fill before the
+          // driver reads it.
+          FILE* lat = std::fopen((dir + "/lat-" + std::to_string(r)).c_str(), "wb");
+          if (lat == nullptr || std::fwrite(us.data(), sizeof(double), us.size(), lat) != us.size()) rc = 5;
+          if (lat != nullptr) std::fclose(lat);
         }
-        if (calls0 >= 0) calls = store->OwnCallCount() - calls0;
-        // Latencies go through a file: a pipe could fill before the
-        // driver reads it.
-        FILE* lat = std::fopen((dir + "/lat-" + std::to_string(r)).c_str(), "wb");
-        if (lat == nullptr || std::fwrite(us.data(), sizeof(double), us.size(), lat) != us.size()) rc = 5;
-        if (lat != nullptr) std::fclose(lat);
-      }
-      if (write(results[1], &calls, sizeof calls) != sizeof calls) rc = 4;
-      _exit(rc);
-    }
-    pids.push_back(pid);
-  }
-  close(start[0]);
-  close(results[1]);
-  usleep(200000);  // let every reader finish opening before the clock starts
-  double t0 = Now();
-  close(start[1]);
-  int failed = 0;
-  for (pid_t pid : pids) {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++failed;
-  }
-  double t1 = Now();
-  int64_t calls = 0;
-  bool known = true;
-  for (int r = 0; r < s.readers; ++r) {
-    int64_t c = -1;
-    if (read(results[0], &c, sizeof c) != sizeof c || c < 0) known = false;
-    calls += c;
-  }
-  close(results[0]);
-  if (failed != 0) Fail("%d reader(s) failed or read wrong data", failed);
+        if (write(resultFd, &calls, sizeof calls) != sizeof calls) rc = 4;
+        return rc;
+      },
+      "reader(s)");
   Figures f;
   std::vector<double> all;
-  for (int r = 0; r < s.readers; ++r) {
-    const std::string path = dir + "/lat-" + std::to_string(r);
-    FILE* lat = std::fopen(path.c_str(), "rb");
-    double v;
-    while (lat != nullptr && std::fread(&v, sizeof v, 1, lat) == 1) all.push_back(v);
-    if (lat != nullptr) std::fclose(lat);
-    std::remove(path.c_str());
-  }
+  for (int r = 0; r < s.readers; ++r) LoadLatencies(dir + "/lat-" + std::to_string(r), &all);
   AddPercentiles(f, "read", all);
-  f["seconds"] = t1 - t0;
+  f["seconds"] = t.seconds;
   f["ops"] = static_cast<double>(s.readers) * s.readsPerReader;
-  if (known) f["own_calls"] = static_cast<double>(calls);
+  if (t.callsKnown) f["own_calls"] = static_cast<double>(t.calls);
   return f;
 }
 
