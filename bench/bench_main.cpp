@@ -734,6 +734,24 @@ int main(int argc, char** argv) {
       if (i + 1 >= argc) Fail("%s needs a value", a.c_str());
       return argv[++i];
     };
+    if (a == "--help" || a == "-h") {
+      std::printf(
+          "usage: sfl_bench [OPTION]...\n"
+          "Runs every workload on sfl and the systems beside it, side by side, and prints\n"
+          "a table of medians; README's \"Benchmarks\" section says what each row means.\n"
+          "\n"
+          "  --workloads LIST      comma-separated, of limit, W1 to W6 and C1 (default: all)\n"
+          "  --reps N              repetitions of every run (default 5)\n"
+          "  --scale F             every size times F (default 1)\n"
+          "  --sync-scale F        messages and rounds of the flushing runs (not W3), times F (0.1)\n"
+          "  --sync-block-scale F  W2 blocks of the flushing runs, times F (0.04)\n"
+          "  --strace-scale F      size of the untimed strace pass, times F (0.1)\n"
+          "  --no-strace           no strace pass\n"
+          "  --dir DIR             work in DIR (default: a new directory under $TMPDIR)\n"
+          "  --out FILE            each run's raw figures as JSON (bench-results.json)\n"
+          "  --help                this text\n");
+      return 0;
+    }
     if (a == "--out") o.out = next();
     else if (a == "--reps") o.reps = std::max(1, std::atoi(next()));
     else if (a == "--dir") o.dir = next();
@@ -748,7 +766,7 @@ int main(int argc, char** argv) {
       std::string w;
       while (std::getline(in, w, ',')) o.workloads.push_back(w);
     } else {
-      Fail("unknown option %s", a.c_str());
+      Fail("unknown option %s (--help lists them)", a.c_str());
     }
   }
   return Driver(o);
