@@ -68,8 +68,10 @@ std::vector<std::string> SystemsFor(const std::string& w) {
   if (w == "C1") return {"sfl"};
   if (w == "limit") return {"msgq", "msgq-poll", "msgq-qos", "file", "create", "im-new", "im-pool",
                              "lock", "pread", "pwrite"};
-  // W3 runs sfl twice: with the default cold store and with a tuned one.
-  if (w == "W3") return {"sfl", "sfl-qos", "sfl-cold", "files", "sqlite"};
+  // W3 runs sfl with the default cold store and with a tuned one, and with
+  // services of two and four queue pairs (its four readers share one
+  // serving process otherwise).
+  if (w == "W3") return {"sfl", "sfl-qos", "sfl-cold", "sfl-2pairs", "sfl-4pairs", "files", "sqlite"};
   // W1 and W4 empty and make containers all the time: sfl-pool runs them
   // with the container pool on (4 files per directory).
   // Every sfl run that exchanges with the interest service runs again as
@@ -372,8 +374,8 @@ int Driver(const Options& o) {
         if (ml_EnsureService(ml_OnDemandOptions()) != 0) Fail("no interest service");
         Sizes ss = StraceSizes(o, s);
         for (const auto& sys : systems) {
-          // sfl-qos starts a service of its own, which strace -f would wait for.
-          if (sys == "sfl-qos") continue;
+          // These start a service of their own, which strace -f would wait for.
+          if (sys == "sfl-qos" || sys == "sfl-2pairs" || sys == "sfl-4pairs") continue;
           StraceRun sr;
           sr.workload = w;
           sr.system = sys;
