@@ -25,7 +25,13 @@
 //   pread      one 384-byte positioned read of an open file from the page
 //              cache (an index record, near enough any header);
 //   pwrite     one 384-byte positioned write into the page cache, not
-//              flushed.
+//              flushed;
+//   w3-floor   W3's readers, started together, each doing per read only
+//              what a read by reference must: three exchanges with one
+//              echo process (the record at the open, the check and the
+//              withdrawal at the close, of the interest service's sizes)
+//              and an open, a read and a close of a small file;
+//   w3-floor-qos  the same with the CPU latency request held.
 // Each is timed over many repetitions; the figure is operations per second.
 #include <cerrno>
 #include <csignal>
@@ -45,25 +51,29 @@
 namespace bench {
 namespace {
 
+// The interest service's request types (record, withdraw, check).
+constexpr long kRecord = 10, kWithdraw = 11, kCheck = 12;
+
 struct Msg {
   long type;
-  char text[16];
+  char text[28];
 };
 
 // Receives one message of `type`, blocking or polling.
-void Receive(int q, long type, bool poll) {
+void Receive(int q, long type, bool poll, size_t len = 16) {
   Msg m;
   for (;;) {
-    ssize_t n = msgrcv(q, &m, sizeof m.text, type, poll ? IPC_NOWAIT : 0);
+    ssize_t n = msgrcv(q, &m, len, type, poll ? IPC_NOWAIT : 0);
     if (n >= 0) return;
     if (errno == EINTR || (poll && errno == ENOMSG)) continue;
     Fail("msgrcv: %s", std::strerror(errno));
   }
 }
 
-void Send(int q, long type) {
+void Send(int q, long type, size_t len = 16, int32_t pid = 0) {
   Msg m{type, {}};
-  while (msgsnd(q, &m, sizeof m.text, 0) != 0) {
+  std::memcpy(m.text + (type == kWithdraw ? 20 : 16), &pid, sizeof pid);
+  while (msgsnd(q, &m, len, 0) != 0) {
     if (errno != EINTR) Fail("msgsnd: %s", std::strerror(errno));
   }
 }
@@ -172,6 +182,94 @@ Figures NewAndRetire(const std::string& dir, int rounds, bool pool) {
   return f;
 }
 
+// The floor of W3: `readers` processes, started together, each making
+// `reads` reads that do only what a read of a part by reference must do.
+// The echo process answers every request the way the interest service
+// does (a reply of the size the client expects, typed with the
+// requester's process id, on the reply queue) and keeps nothing. Each read
+// opens one of 64 small files in turn and reads a part's worth from it.
+Figures W3Floor(const std::string& dir, int readers, int reads) {
+  constexpr int kFiles = 64;
+  std::vector<uint8_t> buf(4096);
+  FillPayload(buf.data(), static_cast<uint32_t>(buf.size()), 1, 1);
+  for (int i = 0; i < kFiles; ++i) {
+    const std::string path = dir + "/w3-floor-" + std::to_string(i);
+    const int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0 || write(fd, buf.data(), buf.size()) != static_cast<ssize_t>(buf.size())) Fail("write %s", path.c_str());
+    close(fd);
+  }
+  const int req = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+  const int rep = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
+  if (req < 0 || rep < 0) Fail("msgget: %s", std::strerror(errno));
+  const pid_t echo = fork();
+  if (echo < 0) Fail("fork");
+  if (echo == 0) {
+    Msg m;
+    for (;;) {
+      const ssize_t n = msgrcv(req, &m, sizeof m.text, 0, MSG_NOERROR);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) _exit(0);  // the queue is gone: the run is over
+      int32_t pid = 0;
+      std::memcpy(&pid, m.text + (m.type == kWithdraw ? 20 : 16), sizeof pid);
+      const size_t replyLen = m.type == kRecord ? 16 : 12;
+      m.type = pid;
+      while (msgsnd(rep, &m, replyLen, 0) != 0 && errno == EINTR) {
+      }
+    }
+  }
+  const Together t = RunTogether(
+      readers,
+      [&](int r, int startFd, int) {
+        const int32_t me = getpid();
+        std::vector<uint8_t> part(300);
+        auto exchange = [&](long type, size_t len, size_t replyLen) {
+          Send(req, type, len, me);
+          Receive(rep, me, false, replyLen);
+        };
+        char go;
+        if (read(startFd, &go, 1) < 0) return 4;
+        for (int k = 0; k < reads; ++k) {
+          const std::string path = dir + "/w3-floor-" + std::to_string((k + r) % kFiles);
+          const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+          if (fd < 0) return 3;
+          exchange(kRecord, 24, 16);
+          if (pread(fd, part.data(), part.size(), 896) != static_cast<ssize_t>(part.size())) return 3;
+          exchange(kCheck, 24, 12);
+          exchange(kWithdraw, 28, 12);
+          close(fd);
+        }
+        return 0;
+      },
+      "floor reader(s)");
+  msgctl(req, IPC_RMID, nullptr);
+  msgctl(rep, IPC_RMID, nullptr);
+  int status = 0;
+  while (waitpid(echo, &status, 0) < 0 && errno == EINTR) {
+  }
+  for (int i = 0; i < kFiles; ++i) unlink((dir + "/w3-floor-" + std::to_string(i)).c_str());
+  Figures f;
+  f["seconds"] = t.seconds;
+  f["ops"] = static_cast<double>(readers) * reads;
+  return f;
+}
+
+// Holds a CPU latency request of 0 for its lifetime; fails where the
+// device cannot be opened.
+class LatencyRequest {
+ public:
+  LatencyRequest() : fd_(open("/dev/cpu_dma_latency", O_WRONLY | O_CLOEXEC)) {
+    const int32_t zero = 0;
+    if (fd_ < 0 || write(fd_, &zero, sizeof zero) != sizeof zero)
+      Fail("no CPU latency request: %s", std::strerror(errno));
+  }
+  ~LatencyRequest() { close(fd_); }
+  LatencyRequest(const LatencyRequest&) = delete;
+  LatencyRequest& operator=(const LatencyRequest&) = delete;
+
+ private:
+  int fd_;
+};
+
 // A file of 1 MiB to lock, read and write in, removed afterwards.
 class ScratchFile {
  public:
@@ -238,14 +336,13 @@ Figures RunLimit(const std::string& system, const std::string& dir, const Sizes&
   if (system == "msgq") return RoundTrips(rounds, false);
   if (system == "msgq-poll") return RoundTrips(rounds, true);
   if (system == "msgq-qos") {
-    // The request lasts while the descriptor is open: for this run only.
-    const int fd = open("/dev/cpu_dma_latency", O_WRONLY | O_CLOEXEC);
-    const int32_t zero = 0;
-    if (fd < 0 || write(fd, &zero, sizeof zero) != sizeof zero)
-      Fail("no CPU latency request: %s", std::strerror(errno));
-    Figures f = RoundTrips(rounds, false);
-    close(fd);
-    return f;
+    const LatencyRequest held;  // for this run only
+    return RoundTrips(rounds, false);
+  }
+  if (system == "w3-floor") return W3Floor(dir, sizes.readers, sizes.readsPerReader);
+  if (system == "w3-floor-qos") {
+    const LatencyRequest held;
+    return W3Floor(dir, sizes.readers, sizes.readsPerReader);
   }
   if (system == "file") return OpenReadClose(dir, rounds * 4);
   if (system == "create") return CreateUnlink(dir, std::max(200, rounds / 10));
