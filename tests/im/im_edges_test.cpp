@@ -134,4 +134,34 @@ TEST(ImOpenContainer, PathsOutsideTheStoreAndMissingDirectories) {
   unlink(outside.c_str());
 }
 
+// Below the store root one call opens the whole path (the root's own open
+// and close besides). When that call fails, whatever the reason, the walk
+// of one directory at a time opens it instead (or names the step that
+// fails; the neighbour tests show those texts).
+TEST(ImOpenContainer, BelowTheRootOneCallOpensThePathAndAFailedOneIsWalked) {
+  sfl_ItemRef ref{};
+  int fd = im_GetNewDataItem(&ref);
+  ASSERT_GE(fd, 0);
+  close(fd);
+  os_ResetCallCounts();
+  fd = im_OpenItem(&ref);
+  EXPECT_GE(fd, 0);
+  close(fd);
+  EXPECT_EQ(2u, os_CallCount(os_Op::Open));
+  EXPECT_EQ(1u, os_CallCount(os_Op::Close));
+
+  for (const int err : {ENOSYS, EAGAIN}) {
+    os_ResetCallCounts();
+    os_FailNth(os_Op::Open, 2, err);
+    fd = im_OpenItem(&ref);
+    os_ClearFaults();
+    EXPECT_GE(fd, 0) << err;
+    close(fd);
+    // The root, the failed call, the domain and sub-domain directories and
+    // the file.
+    EXPECT_EQ(5u, os_CallCount(os_Op::Open)) << err;
+  }
+  im_UnlinkItem(&ref);
+}
+
 }  // namespace

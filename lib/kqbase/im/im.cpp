@@ -211,10 +211,45 @@ int im_OpenItem(const sfl_ItemRef* ref) {
   return im_OpenContainer(ContainerPath(Given(ref)).c_str(), O_RDWR);
 }
 
+namespace {
+
+// Opens `full` from `dir` (the store root's descriptor, or AT_FDCWD for a
+// path outside the store, opened as it is) one directory at a time without
+// following a link; `held` is the caller's holder of the directory in hand.
+// Raises with the step that failed.
+int WalkAndOpen(const std::string& full, std::string::size_type from, int dir, int& held,
+                int leafFlags, const char* path) {
+  for (std::string::size_type slash; dir != AT_FDCWD && (slash = full.find('/', from)) != std::string::npos;) {
+    const std::string part = full.substr(from, slash - from);
+    const int next = os_openat(dir, part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+    if (next < 0) {
+      const int err = errno;
+      const std::string at = full.substr(0, slash);
+      if (err == ELOOP || err == ENOTDIR)
+        ER_RAISE_MSG(ER_GROUP_OS, err, (at + " is a symbolic link or not a directory: the store is never entered through one").c_str());
+      ER_RAISE_MSG(ER_GROUP_OS, err, at.c_str());
+    }
+    os_close(held);
+    held = dir = next;
+    from = slash + 1;
+  }
+  const std::string leaf = dir == AT_FDCWD ? full : full.substr(from);
+  const int fd = os_openat(dir, leaf.c_str(), leafFlags);
+  if (fd < 0) {
+    const int err = errno;
+    if (err == ELOOP)
+      ER_RAISE_MSG(ER_GROUP_OS, err, (full + " is a symbolic link: a container is never opened through one").c_str());
+    ER_RAISE_MSG(ER_GROUP_OS, err, path);
+  }
+  return fd;
+}
+
+}  // namespace
+
 int im_OpenContainer(const char* path, int flags) {
   // The directories from the store root down, and the file itself, are
-  // opened one by one without following a link: a link planted in place of
-  // a store directory or of a container is refused, not followed to a file
+  // opened without following a link: a link planted in place of a store
+  // directory or of a container is refused, not followed to a file
   // elsewhere. A FIFO or device in a container's place is refused before
   // any byte moves (and a FIFO does not block the open).
   const std::string full = path;
@@ -234,28 +269,13 @@ int im_OpenContainer(const char* path, int flags) {
       if (fd >= 0) os_close(fd);
     }
   } held{dir};
-  for (std::string::size_type slash; dir != AT_FDCWD && (slash = full.find('/', from)) != std::string::npos;) {
-    const std::string part = full.substr(from, slash - from);
-    const int next = os_openat(dir, part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
-    if (next < 0) {
-      const int err = errno;
-      const std::string at = full.substr(0, slash);
-      if (err == ELOOP || err == ENOTDIR)
-        ER_RAISE_MSG(ER_GROUP_OS, err, (at + " is a symbolic link or not a directory: the store is never entered through one").c_str());
-      ER_RAISE_MSG(ER_GROUP_OS, err, at.c_str());
-    }
-    os_close(held.fd);
-    held.fd = dir = next;
-    from = slash + 1;
-  }
-  const std::string leaf = dir == AT_FDCWD ? full : full.substr(from);
-  const int fd = os_openat(dir, leaf.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-  if (fd < 0) {
-    const int err = errno;
-    if (err == ELOOP)
-      ER_RAISE_MSG(ER_GROUP_OS, err, (full + " is a symbolic link: a container is never opened through one").c_str());
-    ER_RAISE_MSG(ER_GROUP_OS, err, path);
-  }
+  const int leafFlags = flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+  // Below the root the kernel walks the rest in one call under the same
+  // rule. Should that fail for any reason (openat2 missing included), the
+  // walk repeats it a directory at a time, which names the step that
+  // failed.
+  int fd = dir == AT_FDCWD ? -1 : os_openBeneath(dir, full.c_str() + from, leafFlags);
+  if (fd < 0) fd = WalkAndOpen(full, from, dir, held.fd, leafFlags, path);
   struct stat st {};
   if (os_fstat(fd, &st) != 0) {
     const int err = errno;

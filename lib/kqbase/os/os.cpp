@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <pwd.h>
 #include <string>
 #include <time.h>
@@ -18,6 +19,7 @@
 #include <sched.h>
 #include <sys/random.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <signal.h>
 #include <unistd.h>
@@ -731,6 +733,17 @@ int os_openat(int dirFd, const char* name, int flags, mode_t mode) {
   do fd = ::openat(dirFd, name, flags | O_CLOEXEC, mode);
   while (fd < 0 && errno == EINTR);
   return fd;
+}
+
+int os_openBeneath(int dirFd, const char* path, int flags) {
+  if (enter(os_Op::Open)) return -1;
+  struct open_how how {};
+  how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+  long fd;
+  do fd = ::syscall(SYS_openat2, dirFd, path, &how, sizeof how);
+  while (fd < 0 && errno == EINTR);
+  return static_cast<int>(fd);
 }
 
 int os_fstatat(int dirFd, const char* name, struct stat* st, int flags) {

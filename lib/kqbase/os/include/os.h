@@ -244,6 +244,11 @@ int os_RandomBytes(void* buf, size_t len);
 // openat(2) and fstatat(2), retried on EINTR; counted as Open and Stat.
 int os_openat(int dirFd, const char* name, int flags, mode_t mode = 0);
 int os_fstatat(int dirFd, const char* name, struct stat* st, int flags);
+// openat2(2) of `path` relative to `dirFd`, refusing (ELOOP) a symbolic
+// link in any of its components and any way out of `dirFd` (EXDEV): a walk
+// of the whole path in one call. -1 with errno; ENOSYS where the kernel or
+// a filter has no openat2. Counted as Open.
+int os_openBeneath(int dirFd, const char* path, int flags);
 // The effective user id, and whether `gid` is this process's effective
 // group or one of its supplementary groups.
 uid_t os_geteuid();
