@@ -333,7 +333,9 @@ void serve(Server& s, KeepGoing keepGoing) {
   while (!g_stop) {
     ssize_t n = -1;
     try {
-      n = os_msgrcv(s.requestQueue, buf.data(), kMaxText, 0, MSG_NOERROR);
+      // A stop signal ends the wait at once: the tick that would otherwise
+      // wake this process may never come (its ticker killed, say).
+      n = os_msgrcvUnless(s.requestQueue, buf.data(), kMaxText, 0, MSG_NOERROR, &g_stop);
       failures = 0;
     } catch (const er_Escape& e) {
       er_Clear();

@@ -580,12 +580,18 @@ int os_msgsnd(int qid, const void* msg, size_t textLen, int flags) {
 }
 
 ssize_t os_msgrcv(int qid, void* msg, size_t textLen, long type, int flags) {
+  return os_msgrcvUnless(qid, msg, textLen, type, flags, nullptr);
+}
+
+ssize_t os_msgrcvUnless(int qid, void* msg, size_t textLen, long type, int flags,
+                        const volatile std::sig_atomic_t* stop) {
   if (enter(os_Op::Msgrcv)) ER_RAISE(ER_GROUP_OS, errno);
   if (textLen > kMaxText) textLen = kMaxText;
   NativeMsg m;
   ssize_t n;
   do n = ::msgrcv(qid, &m, textLen, type, flags);
-  while (n < 0 && errno == EINTR);
+  while (n < 0 && errno == EINTR && (stop == nullptr || *stop == 0));
+  if (n < 0 && errno == EINTR) return -1;
   if (n < 0) ER_RAISE(ER_GROUP_OS, errno);
   int32_t wireType = static_cast<int32_t>(m.mtype);
   std::memcpy(msg, &wireType, 4);

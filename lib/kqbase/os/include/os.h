@@ -13,6 +13,7 @@
 #ifndef KQ_OS_H
 #define KQ_OS_H
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -207,6 +208,11 @@ int os_msgsnd(int qid, const void* msg, size_t textLen, int flags);
 // Returns the text length received. A failure raises an escape in group 2
 // with the errno as reason (ENOMSG for an empty queue with IPC_NOWAIT).
 ssize_t os_msgrcv(int qid, void* msg, size_t textLen, long type, int flags);
+// The same, except that a signal whose handler has set `*stop` ends the
+// wait: -1 with errno EINTR. A serving loop that must act on a stop signal
+// at once, and not at whatever next wakes it.
+ssize_t os_msgrcvUnless(int qid, void* msg, size_t textLen, long type, int flags,
+                        const volatile std::sig_atomic_t* stop);
 int os_msgctl(int qid, int cmd, void* buf);
 
 // ---- processes -------------------------------------------------------------
