@@ -39,6 +39,33 @@ void EmptyRunDir() {
   for (const auto& e : std::filesystem::directory_iterator(RunDir())) std::filesystem::remove_all(e.path());
 }
 
+// The one bounded reader: a file of the bound is read whole, one byte more
+// is refused, and a failed read says why.
+TEST(MlReadBounded, ReadsUpToItsBoundAndSaysWhyItStopped) {
+  const std::string path = sfltest::TestDir() + "/bounded";
+  {
+    std::ofstream out(path, std::ios::binary);
+    out << std::string(20000, 'x');  // more than one read's buffer
+  }
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_GE(fd, 0);
+  std::string text, why;
+  EXPECT_TRUE(ml_ReadBounded(fd, 20000, &text, &why));
+  EXPECT_EQ(std::string(20000, 'x'), text);
+  ASSERT_EQ(0, lseek(fd, 0, SEEK_SET));
+  EXPECT_FALSE(ml_ReadBounded(fd, 19999, &text, &why));
+  EXPECT_EQ("longer than 19999 bytes", why);
+  ASSERT_EQ(0, lseek(fd, 0, SEEK_SET));
+  os_FailNth(os_Op::Read, 2, EIO);
+  EXPECT_FALSE(ml_ReadBounded(fd, 20000, &text, &why));
+  os_ClearFaults();
+  EXPECT_EQ(std::strerror(EIO), why);
+  ASSERT_EQ(0, lseek(fd, 0, SEEK_SET));
+  EXPECT_FALSE(ml_ReadBounded(fd, 10, &text));  // no reason asked for
+  close(fd);
+  unlink(path.c_str());
+}
+
 TEST(MlRunDir, ConfiguredThenRuntimeDirThenPerUserTmp) {
   setenv("SFL_RUN_DIR", "/some/where", 1);
   EXPECT_EQ("/some/where", ml_RunDir());

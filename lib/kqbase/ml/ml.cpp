@@ -33,25 +33,13 @@ struct Cfg {
 };
 Cfg g_cfg;
 
-bool readFd(int fd, std::string* out) {
-  out->clear();
-  char buf[1024];
-  ssize_t n;
-  bool ok = true;
-  while ((n = os_read(fd, buf, sizeof buf)) != 0) {
-    if (n < 0 || out->size() > (1u << 20)) {
-      ok = false;
-      break;
-    }
-    out->append(buf, static_cast<size_t>(n));
-  }
-  return ok;
-}
+// Far above any state file, /proc entry or group file this reads.
+constexpr size_t kMaxRead = 1 << 20;
 
 bool readFile(const std::string& path, std::string* out) {
   int fd = os_open(path.c_str(), O_RDONLY);
   if (fd < 0) return false;
-  const bool ok = readFd(fd, out);
+  const bool ok = ml_ReadBounded(fd, kMaxRead, out);
   os_close(fd);
   return ok;
 }
@@ -75,6 +63,24 @@ void reloadIfOpen() {
 }
 
 }  // namespace
+
+bool ml_ReadBounded(int fd, size_t limit, std::string* out, std::string* why) {
+  out->clear();
+  char buf[16384];
+  for (;;) {
+    const ssize_t n = os_read(fd, buf, sizeof buf);
+    if (n == 0) return true;
+    if (n < 0) {
+      if (why != nullptr) *why = std::strerror(errno);
+      return false;
+    }
+    if (out->size() + static_cast<size_t>(n) > limit) {
+      if (why != nullptr) *why = "longer than " + std::to_string(limit) + " bytes";
+      return false;
+    }
+    out->append(buf, static_cast<size_t>(n));
+  }
+}
 
 // ---- run directory -----------------------------------------------------------------------
 
@@ -257,7 +263,7 @@ bool ml_ReadState(const std::string& runDir, ml_State* out) {
   struct stat st;
   std::string text;
   const bool ok = os_fstat(fd, &st) == 0 && trusted(st, path, "state file", false) &&
-                  readFd(fd, &text);
+                  ml_ReadBounded(fd, kMaxRead, &text);
   os_close(fd);
   return ok && ml_ParseState(text, out);
 }

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <sys/vfs.h>
 
+#include "ml.h"
 #include "os.h"
 
 namespace {
@@ -141,23 +142,8 @@ bool readBounded(const std::string& path, std::string* out, std::string* why) {
   struct stat st {};
   bool ok = os_fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
   if (!ok) *why = "not a regular file";
-  out->clear();
-  char buf[16384];
   // Its size is not trusted (the client's files say 0): read to the end.
-  while (ok) {
-    const ssize_t n = os_read(fd, buf, sizeof buf);
-    if (n < 0) {
-      *why = std::strerror(errno);
-      ok = false;
-    } else if (n == 0) {
-      break;
-    } else if (out->size() + static_cast<size_t>(n) > ML_META_MAX) {
-      *why = "longer than " + std::to_string(ML_META_MAX) + " bytes";
-      ok = false;
-    } else {
-      out->append(buf, static_cast<size_t>(n));
-    }
-  }
+  if (ok) ok = ml_ReadBounded(fd, ML_META_MAX, out, why);
   os_close(fd);
   return ok;
 }

@@ -50,6 +50,11 @@ struct ml_State {
   int32_t CpuLatencyUs = -1;        // CPU latency request held (ml_qos.h); -1: none
 };
 
+// Reads `fd` to its end into `out`, at most `limit` bytes. False on a read
+// error or a longer file, with `why` (when given) saying which. The one
+// reader of every file the service and its clients take in.
+bool ml_ReadBounded(int fd, size_t limit, std::string* out, std::string* why = nullptr);
+
 std::string ml_RunDir();
 std::string ml_StatePath(const std::string& runDir);
 std::string ml_LockPath(const std::string& runDir);
