@@ -26,12 +26,16 @@
 //              cache (an index record, near enough any header);
 //   pwrite     one 384-byte positioned write into the page cache, not
 //              flushed;
-//   w3-floor   W3's readers, started together, each doing per read only
+//   w3f-wait   W3's readers, started together, each doing per read only
 //              what a read by reference must: three exchanges with one
 //              echo process (the record at the open, the check and the
 //              withdrawal at the close, of the interest service's sizes)
-//              and an open, a read and a close of a small file;
-//   w3-floor-qos  the same with the CPU latency request held.
+//              and an open, a read and a close of a small file; each
+//              reply waited for in msgrcv;
+//   w3f-poll   the same, each reply awaited as the library does (a few
+//              polls with a yield between them, then a wait in msgrcv);
+//   w3f-qos-wait, w3f-qos-poll  the same two with the CPU latency
+//              request held.
 // Each is timed over many repetitions; the figure is operations per second.
 #include <cerrno>
 #include <csignal>
@@ -39,6 +43,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <sched.h>
 #include <string>
 #include <sys/msg.h>
 #include <sys/wait.h>
@@ -188,7 +193,7 @@ Figures NewAndRetire(const std::string& dir, int rounds, bool pool) {
 // does (a reply of the size the client expects, typed with the
 // requester's process id, on the reply queue) and keeps nothing. Each read
 // opens one of 64 small files in turn and reads a part's worth from it.
-Figures W3Floor(const std::string& dir, int readers, int reads) {
+Figures W3Floor(const std::string& dir, int readers, int reads, bool poll) {
   constexpr int kFiles = 64;
   std::vector<uint8_t> buf(4096);
   FillPayload(buf.data(), static_cast<uint32_t>(buf.size()), 1, 1);
@@ -224,7 +229,15 @@ Figures W3Floor(const std::string& dir, int readers, int reads) {
         std::vector<uint8_t> part(300);
         auto exchange = [&](long type, size_t len, size_t replyLen) {
           Send(req, type, len, me);
-          Receive(rep, me, false, replyLen);
+          Msg m;
+          for (int polls = poll ? 0 : 50; msgrcv(rep, &m, replyLen, me, IPC_NOWAIT) < 0; ++polls) {
+            if (errno != ENOMSG && errno != EINTR) Fail("msgrcv: %s", std::strerror(errno));
+            if (polls >= 50) {
+              Receive(rep, me, false, replyLen);
+              break;
+            }
+            sched_yield();
+          }
         };
         char go;
         if (read(startFd, &go, 1) < 0) return 4;
@@ -339,10 +352,11 @@ Figures RunLimit(const std::string& system, const std::string& dir, const Sizes&
     const LatencyRequest held;  // for this run only
     return RoundTrips(rounds, false);
   }
-  if (system == "w3-floor") return W3Floor(dir, sizes.readers, sizes.readsPerReader);
-  if (system == "w3-floor-qos") {
+  if (system == "w3f-wait" || system == "w3f-poll")
+    return W3Floor(dir, sizes.readers, sizes.readsPerReader, system == "w3f-poll");
+  if (system == "w3f-qos-wait" || system == "w3f-qos-poll") {
     const LatencyRequest held;
-    return W3Floor(dir, sizes.readers, sizes.readsPerReader);
+    return W3Floor(dir, sizes.readers, sizes.readsPerReader, system == "w3f-qos-poll");
   }
   if (system == "file") return OpenReadClose(dir, rounds * 4);
   if (system == "create") return CreateUnlink(dir, std::max(200, rounds / 10));
