@@ -36,6 +36,26 @@ class CustTest : public ::testing::Test {
   std::string path_;
 };
 
+// A bounded number: within the bounds (both included) as given, anything
+// else the fallback.
+TEST_F(CustTest, BoundedNumbersFallBackOutsideTheirBoundsAndOnAnythingElse) {
+  const char* key = "SFL_TEST_BOUNDED";
+  unsetenv(key);
+  EXPECT_EQ(7, cust_GetBoundedLong(key, 7, 1, 10));
+  const std::pair<const char*, long> cases[] = {
+      {"1", 1}, {"10", 10}, {"5", 5}, {"0", 7}, {"11", 7}, {"-3", 7}, {"", 7}, {"5x", 7},
+      {"x5", 7}, {"99999999999999999999999", 7}};
+  for (const auto& [text, want] : cases) {
+    setenv(key, text, 1);
+    EXPECT_EQ(want, cust_GetBoundedLong(key, 7, 1, 10)) << '"' << text << '"';
+  }
+  setenv(key, "-3", 1);
+  EXPECT_EQ(-3, cust_GetBoundedLong(key, 0, -5, 5));
+  unsetenv(key);
+  // From the file too; an empty value there is the fallback.
+  EXPECT_EQ(4, cust_GetBoundedLong("SFL_TEST_EMPTY", 4, 0, 9));
+}
+
 TEST_F(CustTest, FileValuesAreTrimmed) {
   const char* v = cust_GetCustomiseInfo("SFL_TEST_FILE_ONLY");
   ASSERT_NE(v, nullptr);

@@ -89,3 +89,13 @@ void cust_Reload() {
   st.loaded = false;
   st.file.clear();
 }
+
+long cust_GetBoundedLong(const char* key, long fallback, long lo, long hi) {
+  const char* v = cust_GetCustomiseInfo(key);
+  if (v == nullptr || *v == '\0') return fallback;
+  char* end = nullptr;
+  errno = 0;
+  const long n = std::strtol(v, &end, 10);
+  if (errno != 0 || *end != '\0' || n < lo || n > hi) return fallback;
+  return n;
+}

@@ -456,12 +456,7 @@ bool ml_AutoStartEnabled() {
 
 namespace {
 int keyInt(const char* key, int fallback, int lo, int hi) {
-  const char* v = cust_GetCustomiseInfo(key);
-  if (v == nullptr || *v == '\0') return fallback;
-  char* end = nullptr;
-  long n = std::strtol(v, &end, 10);
-  if (*end != '\0' || n < lo || n > hi) return fallback;
-  return static_cast<int>(n);
+  return static_cast<int>(cust_GetBoundedLong(key, fallback, lo, hi));
 }
 }  // namespace
 

@@ -121,12 +121,7 @@ int ml_WriteMetrics(const std::string& runDir, const ml_MetricsTotals& t, mode_t
 }
 
 int ml_MetricsSeconds() {
-  const char* v = cust_GetCustomiseInfo("SFL_MONITOR_METRICS_SECONDS");
-  if (v == nullptr || *v == '\0') return 5;
-  char* end = nullptr;
-  const long n = std::strtol(v, &end, 10);
-  if (*end != '\0' || n < 0 || n > 3600) return 5;
-  return static_cast<int>(n);
+  return static_cast<int>(cust_GetBoundedLong("SFL_MONITOR_METRICS_SECONDS", 5, 0, 3600));
 }
 
 // ---- processes holding interests ------------------------------------------------------

@@ -18,13 +18,7 @@ namespace {
 constexpr long kMaxUs = 2000000;
 
 int32_t ConfiguredUs() {
-  const char* v = cust_GetCustomiseInfo("SFL_MONITOR_CPU_LATENCY_US");
-  if (v == nullptr || *v == '\0') return -1;
-  char* end = nullptr;
-  errno = 0;
-  const long us = std::strtol(v, &end, 10);
-  if (errno != 0 || *end != '\0' || us < 0 || us > kMaxUs) return -1;
-  return static_cast<int32_t>(us);
+  return static_cast<int32_t>(cust_GetBoundedLong("SFL_MONITOR_CPU_LATENCY_US", -1, 0, kMaxUs));
 }
 
 }  // namespace

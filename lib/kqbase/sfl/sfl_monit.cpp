@@ -185,14 +185,7 @@ bool queueGone(int32_t queue) {
 // "SFL_MONITOR_REPLY_SECONDS" (1 to 3600, default 5). Asked only once a
 // wait has outlasted its first slice, which a served request never does.
 uint64_t ReplyLimitUs() {
-  constexpr long kDefault = 5;
-  long n = kDefault;
-  if (const char* v = cust_GetCustomiseInfo("SFL_MONITOR_REPLY_SECONDS"); v != nullptr && *v != '\0') {
-    char* end = nullptr;
-    n = std::strtol(v, &end, 10);
-    if (*end != '\0' || n < 1 || n > 3600) n = kDefault;
-  }
-  return static_cast<uint64_t>(n) * 1000000;
+  return static_cast<uint64_t>(cust_GetBoundedLong("SFL_MONITOR_REPLY_SECONDS", 5, 1, 3600)) * 1000000;
 }
 
 // Between slices of a wait the client makes sure its service still lives.

@@ -10,5 +10,8 @@
 const char* cust_GetCustomiseInfo(const char* key);
 // Forgets what was read from the configuration file (tests change it).
 void cust_Reload();
+// The value of `key` as a decimal number from `lo` to `hi`; `fallback` when
+// the key is absent or empty, is not wholly a number, or is out of range.
+long cust_GetBoundedLong(const char* key, long fallback, long lo, long hi);
 
 #endif  // KQ_CUST_H
