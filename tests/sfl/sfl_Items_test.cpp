@@ -111,6 +111,25 @@ TEST(SimpleItems, StoreWritesAFullHeaderAndFillsTheReference) {
   sfl_CloseFile(b.bh);
 }
 
+// An item stored without a source and given up before its storer's close
+// is deleted, not left unfinished: the close releases it, and the check
+// finds nothing to report or mend.
+TEST(SimpleItems, AnUnfinishedStoreDetachedToNoOwnerIsDeletedAtItsClose) {
+  Box b = NewBox();
+  sfl_ItemRef keep{};
+  sfl_CloseItem(sfl_StoreBasicItem(b.bh, nullptr, 10, &keep, 0));
+  sfl_ItemRef ref{};
+  const int32_t h = sfl_StoreBasicItem(b.bh, nullptr, 300, &ref, 0);
+  ASSERT_EQ(sfl_ItemNumOf(ref), 2u);
+  EXPECT_EQ(Slot(b.bh, 2).Flags, static_cast<uint32_t>(INCOMPLETE));
+  sfl_DetachOpenItem(h);
+  sfl_CloseItem(h);
+  EXPECT_EQ(Slot(b.bh, 2).InUse, 0u);
+  EXPECT_EQ(FileHeaderOf(b.bh).UsedItems, 1u);
+  sfl_CloseFile(b.bh);
+  EXPECT_EQ(sfl_CheckSflIntegrity(&b.ref, 0), 0);
+}
+
 TEST(SimpleItems, StoreIntoAFullContainerReturnsMinusOneAndAllocatesNothing) {
   Box b = NewBox();
   for (int i = 0; i < 7; ++i) {
