@@ -181,6 +181,20 @@ bool ItemOfCopy(const std::string& root, const std::string& ref, std::string* da
   return true;
 }
 
+// What every worker did to `ref`, in microseconds from the copy's moment,
+// and which store's data the copy holds: for a failure to be read.
+std::string History(const std::vector<Op>& ops, const std::string& ref, int64_t moment, const std::string& got) {
+  std::string out = "\n  the copy holds " + std::to_string(got.size()) + " bytes";
+  for (const Op& o : ops)
+    if (o.kind == 'S' && o.ref == ref && got == Data(o.seed, o.size)) out += ", the data of store " + std::to_string(o.seed);
+  for (const Op& o : ops) {
+    if (o.ref != ref) continue;
+    out += "\n  " + std::string(1, o.kind) + " seed " + std::to_string(o.seed) + " size " + std::to_string(o.size) +
+           " from " + std::to_string((o.start - moment) / 1000) + " to " + std::to_string((o.end - moment) / 1000) + " us";
+  }
+  return out;
+}
+
 }  // namespace
 
 TEST(SflBackupTool, ACopyTakenWhileEightProcessesWorkHoldsTheStoreAtEachContainersMoment) {
@@ -253,10 +267,12 @@ TEST(SflBackupTool, ACopyTakenWhileEightProcessesWorkHoldsTheStoreAtEachContaine
         continue;
       }
       ++checkedItems;
-      EXPECT_TRUE(e.present || e.maybe) << ref << " was deleted before the moment but is in the copy";
       const bool exact = got == Data(e.seed, e.size);
       const bool zeros = e.zerosAllowed && got == std::string(e.size, '\0');
-      EXPECT_TRUE(exact || zeros) << ref << ": the copy holds neither the stored data nor (in flight) zeros";
+      EXPECT_TRUE(e.present || e.maybe) << ref << " was deleted before the moment but is in the copy"
+                                        << History(ops, ref, m.moment, got);
+      EXPECT_TRUE(exact || zeros) << ref << ": the copy holds neither the stored data nor (in flight) zeros"
+                                  << History(ops, ref, m.moment, got);
     }
   }
   EXPECT_GT(checkedItems, 10u);
