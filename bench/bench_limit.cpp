@@ -119,16 +119,22 @@ Figures RoundTrips(int rounds, bool poll) {
   return f;
 }
 
-Figures OpenReadClose(const std::string& dir, int rounds) {
-  std::string path = dir + "/limit-file";
+// Writes 4 KiB of payload to a new file at `path`.
+void WriteSmallFile(const std::string& path) {
   std::vector<uint8_t> buf(4096);
   FillPayload(buf.data(), static_cast<uint32_t>(buf.size()), 1, 1);
-  int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0644);
+  const int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0 || write(fd, buf.data(), buf.size()) != static_cast<ssize_t>(buf.size())) Fail("write %s", path.c_str());
   close(fd);
+}
+
+Figures OpenReadClose(const std::string& dir, int rounds) {
+  std::string path = dir + "/limit-file";
+  WriteSmallFile(path);
+  std::vector<uint8_t> buf(4096);
   double t0 = Now();
   for (int i = 0; i < rounds; ++i) {
-    fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) Fail("open %s", path.c_str());
     if (read(fd, buf.data(), buf.size()) != static_cast<ssize_t>(buf.size())) Fail("short read");
     close(fd);
@@ -195,14 +201,7 @@ Figures NewAndRetire(const std::string& dir, int rounds, bool pool) {
 // opens one of 64 small files in turn and reads a part's worth from it.
 Figures W3Floor(const std::string& dir, int readers, int reads, bool poll) {
   constexpr int kFiles = 64;
-  std::vector<uint8_t> buf(4096);
-  FillPayload(buf.data(), static_cast<uint32_t>(buf.size()), 1, 1);
-  for (int i = 0; i < kFiles; ++i) {
-    const std::string path = dir + "/w3-floor-" + std::to_string(i);
-    const int fd = open(path.c_str(), O_CREAT | O_WRONLY | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0 || write(fd, buf.data(), buf.size()) != static_cast<ssize_t>(buf.size())) Fail("write %s", path.c_str());
-    close(fd);
-  }
+  for (int i = 0; i < kFiles; ++i) WriteSmallFile(dir + "/w3-floor-" + std::to_string(i));
   const int req = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
   const int rep = msgget(IPC_PRIVATE, IPC_CREAT | 0600);
   if (req < 0 || rep < 0) Fail("msgget: %s", std::strerror(errno));
