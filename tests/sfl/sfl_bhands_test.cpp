@@ -87,6 +87,34 @@ TEST_F(BaseTableTest, TheEntryAfter1024FailsWith28866) {
   EXPECT_EQ(h, 7500);
 }
 
+// A new entry is always the first free one in table order, whichever was
+// freed last, and the walk to it goes on past entries still in use.
+TEST_F(BaseTableTest, ANewEntryIsTheFirstFreeOneWhicheverWasFreedLast) {
+  for (int i = 0; i < 10; ++i) {
+    int32_t h = -1;
+    sfl_GetNewOFilesEntry(&h);
+    ASSERT_EQ(h, 7000 + i);
+  }
+  sfl_DeleteOSerFile(sfl_Handle2Record(7007));
+  sfl_DeleteOSerFile(sfl_Handle2Record(7003));
+  int32_t h = -1;
+  sfl_GetNewOFilesEntry(&h);
+  EXPECT_EQ(h, 7003);
+  sfl_DeleteOSerFile(sfl_Handle2Record(7001));
+  sfl_GetNewOFilesEntry(&h);
+  EXPECT_EQ(h, 7001);
+  sfl_GetNewOFilesEntry(&h);
+  EXPECT_EQ(h, 7007);
+  sfl_GetNewOFilesEntry(&h);
+  EXPECT_EQ(h, 7010);
+  // A forked child forgets every entry: its first is the table's first.
+  sfl_OpenFiles().ForgetAll();
+  sfl_GetNewOFilesEntry(&h);
+  EXPECT_EQ(h, 7000);
+  sfl_GetNewOFilesEntry(&h);
+  EXPECT_EQ(h, 7001);
+}
+
 TEST_F(BaseTableTest, HandleChecks) {
   Raised r = RaisedBy([] { sfl_Handle2Record(7000); });
   EXPECT_EQ(r.group, ER_GROUP_TABLE);

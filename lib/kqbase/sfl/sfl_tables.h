@@ -1,13 +1,16 @@
 // The mechanics shared by the per-process handle tables (open files, open
 // items, streams): a fixed array of record pointers that grows on demand,
 // records allocated zeroed on first use and never freed, a high-water mark,
-// and handles equal to a base number plus the index.
+// and handles equal to a base number plus the index. The table remembers
+// where the first free record may be: a process with a large cold store
+// holds a thousand records, and taking one must not walk them all.
 //
 // The handle check accepts one index past the high-water mark on purpose
 // (the bound is inclusive); that slot then reads as a record not in use.
 #ifndef SFL_TABLES_H
 #define SFL_TABLES_H
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -27,7 +30,7 @@ class sfl_HandleTable {
   // Takes the first free record, allocating records up to it as needed.
   // Raises `fullReason` in group 3 when all `Limit` entries are in use.
   Rec* Take(int32_t* handle, int fullReason) {
-    for (size_t i = 0;; ++i) {
+    for (size_t i = firstFree_;; ++i) {
       if (i >= Limit) ER_RAISE(ER_GROUP_TABLE, fullReason);
       if (i >= allocated_) {
         recs_[i] = new Rec{};
@@ -38,6 +41,7 @@ class sfl_HandleTable {
       if (i >= highWater_) highWater_ = i + 1;
       ++inUse_;
       r->InUse = 1;
+      firstFree_ = i + 1;
       if (handle != nullptr) *handle = FirstHandle + static_cast<int32_t>(i);
       return r;
     }
@@ -60,6 +64,7 @@ class sfl_HandleTable {
     r->Reset();
     r->InUse = 0;
     --inUse_;
+    firstFree_ = std::min(firstFree_, static_cast<size_t>(HandleOf(r) - FirstHandle));
   }
 
   // The handle of a record of this table, or -1.
@@ -84,12 +89,14 @@ class sfl_HandleTable {
     }
     inUse_ = 0;
     highWater_ = 0;
+    firstFree_ = 0;
   }
 
  private:
   std::array<Rec*, Limit> recs_{};
   size_t allocated_ = 0;
   size_t highWater_ = 0;
+  size_t firstFree_ = 0;  // every record below it is in use
   int inUse_ = 0;
 };
 
