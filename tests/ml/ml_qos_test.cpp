@@ -4,6 +4,7 @@
 // without the setting; a device that cannot be opened leaves the service
 // serving without one. The device is a plain file here, so the test sees
 // what was written to it and whether the service holds it open.
+#include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -12,8 +13,10 @@
 #include <string>
 #include <unistd.h>
 
+#include "le.h"
 #include "ml.h"
 #include "ml_qos.h"
+#include "os.h"
 #include "sfl.h"
 #include "test_env.h"
 #include "test_util.h"
@@ -81,6 +84,53 @@ TEST(ServiceCpuLatency, HeldWhileClientsAreAboutAndLetGoWhenIdle) {
   const int32_t again = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);
   EXPECT_TRUE(Eventually([&] { return HoldsOpen(pid, Device()); }, 5));
   sfl_CloseFile(again);
+}
+
+// A service that a client starts on demand runs with a minimal environment;
+// it still takes the starter's setting and device.
+TEST(ServiceCpuLatency, AServiceStartedOnDemandTakesTheStartersSetting) {
+  ml_State st;
+  ASSERT_FALSE(ml_ReadState(RunDir(), &st) && ml_ServiceAlive(RunDir(), st)) << "no service yet";
+  ::setenv("SFL_MONITOR_CPU_LATENCY_US", "25", 1);
+  ::setenv("SFL_MONITOR_CPU_LATENCY_DEV", Device().c_str(), 1);
+  { std::ofstream touch(Device()); }
+  const int32_t base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);  // starts it, records an interest
+  ::unsetenv("SFL_MONITOR_CPU_LATENCY_US");
+  ::unsetenv("SFL_MONITOR_CPU_LATENCY_DEV");
+  ASSERT_TRUE(ml_ReadState(RunDir(), &st));
+  const int pid = st.MainPid;
+  ASSERT_NE(pid, getpid());
+  EXPECT_TRUE(Eventually([&] { return HoldsOpen(pid, Device()); }, 5));
+  EXPECT_EQ(DeviceValue(), 25);
+  EXPECT_TRUE(Eventually([&] { return StateLatency() == 25; }, 5));
+  sfl_CloseFile(base);
+  sfltest::StopService();
+}
+
+// A client that comes while the request is down gets it with its first
+// request, not at the next check: with the ticker stopped and a check just
+// made (a tick of the test's own), nothing else would take it.
+TEST(ServiceCpuLatency, TakenAtTheFirstRequestNotAtTheNextCheck) {
+  const int pid = StartWith("25", Device());
+  ASSERT_GT(pid, 0);
+  ml_State st;
+  ASSERT_TRUE(ml_ReadState(RunDir(), &st));
+  // Held for a while after the start, then let go.
+  EXPECT_TRUE(Eventually([&] { return StateLatency() == 25; }, 5));
+  EXPECT_TRUE(Eventually([&] { return StateLatency() == -1 && !HoldsOpen(pid, Device()); }, 10));
+  const std::vector<pid_t> children = sfltest::ChildrenOf(pid);
+  ASSERT_EQ(1u, children.size());  // one pair: the ticker alone
+  ASSERT_EQ(0, ::kill(children[0], SIGSTOP));
+  EXPECT_TRUE(Eventually([&] { return sfltest::ProcessState(children[0]) == 'T'; }));
+  uint8_t tick[4];
+  le_PutU32(tick, ML_MSG_TICK);
+  ASSERT_EQ(0, os_msgsnd(st.Context[0], tick, 0, 0));
+  EXPECT_TRUE(Eventually([&] { return sfltest::QueueDepth(st.Context[0]) == 0; }));
+  const int32_t base = sfl_CreateSfl(0, SFL_TYPE_DATA_ITEM, 0);  // records an interest
+  EXPECT_TRUE(Eventually([&] { return HoldsOpen(pid, Device()); }, 2));
+  EXPECT_EQ(DeviceValue(), 25);
+  ::kill(children[0], SIGCONT);
+  sfl_CloseFile(base);
 }
 
 TEST(ServiceCpuLatency, NeverTakenWithoutTheSetting) {

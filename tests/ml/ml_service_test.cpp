@@ -256,35 +256,6 @@ TEST_F(MlService, ServingProcessThatDoesNotStopIsKilled) {
   for (int32_t q : st.Context) EXPECT_FALSE(QueueExists(q)) << q;
 }
 
-// The processes whose parent is `parent`, and a process's state letter
-// ('Z' for one that has ended and waits to be reaped; 0 when none).
-std::vector<pid_t> childrenOf(pid_t parent) {
-  std::vector<pid_t> out;
-  std::error_code ec;
-  for (const auto& e : std::filesystem::directory_iterator("/proc", ec)) {
-    const std::string name = e.path().filename();
-    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
-    std::ifstream in(e.path() / "stat");
-    std::string line;
-    if (!std::getline(in, line) || line.rfind(')') == std::string::npos) continue;
-    std::istringstream rest(line.substr(line.rfind(')') + 1));
-    char state = 0;
-    pid_t ppid = 0;
-    if (rest >> state >> ppid && ppid == parent) out.push_back(std::stoi(name));
-  }
-  return out;
-}
-
-char processState(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  if (!std::getline(in, line) || line.rfind(')') == std::string::npos) return 0;
-  std::istringstream rest(line.substr(line.rfind(')') + 1));
-  char state = 0;
-  rest >> state;
-  return state;
-}
-
 // A serving process usually notices a stop at the next tick. With the
 // ticker gone (killed by hand, say) no tick comes, and a stop signal must
 // still end the wait.
@@ -293,11 +264,11 @@ TEST_F(MlService, AStopSignalStopsTheServiceWhoseTickerIsGone) {
   ASSERT_GT(pid, 0);
   ml_State st;
   ASSERT_TRUE(ml_ReadState(RunDir(), &st));
-  const std::vector<pid_t> children = childrenOf(pid);
+  const std::vector<pid_t> children = sfltest::ChildrenOf(pid);
   ASSERT_EQ(1u, children.size());  // one pair: the ticker alone
   ASSERT_EQ(0, kill(children[0], SIGKILL));
   // The ticker has ended, and a tick it sent before is taken.
-  EXPECT_TRUE(Eventually([&] { return processState(children[0]) == 'Z'; }));
+  EXPECT_TRUE(Eventually([&] { return sfltest::ProcessState(children[0]) == 'Z'; }));
   EXPECT_TRUE(Eventually([&] { return QueueDepth(st.Context[0]) == 0; }));
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
   ASSERT_EQ(0, kill(pid, SIGTERM));
@@ -309,7 +280,7 @@ TEST_F(MlService, AStopSignalStopsTheServiceWhoseTickerIsGone) {
     for (int32_t q : st.Context) msgctl(q, IPC_RMID, nullptr);
   }
   for (int32_t q : st.Context) EXPECT_FALSE(QueueExists(q)) << q;
-  EXPECT_EQ(0, processState(children[0]));  // reaped by the service
+  EXPECT_EQ(0, sfltest::ProcessState(children[0]));  // reaped by the service
 }
 
 TEST_F(MlService, ClientThatDiesMidExchangeLeavesNothingBehind) {

@@ -10,8 +10,10 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -306,6 +308,33 @@ int ExitWithin(pid_t pid, int seconds) {
 }
 
 // ---- message queues ----------------------------------------------------------------------
+
+std::vector<pid_t> ChildrenOf(pid_t parent) {
+  std::vector<pid_t> out;
+  std::error_code ec;
+  for (const auto& e : std::filesystem::directory_iterator("/proc", ec)) {
+    const std::string name = e.path().filename();
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    std::ifstream in(e.path() / "stat");
+    std::string line;
+    if (!std::getline(in, line) || line.rfind(')') == std::string::npos) continue;
+    std::istringstream rest(line.substr(line.rfind(')') + 1));
+    char state = 0;
+    pid_t ppid = 0;
+    if (rest >> state >> ppid && ppid == parent) out.push_back(std::stoi(name));
+  }
+  return out;
+}
+
+char ProcessState(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(in, line) || line.rfind(')') == std::string::npos) return 0;
+  std::istringstream rest(line.substr(line.rfind(')') + 1));
+  char state = 0;
+  rest >> state;
+  return state;
+}
 
 bool QueueExists(int q) {
   struct msqid_ds ds;

@@ -196,6 +196,12 @@ bool Eventually(const std::function<bool()>& cond, int seconds = 10);
 // waiting at most `seconds`; -1 while it still runs.
 int ExitWithin(pid_t pid, int seconds = 10);
 
+// The processes whose parent is `parent`.
+std::vector<pid_t> ChildrenOf(pid_t parent);
+// A process's state letter ('Z' for one that has ended and waits to be
+// reaped, 'T' for a stopped one; 0 when there is no such process).
+char ProcessState(pid_t pid);
+
 // ---- message queues ----------------------------------------------------------------------
 
 // Whether the System V message queue `q` exists.

@@ -34,6 +34,10 @@ class ml_Qos {
   bool Update(bool busy);
   // The value held, -1 when none is.
   int32_t HeldUs() const { return fd_ >= 0 ? us_ : -1; }
+  // Whether a client's request should take the floor at once rather than
+  // at the next check: one is configured, not held, and the last try did
+  // not fail (a device that refused is tried again at the checks only).
+  bool TakeAtOnce() const { return us_ >= 0 && fd_ < 0 && !failedLogged_; }
 
  private:
   int32_t us_ = -1;  // configured value; -1: none

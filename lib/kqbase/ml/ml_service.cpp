@@ -123,6 +123,9 @@ struct Server {
   ml_ClusterView* cluster = nullptr;  // null: this host alone
   ml_PairMetrics* metrics = nullptr;  // this pair's block of the shared counters
   std::unique_ptr<ml_HolderCount> holders;
+  // A client's request runs the check at once, not at the next tick: set
+  // while the CPU latency request is wanted and not held.
+  bool checkOnRequest = false;
 
   explicit Server(size_t maxEntries) : table(maxEntries, pidAlive, ml_ProcessStart) {}
 };
@@ -356,7 +359,7 @@ void serve(Server& s, KeepGoing keepGoing) {
       sweep(s);
       s.nextSweepMs = now + kSweepMs;
     }
-    if (tick || now >= nextCheck) {
+    if (tick || now >= nextCheck || (n >= 0 && s.checkOnRequest)) {
       nextCheck = now + kTickMs;
       if (s.cluster != nullptr) {
         s.cluster->Tick();
@@ -606,6 +609,7 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
     }
     restore(s, shares[0], ml_KeepPath(dir, 0));
     shared->pairs[0].entries.store(heldBy(s));
+    s.checkOnRequest = qos.TakeAtOnce();
     serve(s, [&] {
       if (g_stop) return false;  // a stop of the whole group is not a failure
       for (pid_t& c : children) {
@@ -633,6 +637,9 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
         st.CpuLatencyUs = qos.HeldUs();
         ml_PublishState(dir, st, opts.Gid >= 0 ? 0640 : 0600);
       }
+      // A client that comes while the floor is down gets it at its first
+      // request: a burst shorter than a tick would otherwise run without.
+      s.checkOnRequest = qos.TakeAtOnce();
       if (opts.IdleSeconds > 0) {
         if (entries == 0 && nowMs() - last >= int64_t{opts.IdleSeconds} * 1000) {
           logLine("idle for %d s with no interest held; stopping", opts.IdleSeconds);

@@ -146,12 +146,16 @@ int ml_StartDetached(const ml_ServiceOptions& opts, const std::string& program) 
   argv.push_back(nullptr);
   // The service's environment is minimal, but for the keys that make it
   // serve several hosts (and the store root whose file system it checks
-  // then) and say how often it publishes its counts: a service started on
-  // demand serves as the process that started it was configured to expect.
+  // then), say how often it publishes its counts and what CPU latency it
+  // asks for while it has clients (and on which device: the service runs
+  // with its starter's rights, so it can write nothing the starter could
+  // not): a service started on demand serves as the process that started
+  // it was configured to expect.
   std::vector<std::string> vars = {"PATH=/usr/bin:/bin"};
   for (const char* key : {"SFL_CLUSTER_ETCD", "SFL_CLUSTER_NAME", "SFL_CLUSTER_HOST",
                           "SFL_CLUSTER_LEASE_SECONDS", "SFL_CLUSTER_TRUST_FS", "SFL_STORE_ROOT",
-                          "SFL_MONITOR_METRICS_SECONDS"})
+                          "SFL_MONITOR_METRICS_SECONDS", "SFL_MONITOR_CPU_LATENCY_US",
+                          "SFL_MONITOR_CPU_LATENCY_DEV"})
     if (const char* v = cust_GetCustomiseInfo(key); v != nullptr) vars.push_back(std::string(key) + "=" + v);
   std::vector<char*> envp;
   for (std::string& v : vars) envp.push_back(v.data());
