@@ -161,6 +161,9 @@ std::unique_ptr<ItemPool> NewSflPool(const std::string& dir, Durability d);
 // the setup its name asks for.
 std::unique_ptr<MessageStore> OpenMessageStore(const std::string& system, const std::string& dir,
                                                Durability d, bool create);
+// The run directory of a run's own service: the one in force (or DIR/run)
+// with SUFFIX added, as OwnService makes it.
+std::string OwnRunDir(const std::string& dir, const std::string& suffix);
 // Gives an sfl run a service of its own in SFL_RUN_DIR + suffix, started
 // with the given keys when the run first needs it.
 void OwnService(const std::string& dir, const std::string& suffix,

@@ -304,10 +304,14 @@ Figures RunIdle(const std::string& system, Durability d, const std::string& dir,
 
 }  // namespace
 
+std::string OwnRunDir(const std::string& dir, const std::string& suffix) {
+  const char* run = std::getenv("SFL_RUN_DIR");
+  return (run != nullptr ? std::string(run) : dir + "/run") + suffix;
+}
+
 void OwnService(const std::string& dir, const std::string& suffix,
                 const std::vector<std::pair<std::string, std::string>>& keys) {
-  const char* run = std::getenv("SFL_RUN_DIR");
-  const std::string own = (run != nullptr ? std::string(run) : dir + "/run") + suffix;
+  const std::string own = OwnRunDir(dir, suffix);
   MakeDirs(own);
   ::setenv("SFL_RUN_DIR", own.c_str(), 1);
   for (const auto& [k, v] : keys) ::setenv(k.c_str(), v.c_str(), 1);
