@@ -759,6 +759,10 @@ int Child(int argc, char** argv) {
       if (!own.ends_with("-qos")) own += "-qos";
       ml_State st;
       if (ml_ReadState(own, &st)) f["qos_held_us"] = st.CpuLatencyUs;
+      // The request is the whole machine's: the next system's run must not
+      // start while it is still held (two seconds past the last client).
+      for (int i = 0; i < 100 && ml_ReadState(own, &st) && st.CpuLatencyUs >= 0; ++i)
+        ::usleep(100 * 1000);
     }
     for (const auto& [k, v] : f) std::printf("%s %.17g\n", k.c_str(), v);
   } catch (const std::exception& e) {
