@@ -279,14 +279,15 @@ void noteForged(Server& s, int32_t named, int32_t sender) {
             named, sender, static_cast<unsigned long long>(s.forged));
 }
 
-void handle(Server& s, const uint8_t* msg, ssize_t len) {
+// Answers one message; true when it was a request that was answered.
+bool handle(Server& s, const uint8_t* msg, ssize_t len) {
   const int32_t type = static_cast<int32_t>(le_GetU32(msg));
-  if (type == ML_MSG_TICK) return;
+  if (type == ML_MSG_TICK) return false;
   // A request in another process's name is neither answered nor counted.
   const int32_t named = ml_RequestPid(msg, static_cast<size_t>(len));
   if (const int32_t sender = named > 0 ? senderOf(s) : 0; sender > 0 && sender != named) {
     noteForged(s, named, sender);
-    return;
+    return false;
   }
   uint8_t reply[16];
   int32_t pid = 0;
@@ -295,7 +296,7 @@ void handle(Server& s, const uint8_t* msg, ssize_t len) {
                               : ml_AnswerRequest(s.table, msg, static_cast<size_t>(len), &pid, reply);
   if (replyLen == 0) {
     noteMalformed(s, type, len);
-    return;
+    return false;
   }
   sendReply(s, pid, reply, replyLen);
   s.metrics->Requests[ml_RequestKindOf(type)].fetch_add(1);
@@ -305,6 +306,7 @@ void handle(Server& s, const uint8_t* msg, ssize_t len) {
   PairStats& ps = s.shared->pairs[s.pair];
   ps.entries.store(heldBy(s));
   ps.lastActivityMs.store(nowMs());
+  return true;
 }
 
 void sweep(Server& s) {
@@ -353,13 +355,14 @@ void serve(Server& s, KeepGoing keepGoing) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     const bool tick = n >= 0 && static_cast<int32_t>(le_GetU32(buf.data())) == ML_MSG_TICK;
-    if (n >= 0) handle(s, buf.data(), n);
+    const bool answered = n >= 0 && handle(s, buf.data(), n);
     int64_t now = nowMs();
     if (now >= s.nextSweepMs) {
       sweep(s);
       s.nextSweepMs = now + kSweepMs;
     }
-    if (tick || now >= nextCheck || (n >= 0 && s.checkOnRequest)) {
+    // Forged and malformed messages never run the check early.
+    if (tick || now >= nextCheck || (answered && s.checkOnRequest)) {
       nextCheck = now + kTickMs;
       if (s.cluster != nullptr) {
         s.cluster->Tick();
