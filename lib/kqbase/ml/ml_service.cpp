@@ -124,7 +124,8 @@ struct Server {
   ml_PairMetrics* metrics = nullptr;  // this pair's block of the shared counters
   std::unique_ptr<ml_HolderCount> holders;
   // A client's request runs the check at once, not at the next tick: set
-  // while the CPU latency request is wanted and not held.
+  // by each check while the CPU latency request is wanted and not held
+  // (the first message, whatever it is, runs the first check).
   bool checkOnRequest = false;
 
   explicit Server(size_t maxEntries) : table(maxEntries, pidAlive, ml_ProcessStart) {}
@@ -612,7 +613,6 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
     }
     restore(s, shares[0], ml_KeepPath(dir, 0));
     shared->pairs[0].entries.store(heldBy(s));
-    s.checkOnRequest = qos.TakeAtOnce();
     serve(s, [&] {
       if (g_stop) return false;  // a stop of the whole group is not a failure
       for (pid_t& c : children) {
