@@ -334,6 +334,52 @@ TEST_F(Compact, OnlyIndexRecordsAndHeadersAreWritten) {
   CheckStructure({h});
 }
 
+TEST_F(Compact, TheOldTreeIsReadOnceForTheBuildAndItsRelease) {
+  const int32_t h = NewItem();
+  for (uint32_t n = 0; n < 3000; ++n) Put(h, n);
+  for (uint32_t n = 0; n < 3000; n += 7) sfl_FreeBlock(h, n, 0);
+  const sfltest::TreeScan old = sfltest::WalkTree(fd_, Rec(h)->HeaderOff);
+  ASSERT_EQ(old.records, 98u);  // 94 leaves, 3 branches, the root
+  const uint64_t reads = os_CallCount(os_Op::Pread);
+  sfl_CompactBlockedItem(h);
+  const uint64_t made = os_CallCount(os_Op::Pread) - reads;
+  // Each old record once as the cursor passes, and the root once more
+  // before (a root never formatted holds nothing to rebuild); besides them
+  // the item's header three times, the temporary item's twice, and the
+  // free map with its header four times (space for the temporary item, its
+  // root and the new records, and the release). The release takes its list
+  // of records from the build rather than reading the old tree again.
+  EXPECT_LE(made, old.records + 1 + 3 + 2 + 8);
+  CheckStructure({h});
+}
+
+TEST_F(Compact, AChildPastItsBranchsCountsIsGivenBackAsAWalkFindsIt) {
+  // Three leaves under the root; the root's counts are cut so that the
+  // cursor, which climbs only below them, never reaches the third. The
+  // records given back are still every record a walk of the old tree finds.
+  const int32_t h = NewItem();
+  for (uint32_t n : {0u, 40u, 80u}) Put(h, n);
+  const uint32_t rootOff = HeaderOf(h).FileOffset;
+  sfl_IndexRecord root = Index(rootOff);
+  ASSERT_EQ(root.Depth, 1u);
+  const uint32_t thirdLeaf = root.Entries[2].SectionOffSet;
+  ASSERT_NE(thirdLeaf, 0u);
+  const sfl_IndexEntry thirdBlock = Index(thirdLeaf).Entries[16];
+  ASSERT_NE(thirdBlock.SectionOffSet, 0u);
+  root.Used = 2;
+  root.EverUsed = 2;
+  PutIndex(rootOff, root);
+  Rec(h)->IndexCacheValid = 0;
+
+  EXPECT_EQ(sfl_CompactBlockedItem(h), 1u);
+  const Bytes map = Map();
+  for (uint32_t u = thirdLeaf / 128; u < (thirdLeaf + SFL_INDEX_SIZE + 127) / 128; ++u)
+    EXPECT_FALSE(MapBit(map, u)) << "third leaf's record, unit " << u;
+  EXPECT_EQ(Raw(thirdLeaf, SFL_INDEX_SIZE), Bytes(SFL_INDEX_SIZE, 0));
+  // Its block is left where it was, as the release leaves every block.
+  EXPECT_TRUE(MapBit(map, thirdBlock.SectionOffSet / 128));
+}
+
 // A failure at any system call of the rebuild: before the header switch the
 // old tree is in force with every block as it was, and the space the build
 // had taken is free again; after it the new tree is, with every block

@@ -465,7 +465,43 @@ class AsyncWhileBuilding {
 
 }  // namespace
 
-uint32_t sfl_CompactAll(sfl_ItemRec* source, sfl_ItemRec* dest, sfl_LeafCursor* cursor) {
+namespace {
+
+// The records of the old tree that the rebuild's cursor read, and whether
+// they are all the records a walk of that tree would reach. They are, unless
+// a branch holds a child the cursor does not climb to (one at or past the
+// larger of its Used and EverUsed: damage). Handing them to the release
+// spares it a second read of every record of the old tree.
+struct RecordsRead {
+  std::vector<uint32_t> Offs;
+  bool All = true;
+  // The path noted last, root first.
+  uint32_t PathOff[sfl_LeafCursor::kLevels] = {};
+  int32_t PathLeaf = -1;
+};
+
+// Notes the records of the cursor's path that are new since the path noted
+// last (from the first level that changed down to the leaf), and whether
+// each new branch keeps all its children within the cursor's reach.
+void NotePath(const sfl_LeafCursor& c, RecordsRead* read) {
+  int level = 0;
+  while (level <= c.Leaf && level <= read->PathLeaf && c.Off[level] == read->PathOff[level])
+    ++level;
+  for (; level <= c.Leaf; ++level) {
+    read->Offs.push_back(c.Off[level]);
+    read->PathOff[level] = c.Off[level];
+    if (level == c.Leaf) break;
+    // The cursor reaches entry 0 on its way down and every non-empty
+    // entry below the bound on its climbs.
+    const sfl_IndexRecord& r = c.Rec[level];
+    for (uint32_t s = std::max<uint32_t>(ForwardBound(r), 1); s < kFan; ++s)
+      if (!EntryEmpty(r.Entries[s])) read->All = false;
+  }
+  read->PathLeaf = c.Leaf;
+}
+
+uint32_t CompactAllNoting(sfl_ItemRec* source, sfl_ItemRec* dest, sfl_LeafCursor* cursor,
+                          RecordsRead* read) {
   ER_TRACE_PROC("sfl_CompactAll");
   // Leaf by leaf: every non-empty entry, in slot order. Entries at or above
   // a leaf's EverUsed (a reorder to a slot past it leaves one there) are
@@ -473,6 +509,7 @@ uint32_t sfl_CompactAll(sfl_ItemRec* source, sfl_ItemRec* dest, sfl_LeafCursor* 
   // left behind would be a block lost.
   std::vector<sfl_IndexEntry> entries;
   do {
+    if (read != nullptr) NotePath(*cursor, read);
     for (const sfl_IndexEntry& e : cursor->LeafRec().Entries)
       if (!EntryEmpty(e)) entries.push_back(e);
     // On to the next leaf: the last slot the step counts, then one more.
@@ -483,13 +520,23 @@ uint32_t sfl_CompactAll(sfl_ItemRec* source, sfl_ItemRec* dest, sfl_LeafCursor* 
   return entries.empty() ? 0 : static_cast<uint32_t>(entries.size() - 1);
 }
 
-uint32_t sfl_CreateCompactTree(sfl_ItemRec* source, sfl_ItemRec* dest) {
+uint32_t CreateCompactTreeNoting(sfl_ItemRec* source, sfl_ItemRec* dest, RecordsRead* read) {
   ER_TRACE_PROC("sfl_CreateCompactTree");
   sfl_ItemHeader h;
   sfl_ReadItemHeader(source, &h);
   sfl_LeafCursor cursor;
   sfl_CursorToFirstLeaf(source, h.FileOffset, &cursor);
-  return sfl_CompactAll(source, dest, &cursor);
+  return CompactAllNoting(source, dest, &cursor, read);
+}
+
+}  // namespace
+
+uint32_t sfl_CompactAll(sfl_ItemRec* source, sfl_ItemRec* dest, sfl_LeafCursor* cursor) {
+  return CompactAllNoting(source, dest, cursor, nullptr);
+}
+
+uint32_t sfl_CreateCompactTree(sfl_ItemRec* source, sfl_ItemRec* dest) {
+  return CreateCompactTreeNoting(source, dest, nullptr);
 }
 
 namespace {
@@ -532,15 +579,22 @@ void WipeRecords(sfl_BaseRec* rec, const std::vector<uint32_t>& offs) {
 // handle knew it (a later rebuild can put it there), only the record itself
 // tells that it is no longer part of the tree. No one can take the space
 // meanwhile: the free map is held until it is written.
-void GiveBackRecords(sfl_ItemRec* item, uint32_t rootOff, uint32_t tempHeaderOff) {
+//
+// `read`, when given, lists the tree's records already (see RecordsRead),
+// so the tree is not walked again.
+void GiveBackRecords(sfl_ItemRec* item, uint32_t rootOff, uint32_t tempHeaderOff,
+                     const std::vector<uint32_t>* read = nullptr) {
   sfl_BaseRec* rec = item->BaseRecord;
   if (rec->FreeMapItem == nullptr) return;
   sfl_UpdateFreeMap(rec, [&](uint8_t* map, uint32_t mapLen) {
     std::vector<uint32_t> records;
-    sfl_WalkIndexTree(rec, rootOff, [&](uint32_t off, const sfl_IndexRecord&, uint64_t) {
-      records.push_back(off);
-      return true;
-    });
+    if (read != nullptr)
+      records = *read;
+    else
+      sfl_WalkIndexTree(rec, rootOff, [&](uint32_t off, const sfl_IndexRecord&, uint64_t) {
+        records.push_back(off);
+        return true;
+      });
     std::sort(records.begin(), records.end());
     WipeRecords(rec, records);
     for (const uint32_t off : records) sfl_ClearFreeMapArea(map, mapLen, off, SFL_INDEX_SIZE);
@@ -587,7 +641,8 @@ uint32_t sfl_CorrectCompactItem(sfl_ItemRec* item) {
   TempTreeBack back(item, t, tempHeaderOff);  // covers the header space from here
   headerSpace.Commit();
 
-  const uint32_t last = sfl_CreateCompactTree(item, t);
+  RecordsRead oldRecords;
+  const uint32_t last = CreateCompactTreeNoting(item, t, &oldRecords);
   async.Restore();
   Sync(item, SFL_EV_SYNC);
 
@@ -629,7 +684,7 @@ uint32_t sfl_CorrectCompactItem(sfl_ItemRec* item) {
 
   // Give back the old tree's records (its blocks now belong to the new
   // tree) and the temporary item's header.
-  GiveBackRecords(item, oldRoot, tempHeaderOff);
+  GiveBackRecords(item, oldRoot, tempHeaderOff, oldRecords.All ? &oldRecords.Offs : nullptr);
   return last;
 }
 
