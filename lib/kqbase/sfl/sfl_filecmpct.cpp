@@ -376,8 +376,6 @@ int32_t sfl_CopyOutIndexChild(int32_t itemHandle, int32_t oldFd, const sfl_Index
 namespace {
 
 constexpr uint32_t kReservedBlocks = 5;  // file header and item table: 640 bytes
-constexpr int kMaintHeaderShort = 1026;
-constexpr int kMaintRefIsItem = 1032;
 
 // Runs one clean-up step; a second error in it is swallowed and the status
 // of the first kept.
@@ -452,7 +450,7 @@ struct Rebuild {
 sfl_FileHeaderBytes ReadOldHeader(int fd, sfl_FileHeader* decoded) {
   sfl_FileHeaderBytes raw{};
   if (os_pread(fd, raw.data(), raw.size(), 0) != static_cast<ssize_t>(raw.size()))
-    ER_RAISE(ER_GROUP_MAINT, kMaintHeaderShort);
+    ER_RAISE(ER_GROUP_MAINT, SFL_R_MAINT_HEADER_SHORT);
   *decoded = sfl_DecodeFileHeader(raw);
   if (decoded->Magic != SFL_MAGIC || decoded->Type != SFL_TYPE_FILE_HEADER)
     SFL_RAISE(SFL_R_BAD_FILE);
@@ -718,7 +716,7 @@ namespace {
 // failure, unless the error library still holds it live after that.
 int32_t RunCompaction(const sfl_ItemRef* ref, int heldFd) {
   SFL_NEED_ARG(ref);
-  if (ref->Flags & SFL_ITEM_NUM_MASK) ER_RAISE(ER_GROUP_MAINT, kMaintRefIsItem);
+  if (ref->Flags & SFL_ITEM_NUM_MASK) ER_RAISE(ER_GROUP_MAINT, SFL_R_MAINT_REF_IS_ITEM);
   try {
     return Compact(*ref, heldFd);
   } catch (const er_Escape&) {

@@ -67,6 +67,17 @@ enum sfl_Reason : int {
   SFL_R_NOT_BUILT = 28897,
   SFL_R_NO_MAP_HEADER = 28898,
   SFL_R_TOO_DEEP = 28899,
+  // A request to the interest service could not be sent (its queue stayed
+  // full through every retry).
+  SFL_R_NOT_SENT = 3533,
+};
+
+// Findings of whole-file maintenance (group ER_GROUP_MAINT).
+enum sfl_MaintReason : int {
+  SFL_R_MAINT_HEADER_SHORT = 1026,  // the file header could not be read in full
+  SFL_R_MAINT_REF_IS_ITEM = 1032,   // a whole-file operation given an item's reference
+  SFL_R_MAINT_MAP_BLOCKED = 1033,   // the free-map item is a blocked item
+  SFL_R_MAINT_HEADER_WRITE = 1042,  // a short write of the repaired file header
 };
 
 #define SFL_RAISE(reason) ER_RAISE(ER_GROUP_SFL, (reason))

@@ -693,7 +693,7 @@ bool Checker::CompareFreeMap(uint64_t loc) {
     Say(1021, U(loc), h.Type);
     return false;
   }
-  if (h.Flags & BLOCKED_ITEM) ER_RAISE(ER_GROUP_MAINT, 1033);
+  if (h.Flags & BLOCKED_ITEM) ER_RAISE(ER_GROUP_MAINT, SFL_R_MAINT_MAP_BLOCKED);
   const uint64_t off = h.FileOffset;
   if (off > size_) {
     Say(1022, U(loc));
@@ -817,7 +817,7 @@ int32_t CompleteCreation(int fd, uint64_t size, uint32_t flags, bool repair) {
       os_pwrite(fd, table.data(), table.size(), h.TableOffset) != static_cast<ssize_t>(table.size()) ||
       (!map.empty() &&
        os_pwrite(fd, map.data(), map.size(), h.DataOffset) != static_cast<ssize_t>(map.size())))
-    ER_RAISE(ER_GROUP_MAINT, 1042);
+    ER_RAISE(ER_GROUP_MAINT, SFL_R_MAINT_HEADER_WRITE);
   Say(1047);
   return 1;
 }
@@ -904,7 +904,7 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
 
   sfl_FileHeaderBytes raw{};
   if (c.ReadAt(raw.data(), raw.size(), 0) != static_cast<ssize_t>(raw.size()))
-    ER_RAISE(ER_GROUP_MAINT, 1026);
+    ER_RAISE(ER_GROUP_MAINT, SFL_R_MAINT_HEADER_SHORT);
   const sfl_FileHeader fh = sfl_DecodeFileHeader(raw);
   if (fh.Magic != SFL_MAGIC) {
     Say(1027, fh.Magic);
@@ -993,7 +993,7 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
     sfl_PutU16(raw.data() + sfl_fh::UsedItems, usedItems);
     if (pendingDeletion) sfl_PutU32(raw.data() + sfl_fh::Flags, fh.Flags | ITEM_PEND_DEL);
     if (c.WriteAt(raw.data(), raw.size(), 0) != static_cast<ssize_t>(raw.size()))
-      ER_RAISE(ER_GROUP_MAINT, 1042);
+      ER_RAISE(ER_GROUP_MAINT, SFL_R_MAINT_HEADER_WRITE);
   }
   return fault;
 }
@@ -1003,7 +1003,7 @@ int32_t RunCheck(const sfl_ItemRef& ref, const char* path, bool repairAsked, FIL
 extern "C" int32_t sfl_CheckSflIntegrity2(const sfl_ItemRef* ref, int32_t repair, FILE* dump) {
   ER_TRACE_PROC("sfl_CheckSflIntegrity2");
   if (ref == nullptr) ER_RAISE(ER_GROUP_CALL, EINVAL);
-  if (ref->Flags & SFL_ITEM_NUM_MASK) ER_RAISE(ER_GROUP_MAINT, 1032);
+  if (ref->Flags & SFL_ITEM_NUM_MASK) ER_RAISE(ER_GROUP_MAINT, SFL_R_MAINT_REF_IS_ITEM);
   char path[4096];
   im_ItemRef2FName(ref, path, sizeof path);
 

@@ -340,7 +340,7 @@ void sfl_DoSendMsg(int32_t queue, const void* message, size_t textLength, int32_
     // once. No pause after the last try.
     if (errno == EAGAIN && attempt < kSendTries) mdc_MicroSleep(kFullQueuePauseUs);
   }
-  if (rc != 0) SFL_RAISE(3533);
+  if (rc != 0) SFL_RAISE(SFL_R_NOT_SENT);
 }
 
 void sfl_RecordBaseInterest(sfl_BaseRec* rec) {
