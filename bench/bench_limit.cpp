@@ -26,6 +26,8 @@
 //              cache (an index record, near enough any header);
 //   pwrite     one 384-byte positioned write into the page cache, not
 //              flushed;
+//   flush      the same write, then fdatasync: the least a flush costs
+//              (one page written back, the device's cache flushed);
 //   w3f-wait   W3's readers, started together, each doing per read only
 //              what a read by reference must: three exchanges with one
 //              echo process (the record at the open, the check and the
@@ -340,6 +342,19 @@ Figures RecordTransfer(const std::string& dir, int rounds, bool write) {
   });
 }
 
+// A 384-byte record rewritten and flushed, `rounds` times (after the
+// warm-up's 100).
+Figures FlushedWrites(const std::string& dir, int rounds) {
+  ScratchFile file(dir);
+  std::vector<uint8_t> buf(384);
+  return Timed(rounds, [&](int i) {
+    const off_t at = 4096 + static_cast<off_t>(i % 8) * 384;
+    if (pwrite(file.fd(), buf.data(), buf.size(), at) != static_cast<ssize_t>(buf.size()))
+      Fail("short record write");
+    if (fdatasync(file.fd()) != 0) Fail("fdatasync: %s", std::strerror(errno));
+  });
+}
+
 }  // namespace
 
 Figures RunLimit(const std::string& system, const std::string& dir, const Sizes& sizes) {
@@ -364,6 +379,8 @@ Figures RunLimit(const std::string& system, const std::string& dir, const Sizes&
   if (system == "lock") return LockUnlock(dir, rounds * 4);
   if (system == "pread") return RecordTransfer(dir, rounds * 4, false);
   if (system == "pwrite") return RecordTransfer(dir, rounds * 4, true);
+  // A flush takes about a millisecond on a disk like this one's.
+  if (system == "flush") return FlushedWrites(dir, std::max(100, rounds / 50));
   Fail("limit has no system %s", system.c_str());
 }
 

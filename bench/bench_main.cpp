@@ -67,7 +67,7 @@ struct StraceRun {
 std::vector<std::string> SystemsFor(const std::string& w) {
   if (w == "C1") return {"sfl"};
   if (w == "limit") return {"msgq", "msgq-poll", "msgq-qos", "file", "create", "im-new", "im-pool",
-                             "lock", "pread", "pwrite", "w3f-wait", "w3f-poll", "w3f-qos-wait", "w3f-qos-poll"};
+                             "lock", "pread", "pwrite", "flush", "w3f-wait", "w3f-poll", "w3f-qos-wait", "w3f-qos-poll"};
   // W3 runs sfl with the default cold store and with a tuned one, and with
   // services of two and four queue pairs (its four readers share one
   // serving process otherwise).
@@ -261,7 +261,7 @@ struct Summary {
   double indexRecords = NAN, pwrites = NAN;  // C1: the new tree's records, the rebuild's writes
   Sizes sizes;
   std::map<std::string, double> latency;  // "lat_*" figures, median over the runs
-  double floorUs = NAN;  // what the run's counted calls must cost, per operation (async sfl runs)
+  double floorUs = NAN;  // what the run's counted calls must cost, per operation (sfl runs)
   // sfl-qos: runs whose service was seen holding its CPU latency request
   // at the end of the run, of the runs that looked.
   int qosHeld = 0, qosLooked = 0;
@@ -273,9 +273,9 @@ struct Summary {
 // sfl-qos); a record lock half a take-and-release; an open an open and
 // close of a small file less its read; a rename, unlink or link what
 // creating and removing a file costs beyond an open; a write or truncate
-// a pwrite; any other call a pread (the cheapest call measured). Flushes
-// have no price here (an async run makes a few, for new directories), so
-// flushing runs get no floor.
+// a pwrite; a flush (fdatasync, fsync) what a flush of one rewritten
+// record adds to its write; any other call a pread (the cheapest call
+// measured).
 double FloorUs(const Figures& f, const std::vector<Summary>& summaries, bool qos) {
   std::map<std::string, double> us;
   for (const auto& sm : summaries)
@@ -285,15 +285,19 @@ double FloorUs(const Figures& f, const std::vector<Summary>& summaries, bool qos
   if (f.count("ops") == 0 || f.at("ops") <= 0) return NAN;
   const double open = std::max(us["file"] - us["pread"], us["pread"]);
   const double entry = std::max(us["create"] - us["file"], us["pread"]);
+  const double flush = us.count("flush") ? std::max(us["flush"] - us["pwrite"], us["pread"]) : NAN;
   double total = 0;
   bool any = false;
   for (const auto& [key, n] : f) {
     if (key.rfind("os_", 0) != 0) continue;
     const std::string kind = key.substr(3);
     any = true;
-    if (kind == "malloc" || kind == "msgrcv" || kind == "sleep" || kind == "fdatasync" ||
-        kind == "fsync")
+    if (kind == "malloc" || kind == "msgrcv" || kind == "sleep") continue;
+    if (kind == "fdatasync" || kind == "fsync") {
+      if (n > 0 && std::isnan(flush)) return NAN;
+      if (n > 0) total += n * flush;
       continue;
+    }
     double unit = us["pread"];
     if (kind == "msgsnd") unit = qos ? us["msgq-qos"] : us["msgq"];
     else if (kind == "lock") unit = us["lock"] / 2;
@@ -450,7 +454,7 @@ int Driver(const Options& o) {
             ++sm.qosLooked;
             if (f["qos_held_us"] >= 0) ++sm.qosHeld;
           }
-          if (sys.rfind("sfl", 0) == 0 && d == Durability::Async) {
+          if (sys.rfind("sfl", 0) == 0) {
             const double fl = FloorUs(f, summaries, sys == "sfl-qos");
             if (!std::isnan(fl)) floors.push_back(fl);
           }
@@ -597,6 +601,7 @@ int Driver(const Options& o) {
   {
     double imNew = NAN, imPool = NAN;
     double rt = NAN, rtPoll = NAN, rtQos = NAN, file = NAN, create = NAN, lock = NAN, rd = NAN, wr = NAN;
+    double flushed = NAN;
     std::map<std::string, double> w3f;
     for (const auto& sm : summaries) {
       if (sm.workload != "limit") continue;
@@ -610,6 +615,7 @@ int Driver(const Options& o) {
       if (sm.system == "lock") lock = 1e6 / sm.opsPerSec;
       if (sm.system == "pread") rd = 1e6 / sm.opsPerSec;
       if (sm.system == "pwrite") wr = 1e6 / sm.opsPerSec;
+      if (sm.system == "flush") flushed = 1e6 / sm.opsPerSec;
       if (sm.system.rfind("w3f-", 0) == 0) w3f[sm.system] = sm.opsPerSec;
     }
     if (!std::isnan(rt) || !std::isnan(file)) {
@@ -619,6 +625,7 @@ int Driver(const Options& o) {
                   "released %.2f us; a 384-byte pread %.2f us, pwrite %.2f us\n",
                   rt, rtPoll, file, create, lock, rd, wr);
       std::printf("the round trip with a CPU latency request of 0 held: %.1f us\n", rtQos);
+      std::printf("a 384-byte record rewritten and flushed (fdatasync): %.0f us\n", flushed);
       std::printf("a new container file, 4 KiB written and given up: %.1f us made anew,\n"
                   "%.1f us taken from the container pool\n", imNew, imPool);
       auto at = [&](const char* k) { return w3f.count(k) != 0 ? w3f[k] : NAN; };
