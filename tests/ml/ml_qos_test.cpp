@@ -165,17 +165,22 @@ TEST(CpuLatencyRequest, OnlyAValidValueIsEverRequested) {
     ::setenv("SFL_MONITOR_CPU_LATENCY_US", bad, 1);
     ::setenv("SFL_MONITOR_CPU_LATENCY_DEV", Device().c_str(), 1);
     ml_Qos qos;
+    EXPECT_FALSE(qos.TakeAtOnce()) << bad;
     EXPECT_FALSE(qos.Update(true)) << bad;
     EXPECT_EQ(qos.HeldUs(), -1) << bad;
   }
   ::setenv("SFL_MONITOR_CPU_LATENCY_US", "2000000", 1);
   ml_Qos qos;
+  // A client's request takes it at once while it is wanted and not held.
+  EXPECT_TRUE(qos.TakeAtOnce());
   EXPECT_TRUE(qos.Update(true));
   EXPECT_EQ(qos.HeldUs(), 2000000);
   EXPECT_EQ(DeviceValue(), 2000000);
+  EXPECT_FALSE(qos.TakeAtOnce()) << "already held";
   EXPECT_FALSE(qos.Update(true)) << "already held";
   EXPECT_TRUE(qos.Update(false));
   EXPECT_EQ(qos.HeldUs(), -1);
+  EXPECT_TRUE(qos.TakeAtOnce());
   EXPECT_FALSE(qos.Update(false));
   ::unsetenv("SFL_MONITOR_CPU_LATENCY_US");
   ::unsetenv("SFL_MONITOR_CPU_LATENCY_DEV");
@@ -186,9 +191,35 @@ TEST(CpuLatencyRequest, ADeviceThatTakesNoValueHoldsNothing) {
   // /dev/full opens for writing and refuses every write.
   ::setenv("SFL_MONITOR_CPU_LATENCY_DEV", "/dev/full", 1);
   ml_Qos qos;
+  EXPECT_TRUE(qos.TakeAtOnce());
   EXPECT_FALSE(qos.Update(true));
+  // Once refused, a client's request no longer tries the device: only the
+  // service's checks do, at its ticks.
+  EXPECT_FALSE(qos.TakeAtOnce());
   EXPECT_FALSE(qos.Update(true));
   EXPECT_EQ(qos.HeldUs(), -1);
+  EXPECT_FALSE(qos.TakeAtOnce());
+  ::unsetenv("SFL_MONITOR_CPU_LATENCY_US");
+  ::unsetenv("SFL_MONITOR_CPU_LATENCY_DEV");
+}
+
+TEST(CpuLatencyRequest, ADeviceThatTakesTheValueAgainIsTakenAtOnceAgain) {
+  // Not there yet (it is opened without creating it): refused.
+  const std::string later = Device() + ".later";
+  ::unlink(later.c_str());
+  ::setenv("SFL_MONITOR_CPU_LATENCY_US", "7", 1);
+  ::setenv("SFL_MONITOR_CPU_LATENCY_DEV", later.c_str(), 1);
+  ml_Qos qos;
+  EXPECT_FALSE(qos.Update(true));
+  EXPECT_FALSE(qos.TakeAtOnce());
+  // A check finds it there and holds the request; once let go, the next
+  // client's request takes it at once again.
+  { std::ofstream touch(later); }
+  EXPECT_TRUE(qos.Update(true));
+  EXPECT_EQ(qos.HeldUs(), 7);
+  EXPECT_TRUE(qos.Update(false));
+  EXPECT_TRUE(qos.TakeAtOnce());
+  ::unlink(later.c_str());
   ::unsetenv("SFL_MONITOR_CPU_LATENCY_US");
   ::unsetenv("SFL_MONITOR_CPU_LATENCY_DEV");
 }
