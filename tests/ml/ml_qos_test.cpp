@@ -7,10 +7,12 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/msg.h>
 #include <unistd.h>
 
 #include "le.h"
@@ -131,6 +133,49 @@ TEST(ServiceCpuLatency, TakenAtTheFirstRequestNotAtTheNextCheck) {
   EXPECT_EQ(DeviceValue(), 25);
   ::kill(children[0], SIGCONT);
   sfl_CloseFile(base);
+}
+
+// With several queue pairs only the main process, which serves pair 0,
+// holds the request; a client whose requests go to another pair gets it at
+// its first request all the same. As above, the ticker is stopped and a
+// check just made, so only that request can take it.
+TEST(ServiceCpuLatency, TakenAtOnceForARequestThatAnotherPairServes) {
+  ::setenv("SFL_MONITOR_CPU_LATENCY_US", "25", 1);
+  ::setenv("SFL_MONITOR_CPU_LATENCY_DEV", Device().c_str(), 1);
+  { std::ofstream touch(Device()); }
+  const int pid = sfltest::StartService({"--pairs", "2"});
+  ::unsetenv("SFL_MONITOR_CPU_LATENCY_US");
+  ::unsetenv("SFL_MONITOR_CPU_LATENCY_DEV");
+  ASSERT_GT(pid, 0);
+  ml_State st;
+  ASSERT_TRUE(ml_ReadState(RunDir(), &st));
+  ASSERT_EQ(4u, st.Context.size());
+  ASSERT_EQ(1u, st.Additional.size());
+  EXPECT_TRUE(Eventually([&] { return StateLatency() == 25; }, 5));
+  EXPECT_TRUE(Eventually([&] { return StateLatency() == -1 && !HoldsOpen(pid, Device()); }, 10));
+  const std::vector<pid_t> children = sfltest::ChildrenOf(pid);
+  ASSERT_EQ(2u, children.size());  // pair 1's process and the ticker
+  const pid_t ticker = children[0] == st.Additional[0] ? children[1] : children[0];
+  ASSERT_EQ(0, ::kill(ticker, SIGSTOP));
+  EXPECT_TRUE(Eventually([&] { return sfltest::ProcessState(ticker) == 'T'; }));
+  uint8_t tick[4];
+  le_PutU32(tick, ML_MSG_TICK);
+  ASSERT_EQ(0, os_msgsnd(st.Context[0], tick, 0, 0));
+  EXPECT_TRUE(Eventually([&] { return sfltest::QueueDepth(st.Context[0]) == 0; }));
+
+  // A check of some reference, on pair 1's queue.
+  uint8_t check[4 + ML_CHECK_LEN] = {};
+  le_PutU32(check, ML_MSG_CHECK);
+  std::memset(check + 4, 0x3C, 16);
+  le_PutU32(check + 4 + 16, static_cast<uint32_t>(getpid()));
+  ASSERT_EQ(0, os_msgsnd(st.Context[2], check, ML_CHECK_LEN, 0));
+  uint8_t reply[4 + 16];
+  EXPECT_TRUE(Eventually([&] {
+    return ::msgrcv(st.Context[3], reply, 16, getpid(), IPC_NOWAIT) >= 0;
+  }, 5)) << "pair 1 answers";
+  EXPECT_TRUE(Eventually([&] { return HoldsOpen(pid, Device()); }, 2));
+  EXPECT_EQ(DeviceValue(), 25);
+  ::kill(ticker, SIGCONT);
 }
 
 TEST(ServiceCpuLatency, NeverTakenWithoutTheSetting) {

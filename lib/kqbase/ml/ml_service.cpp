@@ -105,6 +105,12 @@ struct PairStats {
 struct Shared {
   PairStats pairs[ML_MAX_PAIRS];
   ml_ServiceMetrics metrics;  // what the ticker publishes (ml_metrics.h)
+  // Only the main process holds the CPU latency request. Set by its checks
+  // while the request is wanted and not held: the next request another
+  // pair's process answers then wakes the main process with a tick, once,
+  // so that a client routed to any pair gets the request at once. True at
+  // the start: a wake-up too many costs one check.
+  std::atomic<bool> wakeMainOnRequest{true};
 };
 
 struct Server {
@@ -122,6 +128,7 @@ struct Server {
   uint64_t forged = 0;
   ml_ClusterView* cluster = nullptr;  // null: this host alone
   ml_PairMetrics* metrics = nullptr;  // this pair's block of the shared counters
+  int mainRequestQueue = -1;  // pair 0's, for the wake-up above (other pairs only)
   std::unique_ptr<ml_HolderCount> holders;
   // A client's request runs the check at once, not at the next tick: set
   // by each check while the CPU latency request is wanted and not held
@@ -362,7 +369,13 @@ void serve(Server& s, KeepGoing keepGoing) {
       sweep(s);
       s.nextSweepMs = now + kSweepMs;
     }
-    // Forged and malformed messages never run the check early.
+    // Forged and malformed messages never run the check early, here or in
+    // the main process.
+    if (answered && s.mainRequestQueue >= 0 && s.shared->wakeMainOnRequest.exchange(false)) {
+      uint8_t wake[4];
+      le_PutU32(wake, ML_MSG_TICK);
+      os_msgsnd(s.mainRequestQueue, wake, 0, IPC_NOWAIT);  // a full queue wakes it anyway
+    }
     if (tick || now >= nextCheck || (answered && s.checkOnRequest)) {
       nextCheck = now + kTickMs;
       if (s.cluster != nullptr) {
@@ -548,6 +561,7 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
       s.pair = i;
       s.requestQueue = queues[2 * i];
       s.replyQueue = queues[2 * i + 1];
+      s.mainRequestQueue = queues[0];
       s.shared = shared;
       ml_ClusterView view(cluster);
       if (cluster != nullptr) {
@@ -643,6 +657,7 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
       // A client that comes while the floor is down gets it at its first
       // request: a burst shorter than a tick would otherwise run without.
       s.checkOnRequest = qos.TakeAtOnce();
+      shared->wakeMainOnRequest.store(s.checkOnRequest);
       if (opts.IdleSeconds > 0) {
         if (entries == 0 && nowMs() - last >= int64_t{opts.IdleSeconds} * 1000) {
           logLine("idle for %d s with no interest held; stopping", opts.IdleSeconds);
