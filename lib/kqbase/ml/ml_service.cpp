@@ -105,12 +105,14 @@ struct PairStats {
 struct Shared {
   PairStats pairs[ML_MAX_PAIRS];
   ml_ServiceMetrics metrics;  // what the ticker publishes (ml_metrics.h)
-  // Only the main process holds the CPU latency request. Set by its checks
-  // while the request is wanted and not held: the next request another
-  // pair's process answers then wakes the main process with a tick, once,
-  // so that a client routed to any pair gets the request at once. True at
-  // the start: a wake-up too many costs one check.
-  std::atomic<bool> wakeMainOnRequest{true};
+  // A client's request takes the CPU latency request at once, not at the
+  // next tick. Only the main process holds it (it serves pair 0); its
+  // checks set this while the request is wanted and not held. The next
+  // request any pair answers then takes it, once: pair 0 by running the
+  // check, another pair's process by waking the main process with a tick,
+  // so that a client routed to any pair gets it. True at the start: a
+  // check too many costs little.
+  std::atomic<bool> checkOnRequest{true};
 };
 
 struct Server {
@@ -128,12 +130,8 @@ struct Server {
   uint64_t forged = 0;
   ml_ClusterView* cluster = nullptr;  // null: this host alone
   ml_PairMetrics* metrics = nullptr;  // this pair's block of the shared counters
-  int mainRequestQueue = -1;  // pair 0's, for the wake-up above (other pairs only)
+  int mainRequestQueue = -1;  // pair 0's, to wake the main process (other pairs only)
   std::unique_ptr<ml_HolderCount> holders;
-  // A client's request runs the check at once, not at the next tick: set
-  // by each check while the CPU latency request is wanted and not held
-  // (the first message, whatever it is, runs the first check).
-  bool checkOnRequest = false;
 
   explicit Server(size_t maxEntries) : table(maxEntries, pidAlive, ml_ProcessStart) {}
 };
@@ -371,12 +369,14 @@ void serve(Server& s, KeepGoing keepGoing) {
     }
     // Forged and malformed messages never run the check early, here or in
     // the main process.
-    if (answered && s.mainRequestQueue >= 0 && s.shared->wakeMainOnRequest.exchange(false)) {
+    bool early = answered && s.shared->checkOnRequest.exchange(false);
+    if (early && s.mainRequestQueue >= 0) {
       uint8_t wake[4];
       le_PutU32(wake, ML_MSG_TICK);
       os_msgsnd(s.mainRequestQueue, wake, 0, IPC_NOWAIT);  // a full queue wakes it anyway
+      early = false;
     }
-    if (tick || now >= nextCheck || (answered && s.checkOnRequest)) {
+    if (tick || now >= nextCheck || early) {
       nextCheck = now + kTickMs;
       if (s.cluster != nullptr) {
         s.cluster->Tick();
@@ -656,8 +656,7 @@ int ml_RunClusterService(const ml_ServiceOptions& opts, ml_Cluster* cluster) {
       }
       // A client that comes while the floor is down gets it at its first
       // request: a burst shorter than a tick would otherwise run without.
-      s.checkOnRequest = qos.TakeAtOnce();
-      shared->wakeMainOnRequest.store(s.checkOnRequest);
+      shared->checkOnRequest.store(qos.TakeAtOnce());
       if (opts.IdleSeconds > 0) {
         if (entries == 0 && nowMs() - last >= int64_t{opts.IdleSeconds} * 1000) {
           logLine("idle for %d s with no interest held; stopping", opts.IdleSeconds);
